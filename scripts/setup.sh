@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Installs what building and testing ostrel needs on Debian 12.  Idempotent;
+# does nothing but check when everything is there.
+set -euo pipefail
+
+packages=(
+  cmake g++ make pkg-config libgtest-dev      # build and unit tests
+  clang llvm libbpf-dev libxdp-dev libelf-dev zlib1g-dev  # AF_XDP backend
+  iproute2 procps                             # namespaced test beds
+  python3 socat sockperf                      # unmodified programs
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" ||
+    missing+=("$p")
+done
+if ((${#missing[@]})); then
+  echo "setup: installing ${missing[*]}"
+  sudo=""; [ "$(id -u)" -eq 0 ] || sudo=sudo
+  export DEBIAN_FRONTEND=noninteractive
+  $sudo apt-get update -qq
+  $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

@@ -1,0 +1,105 @@
+/*
+ * Which sockets get a bypass record, when it goes away, and the one
+ * descriptor flag the receive path needs: non-blocking mode.
+ */
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+
+#include "ost_impl.h"
+
+/*
+ * A UDP socket of either family.  Modern runtimes ask for SOCK_CLOEXEC
+ * (python3) and SOCK_NONBLOCK (libuv) with every socket, so those two flags
+ * are accepted; any other flag leaves the socket to the kernel.
+ */
+static boolean_t
+ost_wants_record(int domain, int type, int protocol)
+{
+	if (domain != AF_INET && domain != AF_INET6)
+		return B_FALSE;
+	if ((type & ~(SOCK_CLOEXEC | SOCK_NONBLOCK)) != SOCK_DGRAM)
+		return B_FALSE;
+	return protocol == 0 || protocol == IPPROTO_UDP ? B_TRUE : B_FALSE;
+}
+
+int
+ost_socket(int domain, int type, int protocol)
+{
+	int sd = libc_socket(domain, type, protocol);
+
+	if (sd == -1 || !ost_wants_record(domain, type, protocol))
+		return sd;
+	if (!ost_add(sd, domain)) {
+		(void) real_close(sd);
+		ost_debug("%s: bypass socket creation failed\n", "socket");
+		errno = ENOMEM;
+		return -1;
+	}
+	if (type & SOCK_NONBLOCK) {
+		uost_t *up = ost_find_sd(sd);
+
+		if (up != NULL) {
+			(void) pthread_mutex_lock(&up->uost_lock);
+			up->uost_nonblock = B_TRUE;
+			ost_release_locked(up);
+			(void) pthread_mutex_unlock(&up->uost_lock);
+		}
+	}
+	return sd;
+}
+
+int
+ost_close(int fd)
+{
+	uost_t *up = ost_find_sd(fd);
+	int ret, saved_errno;
+
+	/* The kernel descriptor goes first; the record after every user left. */
+	ret = real_close(fd);
+	if (up != NULL) {
+		saved_errno = errno;
+		ost_del(up, B_FALSE);
+		errno = saved_errno;
+	}
+	return ret;
+}
+
+static void
+ost_set_nonblock(int fd, boolean_t on)
+{
+	uost_t *up = ost_find_sd(fd);
+
+	if (up == NULL)
+		return;
+	(void) pthread_mutex_lock(&up->uost_lock);
+	up->uost_nonblock = on;
+	ost_release_locked(up);
+	(void) pthread_mutex_unlock(&up->uost_lock);
+}
+
+/*
+ * F_SETFL before the real call.  Clearing O_NONBLOCK clears the mark too:
+ * the receive path reads it as "the descriptor is non-blocking", and a
+ * program that switches back to blocking expects its receives to wait.
+ */
+void
+ost_note_fl_change(int fd, int cmd, unsigned long arg)
+{
+	if (cmd != F_SETFL)
+		return;
+	ost_set_nonblock(fd, (arg & (O_NONBLOCK | O_NDELAY)) != 0 ?
+	    B_TRUE : B_FALSE);
+}
+
+/* ioctl(FIONBIO) is how python3 and others switch non-blocking mode. */
+void
+ost_note_fionbio(int fd, unsigned long request, const void *argp)
+{
+	int on;
+
+	if (request != FIONBIO || argp == NULL)
+		return;
+	on = *(const int *)argp;
+	ost_set_nonblock(fd, on != 0 ? B_TRUE : B_FALSE);
+}

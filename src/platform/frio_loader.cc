@@ -1,0 +1,81 @@
+#include "platform/frio_loader.h"
+
+#include <dlfcn.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "ost_impl.h"
+
+const ost_frio_ops_t *ost_frio;
+
+static pthread_once_t frio_once = PTHREAD_ONCE_INIT;	/* guards the load */
+static ost_frio_ops_t frio_ops;				/* written once */
+static const char *frio_path = "libfrio.so.1";		/* tests only */
+
+void
+ost_frio_set_path(const char *path)
+{
+	frio_path = path;
+}
+
+template <typename Fn>
+static bool
+resolve(void *lib, Fn *slot, const char *name)
+{
+	*slot = reinterpret_cast<Fn>(dlsym(lib, name));
+	if (*slot == NULL) {
+		ost_debug("%s: %s: %s\n", "ost_frio_load", name, dlerror());
+		return false;
+	}
+	return true;
+}
+
+static void
+frio_load(void)
+{
+	void *lib = dlopen(frio_path, RTLD_NOW | RTLD_LOCAL);
+
+	if (lib == NULL) {
+		ost_debug("%s: cannot load %s: %s\n", "ost_frio_load",
+		    frio_path, dlerror());
+		return;
+	}
+	if (resolve(lib, &frio_ops.open, "frio_open") &&
+	    resolve(lib, &frio_ops.close, "frio_close") &&
+	    resolve(lib, &frio_ops.get_mac_addr, "frio_get_mac_addr") &&
+	    resolve(lib, &frio_ops.setup_rx, "frio_setup_rx") &&
+	    resolve(lib, &frio_ops.handle2statid, "frio_handle2statid") &&
+	    resolve(lib, &frio_ops.tx_vec, "frio_tx_vec") &&
+	    resolve(lib, &frio_ops.rx_get, "frio_rx_get") &&
+	    resolve(lib, &frio_ops.rx_put, "frio_rx_put") &&
+	    resolve(lib, &frio_ops.status2str, "frio_status2str") &&
+	    resolve(lib, &frio_ops.get_fd, "frio_get_fd")) {
+		__atomic_store_n(&ost_frio, &frio_ops, __ATOMIC_RELEASE);
+		return;
+	}
+	(void) dlclose(lib);
+}
+
+frio_status_t
+ost_frio_open(const char *ifname, frio_open_args_t *args, frio_handle_t *hdlp)
+{
+	(void) pthread_once(&frio_once, frio_load);
+	if (ost_frio == NULL)
+		return FRIO_STATUS_DLERR;
+	return ost_frio->open(ifname, args, hdlp);
+}
+
+const char *
+ost_frio_status2str(frio_status_t status, char *buf, size_t len)
+{
+	const ost_frio_ops_t *ops = __atomic_load_n(&ost_frio, __ATOMIC_ACQUIRE);
+
+	if (ops != NULL)
+		return ops->status2str(status, buf, len);
+	(void) snprintf(buf, len, "%s",
+	    status == FRIO_STATUS_OK ? "success" :
+	    "frame-access library libfrio.so.1 cannot be loaded "
+	    "(install it next to ostrel.so.1)");
+	return buf;
+}

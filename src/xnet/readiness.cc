@@ -1,0 +1,17 @@
+/* poll and select. */
+#include "xnet/entry.h"
+
+OST_EXPORT int
+poll(struct pollfd *fds, nfds_t nfds, int timeout)
+{
+	OST_ENTRY();
+	return real_poll(fds, nfds, timeout);
+}
+
+OST_EXPORT int
+select(int nfds, fd_set *rfds, fd_set *wfds, fd_set *efds,
+    struct timeval *timeout)
+{
+	OST_ENTRY();
+	return real_select(nfds, rfds, wfds, efds, timeout);
+}

@@ -1,0 +1,38 @@
+/* The receive calls. */
+#include "xnet/entry.h"
+
+OST_EXPORT ssize_t
+recvfrom(int fd, void *buf, size_t len, int flags, struct sockaddr *from,
+    socklen_t *fromlen)
+{
+	OST_ENTRY();
+	return libc_recvfrom(fd, buf, len, flags, from, fromlen);
+}
+
+OST_EXPORT ssize_t
+recv(int fd, void *buf, size_t len, int flags)
+{
+	return recvfrom(fd, buf, len, flags, NULL, NULL);
+}
+
+OST_EXPORT ssize_t
+read(int fd, void *buf, size_t len)
+{
+	OST_ENTRY();
+	return real_read(fd, buf, len);
+}
+
+OST_EXPORT ssize_t
+recvmsg(int fd, struct msghdr *msg, int flags)
+{
+	OST_ENTRY();
+	return xrecvmsg(fd, msg, flags);
+}
+
+OST_EXPORT int
+recvmmsg(int fd, struct mmsghdr *vec, unsigned int vlen, int flags,
+    struct timespec *timeout)
+{
+	OST_ENTRY();
+	return xrecvmmsg(fd, vec, vlen, flags, timeout);
+}

@@ -1,0 +1,38 @@
+/* The transmit calls. */
+#include "xnet/entry.h"
+
+OST_EXPORT ssize_t
+send(int fd, const void *buf, size_t len, int flags)
+{
+	OST_ENTRY();
+	return libc_send(fd, buf, len, flags);
+}
+
+OST_EXPORT ssize_t
+sendto(int fd, const void *buf, size_t len, int flags,
+    const struct sockaddr *to, socklen_t tolen)
+{
+	OST_ENTRY();
+	return xsendto(fd, buf, len, flags, to, tolen);
+}
+
+OST_EXPORT ssize_t
+write(int fd, const void *buf, size_t len)
+{
+	OST_ENTRY();
+	return real_write(fd, buf, len);
+}
+
+OST_EXPORT ssize_t
+sendmsg(int fd, const struct msghdr *msg, int flags)
+{
+	OST_ENTRY();
+	return xsendmsg(fd, msg, flags);
+}
+
+OST_EXPORT int
+sendmmsg(int fd, struct mmsghdr *vec, unsigned int vlen, int flags)
+{
+	OST_ENTRY();
+	return xsendmmsg(fd, vec, vlen, flags);
+}

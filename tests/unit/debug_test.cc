@@ -1,0 +1,151 @@
+/* The debug log's destinations and format, the fatal switch, address text. */
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <stdio.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "support.h"
+
+extern FILE *ost_debug_fp;
+extern int ost_debug_fd;
+
+namespace {
+
+std::string
+log_path()
+{
+	return "/tmp/ost_debug." + std::to_string((long)getpid());
+}
+
+std::string
+slurp(const std::string &path)
+{
+	std::ifstream in(path);
+	std::stringstream ss;
+	ss << in.rdbuf();
+	return ss.str();
+}
+
+class DebugTest : public ::testing::Test {
+protected:
+	void SetUp() override
+	{
+		ost_test_init();
+		saved_flag_ = ost_debug_flag;
+		saved_fp_ = ost_debug_fp;
+	}
+	void TearDown() override
+	{
+		if (ost_debug_fp != saved_fp_ && ost_debug_fp != stderr)
+			fclose(ost_debug_fp);
+		ost_debug_flag = saved_flag_;
+		ost_debug_fp = saved_fp_;
+		unlink(log_path().c_str());
+	}
+	int saved_flag_;
+	FILE *saved_fp_;
+};
+
+TEST_F(DebugTest, OffWritesNothingAndKeepsErrno)
+{
+	ost_debug_flag = 0;
+	ost_debug_init(B_FALSE);
+	std::string out = capture_stderr([](void *) {
+		errno = EMSGSIZE;
+		ost_debug("%s: never %d\n", "f", 1);
+		EXPECT_EQ(errno, EMSGSIZE);
+	}, nullptr);
+	EXPECT_EQ(out, "");
+}
+
+TEST_F(DebugTest, StandardErrorLineHasPrefixAndKeepsErrno)
+{
+	ost_debug_flag = 1;
+	ost_debug_init(B_FALSE);
+	std::string out = capture_stderr([](void *) {
+		errno = ECONNREFUSED;
+		ost_debug("%s: real %d not bound: %s\n", "bind", 7, "x");
+		EXPECT_EQ(errno, ECONNREFUSED);
+	}, nullptr);
+	EXPECT_EQ(out, "ost: bind: real 7 not bound: x\n");
+}
+
+TEST_F(DebugTest, FileIsPerProcessPrivateAndTruncated)
+{
+	unlink(log_path().c_str());
+	ost_debug_flag = 3;
+	ost_debug_init(B_TRUE);
+	ASSERT_NE(ost_debug_fp, stderr);
+	struct stat st;
+	ASSERT_EQ(stat(log_path().c_str(), &st), 0);
+	EXPECT_EQ(st.st_mode & 0777, 0600u);
+	EXPECT_TRUE(fcntl(ost_debug_fd, F_GETFD) & FD_CLOEXEC);
+	ost_debug("%s: stale\n", "f");
+	fclose(ost_debug_fp);
+
+	/* A later process with the same id starts the file anew. */
+	ost_debug_init(B_TRUE);
+	ost_debug("%s: one\n", "f");
+	ost_debug("%s: two\n", "g");
+	EXPECT_EQ(slurp(log_path()), "ost: f: one\nost: g: two\n");
+}
+
+/* A /tmp that cannot be written: lines go to standard error instead. */
+TEST_F(DebugTest, UnwritableTmpFallsBackToStandardError)
+{
+	if (geteuid() != 0)
+		GTEST_SKIP() << "needs root for a private mount namespace";
+	pid_t pid = fork();
+	ASSERT_GE(pid, 0);
+	if (pid == 0) {
+		if (unshare(CLONE_NEWNS) != 0 ||
+		    mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL) != 0 ||
+		    mount("tmpfs", "/tmp", "tmpfs", MS_RDONLY, NULL) != 0)
+			_exit(77);
+		ost_debug_flag = 2;
+		ost_debug_init(B_TRUE);
+		_exit(ost_debug_fp == stderr ? 0 : 1);
+	}
+	int status;
+	ASSERT_EQ(waitpid(pid, &status, 0), pid);
+	ASSERT_TRUE(WIFEXITED(status));
+	if (WEXITSTATUS(status) == 77)
+		GTEST_SKIP() << "cannot mount a read-only /tmp here";
+	EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST_F(DebugTest, ErrExitReturnsWhenOffAndEndsTheProcessWhenOn)
+{
+	err_exit = B_FALSE;
+	ost_err_exit("no reason");	/* returns */
+
+	EXPECT_EXIT({
+		err_exit = B_TRUE;
+		ost_err_exit("interface not found");
+	}, ::testing::ExitedWithCode(1),
+	    "^ostrel.so: cannot set up data path bypass: interface not found\n$");
+	err_exit = B_FALSE;
+}
+
+TEST(AddressText, IPv6AndMappedForms)
+{
+	struct in6_addr a;
+
+	inet_pton(AF_INET6, "fe80::1:2", &a);
+	EXPECT_STREQ(ost_ntoa_v6(&a), "fe80::1:2");
+	inet_pton(AF_INET6, "::ffff:10.1.2.3", &a);
+	EXPECT_STREQ(ost_ntoa_v6(&a), "::ffff:10.1.2.3");
+	inet_pton(AF_INET6, "1111:2222:3333:4444:5555:6666:7777:8888", &a);
+	EXPECT_STREQ(ost_ntoa_v6(&a), "1111:2222:3333:4444:5555:6666:7777:8888");
+}
+
+} // namespace

@@ -1,0 +1,28 @@
+/* The frame-access library is loaded at the first open, or reported missing. */
+#include <gtest/gtest.h>
+
+#include "platform/frio_loader.h"
+#include "support.h"
+
+namespace {
+
+TEST(FrioLoader, MissingLibraryIsAClearFailure)
+{
+	ost_test_init();
+	char buf[80];
+
+	/* Before any load the loader has its own texts. */
+	EXPECT_STRNE(ost_frio_status2str(FRIO_STATUS_DLERR, buf, sizeof (buf)),
+	    "");
+	ost_frio_set_path("/nonexistent/libfrio.so.1");
+	frio_handle_t h = nullptr;
+	EXPECT_EQ(ost_frio_open("lo", nullptr, &h), FRIO_STATUS_DLERR);
+	EXPECT_EQ(h, nullptr);
+	EXPECT_EQ(ost_frio, nullptr);
+	const char *text = ost_frio_status2str(FRIO_STATUS_DLERR, buf,
+	    sizeof (buf));
+	EXPECT_NE(std::string(text).find("libfrio.so.1"), std::string::npos);
+	EXPECT_LT(strlen(text), sizeof (buf));
+}
+
+} // namespace

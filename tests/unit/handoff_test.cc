@@ -1,0 +1,150 @@
+/*
+ * Before fork, exec and spawn: preload variables edited, every record torn
+ * down, every socket back on the kernel path, holders waited for.
+ */
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <stdarg.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support.h"
+
+namespace {
+
+std::string
+cleaned(const char *value)
+{
+	setenv("LD_PRELOAD", value, 1);
+	ost_env_cleanup("LD_PRELOAD");
+	const char *v = getenv("LD_PRELOAD");
+	return v ? v : "<unset>";
+}
+
+TEST(EnvCleanup, BlanksTheLibraryWordKeepingTheLength)
+{
+	const std::string blank18(18, ' '), blank11(11, ' ');
+	EXPECT_EQ(cleaned("/a/liba.so /opt/x/ostrel.so.1 /b/libb.so"),
+	    "/a/liba.so " + blank18 + " /b/libb.so");
+	EXPECT_EQ(cleaned("/opt/x/ostrel.so.1"), blank18);
+	EXPECT_EQ(cleaned("ostrel.so.1 /b/libb.so"), blank11 + " /b/libb.so");
+	/* Colons do not separate words: the whole word goes. */
+	EXPECT_EQ(cleaned("/a.so:/ostrel.so.1"), blank18);
+	EXPECT_EQ(cleaned("/a/liba.so /b/libb.so"), "/a/liba.so /b/libb.so");
+	EXPECT_EQ(cleaned(""), "");
+	/* Only the first occurrence. */
+	EXPECT_EQ(cleaned("ostrel.so.1 ostrel.so.1"), blank11 + " ostrel.so.1");
+
+	unsetenv("LD_PRELOAD_32");
+	ost_env_cleanup("LD_PRELOAD_32");
+	EXPECT_EQ(getenv("LD_PRELOAD_32"), nullptr);
+	unsetenv("LD_PRELOAD");
+}
+
+std::vector<std::string>
+argv_of(char *const *envp_expect, const char *arg0, ...)
+{
+	va_list ap;
+	char *const *envp = nullptr;
+	va_start(ap, arg0);
+	char **argv = ost_list_argv(arg0, ap, envp_expect ? &envp : nullptr);
+	va_end(ap);
+	std::vector<std::string> out;
+	for (char **p = argv; *p != nullptr; p++)
+		out.push_back(*p);
+	if (envp_expect) {
+		EXPECT_EQ(envp, envp_expect);
+	}
+	free(argv);
+	return out;
+}
+
+TEST(ListArgv, BuildsTheVectorAndFindsTheEnvironment)
+{
+	using V = std::vector<std::string>;
+	EXPECT_EQ(argv_of(nullptr, "true", (char *)NULL), V{ "true" });
+	EXPECT_EQ(argv_of(nullptr, "ls", "-l", "/tmp", (char *)NULL),
+	    (V{ "ls", "-l", "/tmp" }));
+	char *env[] = { (char *)"A=1", nullptr };
+	EXPECT_EQ(argv_of(env, "env", "-0", (char *)NULL, env),
+	    (V{ "env", "-0" }));
+}
+
+class CleanupTest : public ::testing::Test {
+protected:
+	void SetUp() override { ost_test_init(); ost_cleanup(); }
+	void TearDown() override { ost_cleanup(); }
+};
+
+TEST_F(CleanupTest, EmptiesTheRegistryAndGivesSocketsBackToTheKernel)
+{
+	struct sockaddr_storage addr;
+	int sd = bound_udp_socket(AF_INET, &addr);
+	ASSERT_TRUE(ost_add(sd, AF_INET));
+	const so_ost_opt_t on = { B_TRUE, 1, 1 };
+	ASSERT_EQ(ost_kernel_bypass_set(sd, &on), 0);
+	for (int i = 0; i < 40; i++)
+		ASSERT_TRUE(ost_add(kFakeFd + i, i % 2 ? AF_INET6 : AF_INET));
+
+	ost_cleanup();
+	EXPECT_EQ(registry_size(), 0);
+	so_ost_opt_t got;
+	EXPECT_FALSE(ost_kernel_bypass_get(sd, &got));
+
+	int tx = libc_socket(AF_INET, SOCK_DGRAM, 0);
+	libc_sendto(tx, "x", 1, 0, (struct sockaddr *)&addr,
+	    sizeof (struct sockaddr_in));
+	struct pollfd pfd = { sd, POLLIN, 0 };
+	EXPECT_EQ(poll(&pfd, 1, 1000), 1) << "the kernel path stayed silent";
+	close(tx);
+	close(sd);
+}
+
+/* A thread inside a call on a record holds up the clean-up until it leaves. */
+TEST_F(CleanupTest, WaitsForThreadsInsideTheLibrary)
+{
+	ASSERT_TRUE(ost_add(kFakeFd, AF_INET));
+	uost_t *up = ost_find_sd(kFakeFd);
+	std::atomic<bool> done{false};
+	std::atomic<bool> saw_closing{false};
+
+	std::thread holder([&] {
+		/* As a waiting receiver does: notice closing, then leave. */
+		pthread_mutex_lock(&up->uost_lock);
+		while (!up->uost_closing) {
+			pthread_mutex_unlock(&up->uost_lock);
+			usleep(200);
+			pthread_mutex_lock(&up->uost_lock);
+		}
+		saw_closing = true;
+		usleep(20000);
+		EXPECT_FALSE(done);
+		ost_release_locked(up);
+		pthread_mutex_unlock(&up->uost_lock);
+	});
+	ost_cleanup();
+	done = true;
+	holder.join();
+	EXPECT_TRUE(saw_closing);
+	EXPECT_EQ(registry_size(), 0);
+}
+
+/* close() racing the clean-up on the same record frees it exactly once. */
+TEST_F(CleanupTest, RacesWithClose)
+{
+	for (int round = 0; round < 300; round++) {
+		int sd = libc_socket(AF_INET, SOCK_DGRAM, 0);
+		ASSERT_TRUE(ost_add(sd, AF_INET));
+		std::thread closer([&] { EXPECT_EQ(ost_close(sd), 0); });
+		ost_cleanup();
+		closer.join();
+		ASSERT_EQ(registry_size(), 0);
+	}
+}
+
+} // namespace

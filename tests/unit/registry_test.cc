@@ -1,0 +1,207 @@
+/*
+ * The registry and its reference protocol: lookups, collisions, reuse, and
+ * teardowns that meet other threads, including another teardown.
+ */
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "support.h"
+
+namespace {
+
+class RegistryTest : public ::testing::Test {
+protected:
+	void SetUp() override
+	{
+		ost_test_init();
+		ost_cleanup();
+		ASSERT_EQ(registry_size(), 0);
+	}
+	void TearDown() override { ost_cleanup(); }
+};
+
+/* Takes a record off the registry for good, as close() does. */
+void
+remove_record(int sd)
+{
+	uost_t *up = ost_find_sd(sd);
+	ASSERT_NE(up, nullptr);
+	ost_del(up, B_FALSE);
+}
+
+TEST_F(RegistryTest, FrameTemplateIsReadyForEachFamily)
+{
+	ASSERT_TRUE(ost_add(kFakeFd, AF_INET));
+	ASSERT_TRUE(ost_add(kFakeFd + 1, AF_INET6));
+	uost_t *v4 = ost_find_sd(kFakeFd);
+	uost_t *v6 = ost_find_sd(kFakeFd + 1);
+
+	/* The IP header sits on a 4-byte boundary, the UDP header after it. */
+	EXPECT_EQ((uintptr_t)v4->uost_iph % 4, 0u);
+	EXPECT_EQ((uint8_t *)v4->uost_udph - (uint8_t *)v4->uost_eth, 34);
+	EXPECT_EQ(v4->uost_hdr_len, 42u);
+	EXPECT_EQ(ntohs(v4->uost_eth->ether_type), ETHERTYPE_IP);
+	const uint8_t *ip = (const uint8_t *)v4->uost_iph;
+	EXPECT_EQ(ip[0], 0x45);		/* version 4, 5 words */
+	EXPECT_EQ(ip[6], 0x40);		/* don't fragment */
+	EXPECT_EQ(ip[8], 64);
+	EXPECT_EQ(ip[9], IPPROTO_UDP);
+	EXPECT_EQ(v4->uost_ip6h, nullptr);
+	EXPECT_FALSE(v4->uost_is_v6);
+
+	EXPECT_EQ((uint8_t *)v6->uost_udph - (uint8_t *)v6->uost_eth, 54);
+	EXPECT_EQ(v6->uost_hdr_len, 62u);
+	EXPECT_EQ(v6->uost_ip_hdr_len, 48u);
+	EXPECT_EQ(ntohs(v6->uost_eth->ether_type), ETHERTYPE_IPV6);
+	ip = (const uint8_t *)v6->uost_ip6h;
+	EXPECT_EQ(ip[0], 0x60);
+	EXPECT_EQ(ip[6], IPPROTO_UDP);
+	EXPECT_EQ(ip[7], 64);
+	EXPECT_EQ(v6->uost_iph, nullptr);
+	EXPECT_TRUE(v6->uost_is_v6);
+
+	for (uost_t *up : { v4, v6 }) {
+		EXPECT_EQ(up->uost_refcnt, 2u);
+		EXPECT_FALSE(up->uost_bound || up->uost_frio_set ||
+		    up->uost_kernel_set || up->uost_nonblock);
+		ost_release(up);
+	}
+}
+
+TEST_F(RegistryTest, SharedBucketFindsEachByItsNumber)
+{
+	const int fds[] = { 3 + 11 * 100000, 14 + 11 * 100000, 25 + 11 * 100000 };
+	for (int fd : fds)
+		ASSERT_TRUE(ost_add(fd, AF_INET));
+	for (int fd : fds) {
+		uost_t *up = ost_find_sd(fd);
+		ASSERT_NE(up, nullptr);
+		EXPECT_EQ(up->uost_sd, fd);
+		EXPECT_EQ(up->uost_list_head, &fd_tbl_array[fd % 11].ft_head);
+		ost_release(up);
+	}
+	remove_record(fds[1]);
+	EXPECT_EQ(ost_find_sd(fds[1]), nullptr);
+	for (int fd : { fds[0], fds[2] }) {
+		uost_t *up = ost_find_sd(fd);
+		ASSERT_NE(up, nullptr);
+		EXPECT_EQ(refcnt_of(up), 2u);
+		ost_release(up);
+	}
+}
+
+TEST_F(RegistryTest, MissingDescriptorChangesNothing)
+{
+	ASSERT_TRUE(ost_add(kFakeFd, AF_INET));
+	EXPECT_EQ(ost_find_sd(kFakeFd + 11), nullptr);
+	uost_t *up = ost_find_sd(kFakeFd);
+	EXPECT_EQ(refcnt_of(up), 2u);
+	ost_release(up);
+}
+
+TEST_F(RegistryTest, ReusedNumberFindsTheNewestRecord)
+{
+	ASSERT_TRUE(ost_add(kFakeFd, AF_INET));
+	uost_t *old_rec = ost_find_sd(kFakeFd);
+	ASSERT_TRUE(ost_add(kFakeFd, AF_INET6));	/* reused before teardown */
+	uost_t *new_rec = ost_find_sd(kFakeFd);
+	EXPECT_NE(old_rec, new_rec);
+	EXPECT_TRUE(new_rec->uost_is_v6);
+	ost_release(new_rec);
+
+	ost_del(old_rec, B_FALSE);	/* the old close finishes */
+	uost_t *up = ost_find_sd(kFakeFd);
+	EXPECT_EQ(up, new_rec);
+	ost_release(up);
+}
+
+TEST_F(RegistryTest, TeardownWaitsForEveryHolder)
+{
+	ASSERT_TRUE(ost_add(kFakeFd, AF_INET));
+	uost_t *holder = ost_find_sd(kFakeFd);
+	std::atomic<bool> deleted{false};
+
+	std::thread closer([&] {
+		ost_del(ost_find_sd(kFakeFd), B_FALSE);
+		deleted = true;
+	});
+	/* The closer unlinks the record, then waits on our reference. */
+	pthread_mutex_lock(&holder->uost_lock);
+	while (!holder->uost_closing) {
+		pthread_mutex_unlock(&holder->uost_lock);
+		usleep(100);
+		pthread_mutex_lock(&holder->uost_lock);
+	}
+	pthread_mutex_unlock(&holder->uost_lock);
+	usleep(20000);
+	EXPECT_FALSE(deleted);
+	ost_release(holder);
+	closer.join();
+	EXPECT_TRUE(deleted);
+	EXPECT_EQ(registry_size(), 0);
+}
+
+/*
+ * Two teardowns of one record at once (close and a demotion): exactly one
+ * frees it, neither waits for the other forever, and the one that loses
+ * leaves the kernel option alone once close has run.
+ */
+TEST_F(RegistryTest, RacingTeardownsFreeOnce)
+{
+	for (int round = 0; round < 500; round++) {
+		ASSERT_TRUE(ost_add(kFakeFd, AF_INET));
+		uost_t *a = ost_find_sd(kFakeFd);
+		uost_t *b = ost_find_sd(kFakeFd);
+		ASSERT_EQ(a, b);
+		std::thread t1([&] { ost_del(a, B_TRUE); });
+		std::thread t2([&] { ost_del(b, B_FALSE); });
+		t1.join();
+		t2.join();
+		ASSERT_EQ(ost_find_sd(kFakeFd), nullptr);
+	}
+}
+
+/* Lookups and releases from many threads while records come and go. */
+TEST_F(RegistryTest, ConcurrentUseAndClose)
+{
+	constexpr int kFds = 8, kRounds = 300;
+	std::atomic<bool> stop{false};
+	std::atomic<long> hits{0};
+	std::vector<std::thread> users;
+
+	for (int t = 0; t < 3; t++) {
+		users.emplace_back([&, t] {
+			while (!stop) {
+				for (int i = 0; i < kFds; i++) {
+					uost_t *up = ost_find_sd(kFakeFd + i);
+					if (up == nullptr)
+						continue;
+					pthread_mutex_lock(&up->uost_lock);
+					EXPECT_EQ(up->uost_sd, kFakeFd + i);
+					up->uost_stats.osts_opkts++;
+					ost_release_locked(up);
+					pthread_mutex_unlock(&up->uost_lock);
+					hits++;
+				}
+				if (t == 0)
+					std::this_thread::yield();
+			}
+		});
+	}
+	for (int r = 0; r < kRounds; r++) {
+		for (int i = 0; i < kFds; i++)
+			ASSERT_TRUE(ost_add(kFakeFd + i, AF_INET));
+		for (int i = 0; i < kFds; i++)
+			remove_record(kFakeFd + i);
+	}
+	stop = true;
+	for (auto &t : users)
+		t.join();
+	EXPECT_EQ(registry_size(), 0);
+}
+
+} // namespace

@@ -1,0 +1,120 @@
+/* Which sockets get records, close and its errno, non-blocking marks. */
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "support.h"
+
+namespace {
+
+class SocketCallsTest : public ::testing::Test {
+protected:
+	void SetUp() override { ost_test_init(); ost_cleanup(); }
+	void TearDown() override { ost_cleanup(); }
+};
+
+boolean_t
+nonblock_mark(int fd)
+{
+	uost_t *up = ost_find_sd(fd);
+	if (up == nullptr)
+		return B_FALSE;
+	pthread_mutex_lock(&up->uost_lock);
+	boolean_t mark = up->uost_nonblock;
+	ost_release_locked(up);
+	pthread_mutex_unlock(&up->uost_lock);
+	return mark;
+}
+
+TEST_F(SocketCallsTest, OnlyUdpOverIpGetsARecord)
+{
+	const struct {
+		int domain, type, protocol;
+		bool record, nonblock;
+	} cases[] = {
+		{ AF_INET, SOCK_DGRAM, 0, true, false },
+		{ AF_INET6, SOCK_DGRAM, IPPROTO_UDP, true, false },
+		{ AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0, true, false },
+		{ AF_INET6, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, true, true },
+		{ AF_INET, SOCK_STREAM, 0, false, false },
+		{ AF_UNIX, SOCK_DGRAM, 0, false, false },
+		{ AF_INET, SOCK_DGRAM, IPPROTO_ICMP, false, false },
+		{ AF_INET, SOCK_RAW, IPPROTO_UDP, false, false },
+	};
+	for (auto &c : cases) {
+		int fd = ost_socket(c.domain, c.type, c.protocol);
+		if (fd < 0 && (errno == EPERM || errno == EACCES ||
+		    errno == EPROTONOSUPPORT))
+			continue;	/* ping and raw sockets need privileges */
+		ASSERT_GE(fd, 0) << c.domain << "/" << c.type << ": " << errno;
+		uost_t *up = ost_find_sd(fd);
+		EXPECT_EQ(up != nullptr, c.record) << c.domain << "/" << c.type;
+		if (up != nullptr) {
+			EXPECT_EQ(up->uost_is_v6, c.domain == AF_INET6);
+			ost_release(up);
+			EXPECT_EQ(nonblock_mark(fd), c.nonblock);
+		}
+		EXPECT_EQ(ost_close(fd), 0);
+		EXPECT_EQ(ost_find_sd(fd), nullptr);
+	}
+	EXPECT_EQ(registry_size(), 0);
+}
+
+TEST_F(SocketCallsTest, KernelFailurePassesThrough)
+{
+	errno = 0;
+	EXPECT_EQ(ost_socket(AF_INET, SOCK_DGRAM, IPPROTO_TCP), -1);
+	EXPECT_EQ(errno, EPROTONOSUPPORT);
+	EXPECT_EQ(registry_size(), 0);
+}
+
+/* The record goes whatever the real close says, and its errno stays. */
+TEST_F(SocketCallsTest, CloseReturnsTheRealResult)
+{
+	ASSERT_TRUE(ost_add(kFakeFd, AF_INET));	/* no such descriptor */
+	errno = 0;
+	EXPECT_EQ(ost_close(kFakeFd), -1);
+	EXPECT_EQ(errno, EBADF);
+	EXPECT_EQ(ost_find_sd(kFakeFd), nullptr);
+
+	int fd = ost_socket(AF_INET, SOCK_DGRAM, 0);
+	EXPECT_EQ(ost_close(fd), 0);
+	EXPECT_EQ(fcntl(fd, F_GETFD), -1);	/* really closed */
+
+	int pipefd[2];
+	ASSERT_EQ(pipe(pipefd), 0);
+	EXPECT_EQ(ost_close(pipefd[0]), 0);	/* no record: plain close */
+	EXPECT_EQ(ost_close(pipefd[1]), 0);
+}
+
+TEST_F(SocketCallsTest, NonblockingMarkFollowsFcntlAndIoctl)
+{
+	int fd = ost_socket(AF_INET, SOCK_DGRAM, 0);
+	ASSERT_GE(fd, 0);
+
+	ost_note_fl_change(fd, F_SETFL, O_RDWR | O_NONBLOCK);
+	EXPECT_TRUE(nonblock_mark(fd));
+	ost_note_fl_change(fd, F_GETFL, 0);	/* not a change */
+	EXPECT_TRUE(nonblock_mark(fd));
+	ost_note_fl_change(fd, F_SETFD, 0);
+	EXPECT_TRUE(nonblock_mark(fd));
+	ost_note_fl_change(fd, F_SETFL, O_RDWR);
+	EXPECT_FALSE(nonblock_mark(fd));
+
+	int on = 1, off = 0;
+	ost_note_fionbio(fd, FIONBIO, &on);
+	EXPECT_TRUE(nonblock_mark(fd));
+	ost_note_fionbio(fd, FIONREAD, &off);	/* another request */
+	EXPECT_TRUE(nonblock_mark(fd));
+	ost_note_fionbio(fd, FIONBIO, &off);
+	EXPECT_FALSE(nonblock_mark(fd));
+
+	/* Descriptors without a record are left alone. */
+	ost_note_fl_change(0, F_SETFL, O_NONBLOCK);
+	EXPECT_EQ(registry_size(), 1);
+	ost_close(fd);
+}
+
+} // namespace
