@@ -211,4 +211,6 @@ int ost_kernel_bypass_set(int sd, const so_ost_opt_t *opt);
 void ost_kernel_bypass_forget(int sd);
 boolean_t ost_kernel_bypass_get(int sd, so_ost_opt_t *opt);
 
+#include "sub/resolve.h"
+
 #endif /* OST_IMPL_H */

@@ -1,0 +1,240 @@
+/*
+ * IPv4 link-address resolution: the Ethernet address and interface of a
+ * next hop, or of an address of this host.
+ *
+ * Linux keeps no neighbour entries for its own addresses, so those are
+ * answered from the interface list with the interface's own address.  A
+ * neighbour comes from the neighbour table; when the table has no complete
+ * entry, one TCP connection attempt to port 1 makes the kernel resolve the
+ * address (a refusal is as good as a connection: either way the address
+ * answered), and the table is asked once more.
+ */
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <string.h>
+#include <sys/socket.h>
+
+#include "sub/netlink.h"
+#include "sub/resolve.h"
+
+/* How long the provoking connection attempt may take. */
+#define OST_TMP_CONNECT_MS 500
+
+typedef enum { OWN_NO = 0, OWN_YES, OWN_FAIL } own_t;
+
+/*
+ * Whether addr is one of this host's addresses; if so, the owner's index,
+ * name (the label cut at its colon) and own Ethernet address.
+ */
+static own_t
+own_addr_v4(const char *fn, const struct in_addr *addr,
+    struct ether_addr *ether, uint32_t *if_index, char *if_name)
+{
+	struct ifaddrs *list, *ifa;
+	own_t own = OWN_NO;
+
+	if (getifaddrs(&list) != 0) {
+		/* The neighbour table may still know the address. */
+		ost_debug("%s: getifaddrs: %d\n", fn, errno);
+		return OWN_NO;
+	}
+	for (ifa = list; ifa != NULL; ifa = ifa->ifa_next) {
+		const struct sockaddr_in *sin =
+		    (const struct sockaddr_in *)ifa->ifa_addr;
+		char name[OST_IFNAME_SIZE];
+		struct ether_addr ea;
+		uint32_t index;
+
+		if (sin == NULL || sin->sin_family != AF_INET ||
+		    sin->sin_addr.s_addr != addr->s_addr)
+			continue;
+		ost_if_name_copy(name, ifa->ifa_name);
+		index = if_nametoindex(name);
+		if (index == 0) {
+			ost_debug("%s: if_nametoindex: %s: %d\n", fn, name,
+			    errno);
+			own = OWN_FAIL;
+			break;
+		}
+		if (!ost_if_ether(list, index, fn, &ea)) {
+			own = OWN_FAIL;
+			break;
+		}
+		*if_index = index;
+		if (if_name != NULL)
+			memcpy(if_name, name, sizeof (name));
+		*ether = ea;
+		own = OWN_YES;
+		break;
+	}
+	freeifaddrs(list);
+	return own;
+}
+
+static boolean_t
+get_eaddr_v4(const struct in_addr *addr, struct ether_addr *ether,
+    uint32_t *if_index, char *if_name)
+{
+	const char *fn = "ost_get_eaddr_v4";
+	boolean_t provoked = B_FALSE;
+	char name[IF_NAMESIZE];
+	ost_nl_neigh_t nb;
+	ost_nl_t nl;
+
+	if (addr == NULL || ether == NULL || if_index == NULL)
+		return B_FALSE;
+	switch (own_addr_v4(fn, addr, ether, if_index, if_name)) {
+	case OWN_YES:
+		return B_TRUE;
+	case OWN_FAIL:
+		return B_FALSE;
+	case OWN_NO:
+		break;
+	}
+	if (!ost_nl_open(&nl)) {
+		ost_debug("%s: socket: %d\n", fn, errno);
+		return B_FALSE;
+	}
+	for (;;) {
+		if (ost_nl_neigh_query(&nl, AF_INET, addr, 0, &nb) ==
+		    OST_NL_ERROR) {
+			ost_debug("%s: SIOCGXARP: %d\n", fn, nb.nn_error);
+			goto fail;
+		}
+		if (nb.nn_complete)
+			break;
+		if (!nb.nn_found) {
+			char text[INET_ADDRSTRLEN];
+
+			ost_debug("%s: SIOCGXARP no entry: %s\n", fn,
+			    inet_ntop(AF_INET, addr, text, sizeof (text)));
+			if (provoked)
+				goto fail;
+		} else if (provoked) {
+			ost_debug("%s: SIOCGXARP: !ATF_COM", fn);
+			goto fail;
+		}
+		if (!ost_tmp_connect(AF_INET, addr))
+			goto fail;
+		provoked = B_TRUE;
+	}
+	ost_nl_close(&nl);
+	/* Never more than the 6 bytes the output holds. */
+	if (nb.nn_lladdr_len != ETHER_ADDR_LEN) {
+		ost_debug("%s: mismatched MAC address length: %d\n", fn,
+		    (int)nb.nn_lladdr_len);
+		return B_FALSE;
+	}
+	*if_index = nb.nn_ifindex;
+	if (if_name != NULL) {
+		if (if_indextoname(nb.nn_ifindex, name) == NULL)
+			return B_FALSE;
+		ost_if_name_copy(if_name, name);
+	}
+	memcpy(ether->ether_addr_octet, nb.nn_lladdr, ETHER_ADDR_LEN);
+	return B_TRUE;
+fail:
+	ost_nl_close(&nl);
+	return B_FALSE;
+}
+
+boolean_t
+ost_get_eaddr_v4(const struct in_addr *addr, struct ether_addr *ether,
+    uint32_t *if_index, char *if_name)
+{
+	int saved_errno = errno;
+	boolean_t ok = get_eaddr_v4(addr, ether, if_index, if_name);
+
+	errno = saved_errno;
+	return ok;
+}
+
+/* The outcome of the attempt on fd, waiting until deadline. */
+static int
+tmp_connect_wait(int fd, hrtime_t deadline)
+{
+	for (;;) {
+		struct pollfd pfd = { fd, POLLOUT, 0 };
+		hrtime_t left = deadline - gethrtime();
+		socklen_t len = sizeof (int);
+		int err = 0, n;
+
+		if (left <= 0)
+			return ETIMEDOUT;
+		n = real_poll(&pfd, 1, (int)((left + 999999) / 1000000));
+		if (n < 0 && errno != EINTR)
+			return errno;
+		if (n <= 0)
+			continue;
+		if (libc_getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) < 0)
+			return errno;
+		return err;
+	}
+}
+
+static boolean_t
+tmp_connect(int family, const void *addr)
+{
+	const char *fn = "ost_tmp_connect";
+	struct sockaddr_storage ss;
+	socklen_t sslen;
+	struct linger lg = { 1, 0 };
+	hrtime_t deadline;
+	int fd, err;
+
+	memset(&ss, 0, sizeof (ss));
+	if (family == AF_INET) {
+		struct sockaddr_in *sin = (struct sockaddr_in *)&ss;
+
+		sin->sin_family = AF_INET;
+		sin->sin_port = htons(1);
+		memcpy(&sin->sin_addr, addr, sizeof (sin->sin_addr));
+		sslen = sizeof (*sin);
+	} else if (family == AF_INET6) {
+		struct sockaddr_in6 *sin6 = (struct sockaddr_in6 *)&ss;
+
+		sin6->sin6_family = AF_INET6;
+		sin6->sin6_port = htons(1);
+		memcpy(&sin6->sin6_addr, addr, sizeof (sin6->sin6_addr));
+		sslen = sizeof (*sin6);
+	} else {
+		return B_FALSE;
+	}
+	/* Non-blocking, so that the wait below is what bounds the attempt. */
+	fd = libc_socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC,
+	    IPPROTO_TCP);
+	if (fd < 0) {
+		ost_debug("%s: socket: %d\n", fn, errno);
+		return B_FALSE;
+	}
+	/* Closing then aborts whatever the attempt reached, leaving nothing
+	 * behind on either side. */
+	if (libc_setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof (lg)) < 0) {
+		ost_debug("%s: setsockopt: %d\n", fn, errno);
+		(void) real_close(fd);
+		return B_FALSE;
+	}
+	deadline = gethrtime() + (hrtime_t)OST_TMP_CONNECT_MS * 1000000;
+	err = libc_connect(fd, (struct sockaddr *)&ss, sslen) == 0 ? 0 : errno;
+	if (err == EINPROGRESS)
+		err = tmp_connect_wait(fd, deadline);
+	(void) real_close(fd);
+	if (err == 0 || err == ECONNREFUSED)
+		return B_TRUE;
+	ost_debug("%s: connect: %d\n", fn, err);
+	return B_FALSE;
+}
+
+boolean_t
+ost_tmp_connect(int family, const void *addr)
+{
+	int saved_errno = errno;
+	boolean_t ok = tmp_connect(family, addr);
+
+	errno = saved_errno;
+	return ok;
+}
