@@ -197,6 +197,37 @@ int ost_close(int fd);
 void ost_note_fl_change(int fd, int cmd, unsigned long arg);
 void ost_note_fionbio(int fd, unsigned long request, const void *argp);
 
+/* Bind, connect and the receive filter. */
+int ost_bind_call(int fd, const struct sockaddr *addr, socklen_t len);
+int ost_bind(uost_t *up);
+boolean_t ost_frio_bind(uost_t *up);
+boolean_t ost_set_filter(uost_t *up, const struct in6_addr *addr,
+    in_port_t port, const struct ether_addr *mac);
+int ost_connect_call(int fd, const struct sockaddr *addr, socklen_t len);
+boolean_t ost_connect(uost_t *up, const struct sockaddr *addr, socklen_t len);
+
+/* The frame template and the destination set-up (uost_lock held). */
+void ost_hdr_csum_v4(struct ip *iph, struct udphdr *udph);
+void ost_hdr_csum_v6(struct ip6_hdr *ip6h, struct udphdr *udph);
+boolean_t ost_sendto_frio_set_v4(uost_t *up, const struct sockaddr_in *sin,
+    boolean_t do_bind);
+boolean_t ost_sendto_frio_set_v6(uost_t *up, const struct sockaddr_in6 *sin6,
+    boolean_t do_bind);
+
+/*
+ * Transmit.  ost_send and ost_sendmsg consume the caller's reference; the
+ * *_call functions are the whole interposed calls.
+ */
+ssize_t ost_send(uost_t *up, const void *buf, size_t len);
+ssize_t ost_sendto(int sd, const void *buf, size_t len, int flags,
+    const struct sockaddr *to, socklen_t tolen);
+ssize_t ost_send_call(int sd, const void *buf, size_t len, int flags);
+ssize_t ost_write_call(int sd, const void *buf, size_t len);
+ssize_t ost_sendmsg(int sd, uost_t *up, const struct msghdr *msg, int flags);
+ssize_t ost_sendmsg_call(int sd, const struct msghdr *msg, int flags);
+int ost_sendmmsg_call(int sd, struct mmsghdr *vec, unsigned int vlen,
+    int flags);
+
 /* Multicast groups to Ethernet addresses. */
 void ost_maddr_ip2e_v4(uint32_t group, struct ether_addr *ether);
 void ost_maddr_ip2e_v6(const struct in6_addr *group, struct ether_addr *ether);
@@ -212,5 +243,6 @@ void ost_kernel_bypass_forget(int sd);
 boolean_t ost_kernel_bypass_get(int sd, so_ost_opt_t *opt);
 
 #include "sub/resolve.h"
+#include "core/receive.h"
 
 #endif /* OST_IMPL_H */

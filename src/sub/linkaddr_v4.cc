@@ -53,6 +53,12 @@ own_addr_v4(const char *fn, const struct in_addr *addr,
 		    sin->sin_addr.s_addr != addr->s_addr)
 			continue;
 		ost_if_name_copy(name, ifa->ifa_name);
+		/* Frames through an interface that is down go nowhere. */
+		if (!(ifa->ifa_flags & IFF_UP)) {
+			ost_debug("%s: %s is down\n", fn, name);
+			own = OWN_FAIL;
+			break;
+		}
 		index = if_nametoindex(name);
 		if (index == 0) {
 			ost_debug("%s: if_nametoindex: %s: %d\n", fn, name,
@@ -237,4 +243,33 @@ ost_tmp_connect(int family, const void *addr)
 
 	errno = saved_errno;
 	return ok;
+}
+
+boolean_t
+ost_if_addr_v4(const char *if_name, struct in_addr *addr)
+{
+	int saved_errno = errno;
+	struct ifaddrs *list, *ifa;
+	boolean_t found = B_FALSE;
+
+	if (getifaddrs(&list) != 0) {
+		errno = saved_errno;
+		return B_FALSE;
+	}
+	for (ifa = list; ifa != NULL; ifa = ifa->ifa_next) {
+		char name[OST_IFNAME_SIZE];
+
+		if (ifa->ifa_addr == NULL || ifa->ifa_addr->sa_family != AF_INET ||
+		    !(ifa->ifa_flags & IFF_UP))
+			continue;
+		ost_if_name_copy(name, ifa->ifa_name);
+		if (strcmp(name, if_name) != 0)
+			continue;
+		*addr = ((const struct sockaddr_in *)ifa->ifa_addr)->sin_addr;
+		found = B_TRUE;
+		break;
+	}
+	freeifaddrs(list);
+	errno = saved_errno;
+	return found;
 }

@@ -48,6 +48,12 @@ boolean_t ost_get_eaddr_v4(const struct in_addr *addr,
     struct ether_addr *ether, uint32_t *if_index, char *if_name);
 
 /*
+ * The first address of interface if_name that is up (any label of it), the
+ * source address of frames sent through that interface.
+ */
+boolean_t ost_if_addr_v4(const char *if_name, struct in_addr *addr);
+
+/*
  * A TCP connection attempt to port 1 of addr (struct in_addr for AF_INET,
  * struct in6_addr for AF_INET6), given up after 500 ms.  B_TRUE when the
  * address answered, by accepting or refusing.

@@ -69,12 +69,12 @@ OST_EXPORT int
 bind(int fd, const struct sockaddr *addr, socklen_t len)
 {
 	OST_ENTRY();
-	return xbind(fd, addr, len);
+	return ost_bind_call(fd, addr, len);
 }
 
 OST_EXPORT int
 connect(int fd, const struct sockaddr *addr, socklen_t len)
 {
 	OST_ENTRY();
-	return xconnect(fd, addr, len);
+	return ost_connect_call(fd, addr, len);
 }

@@ -1,0 +1,81 @@
+#!/usr/bin/env bash
+# A preloaded sender's datagrams reach an unmodified kernel receiver, byte
+# for byte, through the frame-access library: every send call, IPv4 and
+# IPv6, on-link and through a router namespace, with each real backend.
+# The sender's own kernel counters (Udp OutDatagrams) prove that the
+# datagrams did not pass through its UDP send path, and that a sender whose
+# set-up fails uses it.
+#
+#   A (sender) ---- B (receiver, router) ---- C (receiver behind B)
+set -euo pipefail
+. "$(dirname "$0")/../lib/netns.sh"
+require_root
+SEND=$OSTREL_BUILD/tests/udp_send
+RECV=$(dirname "$0")/udp_recv.py
+[ -x "$SEND" ] || fail "no $SEND"
+netns_pair
+
+# C behind B: 10.N.77.0/24 and fd00:77:T::/64.
+net=${IP4_A%.*.1}
+tag=${IP6_A#fd00:0:}; tag=${tag%%::1}
+NS_C=ostC$tag
+ip netns add "$NS_C" && NETNS_LIST+=("$NS_C")
+ip link add "bc$tag" netns "$NS_B" type veth peer name "cb$tag" netns "$NS_C"
+ip -n "$NS_B" addr add "$net.77.1/24" dev "bc$tag"
+ip -n "$NS_C" addr add "$net.77.2/24" dev "cb$tag"
+ip -n "$NS_B" addr add "fd00:77:$tag::1/64" dev "bc$tag" nodad
+ip -n "$NS_C" addr add "fd00:77:$tag::2/64" dev "cb$tag" nodad
+ip -n "$NS_B" link set "bc$tag" up
+ip -n "$NS_C" link set "cb$tag" up
+ip -n "$NS_C" link set lo up
+in_ns "$NS_B" sysctl -qw net.ipv4.ip_forward=1 net.ipv6.conf.all.forwarding=1
+ip -n "$NS_A" route add "$net.77.0/24" via "$IP4_B"
+ip -n "$NS_A" -6 route add "fd00:77:$tag::/64" via "$IP6_B"
+ip -n "$NS_C" route add default via "$net.77.1"
+ip -n "$NS_C" -6 route add default via "fd00:77:$tag::1"
+REMOTE4=$net.77.2 REMOTE6=fd00:77:$tag::2
+
+COUNT=40
+# run_case BACKEND CALL NS_RECV DST EXPECT: one sender, one receiver;
+# EXPECT is "bypass" (no kernel UDP send in A) or "kernel".
+run_case() {
+  local backend=$1 call=$2 ns=$3 dst=$4 expect=$5 port out0 out1 sent got
+  port=$((20000 + RANDOM % 20000))
+  in_ns "$ns" python3 "$RECV" "$dst" "$port" "$COUNT" >"$NETNS_TMP/got" \
+    2>"$NETNS_TMP/ready" &
+  NETNS_PIDS+=($!)
+  local pid=$!
+  wait_udp_port "$ns" "$port"
+  out0=$(udp_counter "$NS_A" OutDatagrams)
+  in_ns "$NS_A" env LD_PRELOAD="$OSTREL_LIB" FRIO_BACKEND="$backend" \
+    "$SEND" "$call" "$dst" "$port" "$COUNT" >"$NETNS_TMP/sent" ||
+    fail "$backend $call $dst: sender failed"
+  out1=$(udp_counter "$NS_A" OutDatagrams)
+  wait "$pid" || true
+  sent=$(sort "$NETNS_TMP/sent" | md5sum)
+  got=$(sort "$NETNS_TMP/got" | md5sum)
+  [ "$(wc -l <"$NETNS_TMP/got")" -eq "$COUNT" ] ||
+    fail "$backend $call $dst: $(wc -l <"$NETNS_TMP/got") of $COUNT arrived"
+  [ "$sent" = "$got" ] || fail "$backend $call $dst: payloads differ"
+  if [ "$expect" = bypass ]; then
+    [ $((out1 - out0)) -eq 0 ] ||
+      fail "$backend $call $dst: $((out1 - out0)) datagrams through the kernel"
+  else
+    [ $((out1 - out0)) -ge "$COUNT" ] ||
+      fail "$backend $call $dst: fallback not through the kernel"
+  fi
+  echo "ok: $backend $call $dst ($expect)"
+}
+
+for backend in xdp packet; do
+  for call in sendto send write sendmsg sendmmsg; do
+    run_case "$backend" "$call" "$NS_B" "$IP4_B" bypass
+    run_case "$backend" "$call" "$NS_B" "$IP6_B" bypass
+  done
+  run_case "$backend" sendto "$NS_C" "$REMOTE4" bypass
+  run_case "$backend" send "$NS_C" "$REMOTE6" bypass
+done
+# A handle that cannot be opened: the set-up falls back, nothing is lost.
+run_case nonexistent sendto "$NS_B" "$IP4_B" kernel
+run_case nonexistent sendmsg "$NS_B" "$IP6_B" kernel
+echo "transmit: passed"
