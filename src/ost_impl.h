@@ -228,6 +228,29 @@ ssize_t ost_sendmsg_call(int sd, const struct msghdr *msg, int flags);
 int ost_sendmmsg_call(int sd, struct mmsghdr *vec, unsigned int vlen,
     int flags);
 
+/* Socket options: 0 keeps the socket on the bypass, -1 takes it off. */
+int ost_setsockopt(int sd, int level, int optname, const void *optval,
+    socklen_t optlen);
+int ost_getsockopt(int sd, int level, int optname, void *optval,
+    socklen_t *optlen);
+int ost_process_v4_opt(uost_t *up, int optname, const void *optval,
+    socklen_t optlen);
+int ost_process_v6_opt(uost_t *up, int optname, const void *optval);
+
+/* Multicast membership and the outgoing interface: 0, or -1 to leave. */
+typedef struct ost_mcast_if {
+	struct in_addr omi_addr;	/* an address of the interface... */
+	uint32_t omi_index;		/* ...or its index, when not 0 */
+} ost_mcast_if_t;
+int ost_multicast_join_v4(uost_t *up, uint32_t if_index,
+    const struct in_addr *group);
+int ost_multicast_join_v6(uost_t *up, uint32_t if_index,
+    const struct in6_addr *group);
+int ost_multicast_leave(uost_t *up, uint32_t if_index,
+    const struct in6_addr *group);
+/* optval: an ost_mcast_if_t for IP_MULTICAST_IF, an index for IPv6. */
+int ost_process_mcast_if(uost_t *up, int optname, const void *optval);
+
 /* Multicast groups to Ethernet addresses. */
 void ost_maddr_ip2e_v4(uint32_t group, struct ether_addr *ether);
 void ost_maddr_ip2e_v6(const struct in6_addr *group, struct ether_addr *ether);

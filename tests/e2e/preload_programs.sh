@@ -14,7 +14,7 @@ maps=$(preloaded "$NS_A" sh -c 'cat /proc/$$/maps')
 grep -q ostrel.so.1 <<<"$maps" || fail "ostrel.so.1 was not loaded"
 # The frame-access library is loaded only when a handle is opened.
 if grep -q libfrio <<<"$maps"; then fail "libfrio loaded without a handle"; fi
-out=$(preloaded "$NS_A" python3 -c 'print(sum(range(10)))')
+out=$(preloaded "$NS_A" "$PYTHON3" -c 'print(sum(range(10)))')
 [ "$out" = 45 ] || fail "python3 printed '$out'"
 
 # 2. UDP both ways between the namespaces, python3 with timeouts and
@@ -46,9 +46,9 @@ except BlockingIOError:
 PY
 for dst in "$IP4_B" "$IP6_B"; do
   port=$((20000 + RANDOM % 10000))
-  bg "$NS_B" env LD_PRELOAD="$OSTREL_LIB" python3 "$NETNS_TMP/echo.py" "$dst" "$port" 3
+  bg "$NS_B" env LD_PRELOAD="$OSTREL_LIB" "$PYTHON3" "$NETNS_TMP/echo.py" "$dst" "$port" 3
   wait_udp_port "$NS_B" "$port"
-  out=$(preloaded "$NS_A" python3 "$NETNS_TMP/client.py" "$dst" "$port" 3)
+  out=$(preloaded "$NS_A" "$PYTHON3" "$NETNS_TMP/client.py" "$dst" "$port" 3)
   [ "$out" = "$(printf 'HELLO 0\nHELLO 1\nHELLO 2\nwould block')" ] ||
     fail "python3 UDP echo to $dst: '$out'"
 done
@@ -79,14 +79,14 @@ print(s.recv(100).decode())
 s.sendto(b"parent still works", me)
 print(s.recv(100).decode())
 PY
-out=$(preloaded "$NS_A" python3 "$NETNS_TMP/fork.py")
+out=$(preloaded "$NS_A" "$PYTHON3" "$NETNS_TMP/fork.py")
 blank=$(printf '[%*s]' ${#OSTREL_LIB} '')
 [ "$out" = "$(printf '%s\nfrom child\nparent still works' "$blank")" ] ||
   fail "fork/exec: '$out'"
 
 # 5. subprocess (vfork or posix_spawn inside python), and C's vfork and
 #    list-form execs.
-out=$(preloaded "$NS_A" python3 -c 'import subprocess; print(subprocess.run(["echo", "spawned"], capture_output=True).stdout.decode().strip())')
+out=$(preloaded "$NS_A" "$PYTHON3" -c 'import subprocess; print(subprocess.run(["echo", "spawned"], capture_output=True).stdout.decode().strip())')
 [ "$out" = spawned ] || fail "subprocess: '$out'"
 out=$(preloaded "$NS_A" "$OSTREL_BUILD/tests/vfork_probe" vfork fork execle execlp)
 grep -qx 'vfork: 7' <<<"$out" || fail "vfork+exec: '$out'"

@@ -5,6 +5,11 @@
 OSTREL_BUILD=${OSTREL_BUILD:-$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)/build}
 OSTREL_LIB=$OSTREL_BUILD/lib/ostrel.so.1
 
+# Debian's interpreter itself: a wrapper script in PATH (pyenv shims) would
+# exec it, and the preload rightly leaves exec'd programs alone.
+PYTHON3=/usr/bin/python3
+[ -x "$PYTHON3" ] || PYTHON3=$(command -v python3)
+
 NETNS_LIST=()
 NETNS_PIDS=()
 NETNS_TMP=$(mktemp -d /tmp/ostrel-test.XXXXXX)

@@ -106,8 +106,9 @@ protected:
 	{
 		for (int fd : fds_)
 			ost_close(fd);
-		if (!IsSkipped())
+		if (!IsSkipped()) {
 			EXPECT_EQ(frio_mem_open_count(), 0);
+		}
 		frio_mem_reset();
 	}
 

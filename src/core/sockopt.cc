@@ -1,0 +1,365 @@
+/*
+ * setsockopt and getsockopt.  The kernel always gets the option first, so
+ * the kernel socket holds every setting and stays a correct fallback.
+ * Then, for a bypass socket, the options that shape our frames are copied
+ * into the template, the multicast ones are carried out on the handle, and
+ * the ones the bypass path cannot honour (ancillary data, error queues,
+ * routing and delivery rules it does not follow) take the socket off it.
+ * The kernel accepted the value with its length, so it is read as the
+ * option's own type.
+ */
+#include <errno.h>
+#include <net/if.h>
+#include <netinet/udp.h>
+#include <string.h>
+
+#include "core/addr.h"
+#include "ost_impl.h"
+
+typedef enum { OST_OPT_KEEP = 0, OST_OPT_LEAVE = -1 } ost_opt_result_t;
+
+/* Options the bypass path cannot honour, by level. */
+static boolean_t
+ost_v4_opt_leaves(int optname)
+{
+	switch (optname) {
+	case IP_OPTIONS: case IP_RECVOPTS:
+	case IP_RETOPTS: /* also IP_RECVRETOPTS */ case IP_RECVTTL:
+	case IP_MULTICAST_LOOP:
+	case IP_BLOCK_SOURCE: case IP_UNBLOCK_SOURCE:
+	case IP_ADD_SOURCE_MEMBERSHIP: case IP_DROP_SOURCE_MEMBERSHIP:
+	case IP_PKTINFO: case IP_MTU_DISCOVER:
+	case IP_IPSEC_POLICY: case IP_XFRM_POLICY:
+	case MCAST_BLOCK_SOURCE: case MCAST_UNBLOCK_SOURCE:
+	case MCAST_JOIN_SOURCE_GROUP: case MCAST_LEAVE_SOURCE_GROUP:
+	/* Linux's own: ancillary data and error queues on receive... */
+	case IP_RECVTOS: case IP_RECVERR: case IP_RECVERR_RFC4884:
+	case IP_RECVORIGDSTADDR: case IP_RECVFRAGSIZE: case IP_PASSSEC:
+	/* ...and routing or delivery that the bypass does not follow. */
+	case IP_UNICAST_IF: case IP_TRANSPARENT: case IP_MINTTL:
+	case IP_ROUTER_ALERT: case IP_MULTICAST_ALL: case IP_MSFILTER:
+	case MCAST_MSFILTER:
+		return B_TRUE;
+	default:
+		return B_FALSE;
+	}
+}
+
+static boolean_t
+ost_v6_opt_leaves(int optname)
+{
+	switch (optname) {
+	case IPV6_MULTICAST_LOOP: case IPV6_PKTINFO: case IPV6_HOPLIMIT:
+	case IPV6_NEXTHOP: case IPV6_HOPOPTS: case IPV6_DSTOPTS:
+	case IPV6_RTHDR: case IPV6_RTHDRDSTOPTS: case IPV6_RECVPKTINFO:
+	case IPV6_RECVHOPLIMIT: case IPV6_RECVHOPOPTS: case IPV6_RECVRTHDR:
+	case IPV6_CHECKSUM: case IPV6_RECVTCLASS: case IPV6_DONTFRAG:
+	case IPV6_MTU_DISCOVER: case IPV6_IPSEC_POLICY: case IPV6_XFRM_POLICY:
+	case IPV6_ADDR_PREFERENCES: case IPV6_RECVPATHMTU: case IPV6_PATHMTU:
+	case IPV6_TCLASS: case IPV6_V6ONLY: case IPV6_RECVDSTOPTS:
+	case MCAST_BLOCK_SOURCE: case MCAST_UNBLOCK_SOURCE:
+	case MCAST_JOIN_SOURCE_GROUP: case MCAST_LEAVE_SOURCE_GROUP:
+	case MCAST_MSFILTER:
+	case IPV6_2292PKTINFO: case IPV6_2292HOPOPTS: case IPV6_2292DSTOPTS:
+	case IPV6_2292RTHDR: case IPV6_2292PKTOPTIONS: case IPV6_2292HOPLIMIT:
+	case IPV6_RECVERR: case IPV6_RECVORIGDSTADDR: case IPV6_RECVFRAGSIZE:
+	case IPV6_UNICAST_IF: case IPV6_TRANSPARENT: case IPV6_MINHOPCOUNT:
+	case IPV6_ROUTER_ALERT: case IPV6_MULTICAST_ALL:
+	case IPV6_JOIN_ANYCAST: case IPV6_ADDRFORM: case IPV6_AUTOFLOWLABEL:
+		return B_TRUE;
+	default:
+		return B_FALSE;
+	}
+}
+
+static boolean_t
+ost_socket_opt_leaves(int level, int optname)
+{
+	if (level == SOL_UDP)
+		return optname == UDP_GRO || optname == UDP_CORK ||
+		    optname == UDP_SEGMENT || optname == UDP_ENCAP ?
+		    B_TRUE : B_FALSE;
+	if (level != SOL_SOCKET)
+		return B_FALSE;
+	switch (optname) {
+	case SO_TIMESTAMP_OLD: case SO_TIMESTAMP_NEW:
+	case SO_TIMESTAMPNS_OLD: case SO_TIMESTAMPNS_NEW:
+	case SO_TIMESTAMPING_OLD: case SO_TIMESTAMPING_NEW:
+	case SO_RXQ_OVFL: case SO_BINDTODEVICE: case SO_BINDTOIFINDEX:
+	case SO_MARK: case SO_TXTIME: case SO_ATTACH_FILTER: case SO_ATTACH_BPF:
+		return B_TRUE;
+	default:
+		return B_FALSE;
+	}
+}
+
+/* Sets the TTL or hop limit byte of the template; uost_lock held. */
+static void
+ost_set_hops_locked(uost_t *up, uint32_t hops)
+{
+	if (up->uost_is_v6)
+		up->uost_ip6h->ip6_hlim = (uint8_t)hops;
+	else
+		up->uost_iph->ip_ttl = (uint8_t)hops;
+}
+
+static boolean_t
+ost_group_recorded(const uost_t *up)
+{
+	return IN6_IS_ADDR_UNSPECIFIED(&up->uost_ip_maddr_v6) ? B_FALSE :
+	    B_TRUE;
+}
+
+static void
+ost_set_uc_hops(uost_t *up, int hops)
+{
+	(void) pthread_mutex_lock(&up->uost_lock);
+	up->uost_uc_hops = (uint32_t)hops;
+	if (up->uost_peer_set)
+		ost_set_hops_locked(up, (uint32_t)hops);
+	(void) pthread_mutex_unlock(&up->uost_lock);
+}
+
+static void
+ost_set_mc_hops(uost_t *up, uint32_t hops)
+{
+	(void) pthread_mutex_lock(&up->uost_lock);
+	up->uost_mc_hops = hops;
+	if (ost_group_recorded(up))
+		ost_set_hops_locked(up, hops);
+	(void) pthread_mutex_unlock(&up->uost_lock);
+}
+
+/*
+ * The interface of an IPv4 membership: by index, by one of its addresses,
+ * or, for neither, the one the kernel picks: the route to the group.
+ */
+static boolean_t
+ost_member_if_v4(const struct in_addr *group, uint32_t index,
+    const struct in_addr *ifaddr, uint32_t *if_index, char *if_name)
+{
+	struct ether_addr scratch;
+	struct in_addr gw;
+	char name[IF_NAMESIZE];
+
+	if (index == 0 && ifaddr != NULL && ifaddr->s_addr != INADDR_ANY)
+		return ost_get_eaddr_v4(ifaddr, &scratch, if_index, if_name);
+	if (index == 0 && !ost_get_route_v4(group, &index, &gw))
+		return B_FALSE;
+	if (if_indextoname(index, name) == NULL)
+		return B_FALSE;
+	if (if_name != NULL) {
+		memset(if_name, 0, OST_IFNAME_SIZE);
+		memcpy(if_name, name, strlen(name));
+	}
+	*if_index = index;
+	return B_TRUE;
+}
+
+/* ip_mreq, or Linux's ip_mreqn (told apart by the length). */
+static void
+ost_read_mreq(const void *optval, socklen_t optlen, struct in_addr *group,
+    struct in_addr *ifaddr, uint32_t *index)
+{
+	const struct ip_mreqn *mn = (const struct ip_mreqn *)optval;
+
+	*group = mn->imr_multiaddr;
+	*ifaddr = mn->imr_address;
+	*index = optlen >= sizeof (struct ip_mreqn) ?
+	    (uint32_t)mn->imr_ifindex : 0;
+}
+
+static int
+ost_join_v4(uost_t *up, const struct in_addr *group, uint32_t index,
+    const struct in_addr *ifaddr)
+{
+	char name[OST_IFNAME_SIZE];
+	uint32_t if_index;
+
+	/* An interface we cannot find: the kernel socket has the group. */
+	if (!ost_member_if_v4(group, index, ifaddr, &if_index, name))
+		return OST_OPT_KEEP;
+	memcpy(up->uost_if_name, name, sizeof (name));
+	return ost_multicast_join_v4(up, if_index, group);
+}
+
+static int
+ost_leave_v4(uost_t *up, const struct in_addr *group, uint32_t index,
+    const struct in_addr *ifaddr)
+{
+	struct in6_addr mapped;
+	uint32_t if_index;
+
+	if (ost_member_if_v4(group, index, ifaddr, &if_index, NULL)) {
+		ost_map_v4(&mapped, group->s_addr);
+		(void) ost_multicast_leave(up, if_index, &mapped);
+	}
+	return OST_OPT_KEEP;
+}
+
+int
+ost_process_v4_opt(uost_t *up, int optname, const void *optval,
+    socklen_t optlen)
+{
+	struct in_addr group, ifaddr;
+	uint32_t index;
+
+	switch (optname) {
+	case IP_TOS:
+		(void) pthread_mutex_lock(&up->uost_lock);
+		up->uost_iph->ip_tos = *(const uint8_t *)optval;
+		(void) pthread_mutex_unlock(&up->uost_lock);
+		return OST_OPT_KEEP;
+	case IP_TTL:
+		ost_set_uc_hops(up, *(const int *)optval);
+		return OST_OPT_KEEP;
+	case IP_MULTICAST_TTL:
+		/* A byte or an int: on this machine's byte order the first
+		 * byte is the value either way. */
+		ost_set_mc_hops(up, *(const uint8_t *)optval);
+		return OST_OPT_KEEP;
+	case IP_MULTICAST_IF: {
+		ost_mcast_if_t want;
+
+		memset(&want, 0, sizeof (want));
+		if (optlen >= sizeof (struct ip_mreqn)) {
+			ost_read_mreq(optval, optlen, &group, &want.omi_addr,
+			    &want.omi_index);
+		} else {
+			memcpy(&want.omi_addr, optval, sizeof (want.omi_addr));
+		}
+		/* "Whatever the route says": no fixed interface to follow,
+		 * so group datagrams keep going through the kernel. */
+		if (want.omi_index == 0 && want.omi_addr.s_addr == INADDR_ANY)
+			return OST_OPT_KEEP;
+		return ost_process_mcast_if(up, IP_MULTICAST_IF, &want);
+	}
+	case IP_ADD_MEMBERSHIP:
+		ost_read_mreq(optval, optlen, &group, &ifaddr, &index);
+		return ost_join_v4(up, &group, index, &ifaddr);
+	case IP_DROP_MEMBERSHIP:
+		ost_read_mreq(optval, optlen, &group, &ifaddr, &index);
+		return ost_leave_v4(up, &group, index, &ifaddr);
+	case MCAST_JOIN_GROUP:
+	case MCAST_LEAVE_GROUP: {
+		const struct group_req *gr = (const struct group_req *)optval;
+
+		if (gr->gr_group.ss_family != AF_INET)
+			return OST_OPT_KEEP;
+		group = ((const struct sockaddr_in *)&gr->gr_group)->sin_addr;
+		return optname == MCAST_JOIN_GROUP ?
+		    ost_join_v4(up, &group, gr->gr_interface, NULL) :
+		    ost_leave_v4(up, &group, gr->gr_interface, NULL);
+	}
+	default:
+		return ost_v4_opt_leaves(optname) ? OST_OPT_LEAVE : OST_OPT_KEEP;
+	}
+}
+
+int
+ost_process_v6_opt(uost_t *up, int optname, const void *optval)
+{
+	switch (optname) {
+	case IPV6_UNICAST_HOPS:
+		ost_set_uc_hops(up, *(const int *)optval);
+		return OST_OPT_KEEP;
+	case IPV6_MULTICAST_HOPS:
+		ost_set_mc_hops(up, (uint32_t)*(const int *)optval);
+		return OST_OPT_KEEP;
+	case IPV6_MULTICAST_IF:
+		return ost_process_mcast_if(up, IPV6_MULTICAST_IF, optval);
+	case IPV6_JOIN_GROUP:
+	case IPV6_LEAVE_GROUP: {
+		const struct ipv6_mreq *mr = (const struct ipv6_mreq *)optval;
+
+		if (optname == IPV6_JOIN_GROUP)
+			return ost_multicast_join_v6(up, mr->ipv6mr_interface,
+			    &mr->ipv6mr_multiaddr);
+		return ost_multicast_leave(up, mr->ipv6mr_interface,
+		    &mr->ipv6mr_multiaddr);
+	}
+	case MCAST_JOIN_GROUP:
+	case MCAST_LEAVE_GROUP: {
+		const struct group_req *gr = (const struct group_req *)optval;
+		const struct in6_addr *group;
+
+		if (gr->gr_group.ss_family != AF_INET6)
+			return OST_OPT_LEAVE;
+		group = &((const struct sockaddr_in6 *)&gr->gr_group)->sin6_addr;
+		if (optname == MCAST_JOIN_GROUP)
+			return ost_multicast_join_v6(up, gr->gr_interface, group);
+		return ost_multicast_leave(up, gr->gr_interface, group);
+	}
+	default:
+		return ost_v6_opt_leaves(optname) ? OST_OPT_LEAVE : OST_OPT_KEEP;
+	}
+}
+
+/*
+ * IPv4 options on an IPv6 socket shape only its IPv4-mapped traffic, which
+ * never takes the bypass, except a group that would bring IPv4 frames to
+ * an IPv6 handle.
+ */
+static int
+ost_v4_opt_on_v6(int optname)
+{
+	switch (optname) {
+	case IP_ADD_MEMBERSHIP: case MCAST_JOIN_GROUP:
+	case IP_MULTICAST_IF: case IP_ADD_SOURCE_MEMBERSHIP:
+	case MCAST_JOIN_SOURCE_GROUP:
+		return OST_OPT_LEAVE;
+	default:
+		return OST_OPT_KEEP;
+	}
+}
+
+int
+ost_setsockopt(int sd, int level, int optname, const void *optval,
+    socklen_t optlen)
+{
+	uost_t *up;
+	int ret;
+
+	ret = libc_setsockopt(sd, level, optname, optval, optlen);
+	if (ret != 0 || (up = ost_find_sd(sd)) == NULL)
+		return ret;
+	if (level == IPPROTO_IP && up->uost_is_v6)
+		ret = ost_v4_opt_on_v6(optname);
+	else if (level == IPPROTO_IP)
+		ret = ost_process_v4_opt(up, optname, optval, optlen);
+	else if (level == IPPROTO_IPV6)
+		ret = ost_process_v6_opt(up, optname, optval);
+	else
+		ret = ost_socket_opt_leaves(level, optname) ? OST_OPT_LEAVE :
+		    OST_OPT_KEEP;
+	if (ret != 0) {
+		ost_debug("%s: %d leaves the bypass: level %d option %d\n",
+		    "setsockopt", sd, level, optname);
+		ost_del(up, B_TRUE);
+	} else {
+		ost_release(up);
+	}
+	return 0;
+}
+
+int
+ost_getsockopt(int sd, int level, int optname, void *optval,
+    socklen_t *optlen)
+{
+	uost_t *up;
+
+	if (level == SOL_SOCKET && optname == SO_OSTREL_STATS &&
+	    optlen != NULL && optval != NULL && (up = ost_find_sd(sd)) != NULL) {
+		(void) pthread_mutex_lock(&up->uost_lock);
+		if (*optlen >= sizeof (so_ost_stats_t) && up->uost_frio_set) {
+			memcpy(optval, &up->uost_stats, sizeof (so_ost_stats_t));
+			*optlen = sizeof (so_ost_stats_t);
+			ost_release_locked(up);
+			(void) pthread_mutex_unlock(&up->uost_lock);
+			return 0;
+		}
+		ost_release_locked(up);
+		(void) pthread_mutex_unlock(&up->uost_lock);
+	}
+	return xgetsockopt(sd, level, optname, optval, optlen);
+}

@@ -1,0 +1,147 @@
+#!/usr/bin/env bash
+# Multicast through the frame-access library, with unmodified python3
+# programs: a preloaded sender reaches kernel receivers after choosing its
+# interface, a preloaded receiver gets a kernel sender's groups whichever
+# way it joined, a leave stops delivery through the handle, and a join the
+# handle cannot follow leaves the socket to the kernel, which delivers.
+# The kernel's UDP counters of the preloaded side tell which path was used.
+set -euo pipefail
+. "$(dirname "$0")/../lib/netns.sh"
+require_root
+netns_pair
+# A second link between the namespaces, for the join on another interface.
+ip link add "x$IF_A" netns "$NS_A" type veth peer name "x$IF_B" netns "$NS_B"
+ip -n "$NS_A" link set "x$IF_A" up
+ip -n "$NS_B" link set "x$IF_B" up
+ip -n "$NS_A" route add 224.0.0.0/4 dev "$IF_A"
+ip -n "$NS_B" route add 224.0.0.0/4 dev "$IF_B"
+COUNT=20
+
+cat >"$NETNS_TMP/mc.py" <<'PY'
+import socket, struct, sys, time
+# mc.py send|recv FAMILY GROUP PORT IFNAME IFADDR HOW COUNT
+mode, fam, group, port, ifname, ifaddr, how, count = sys.argv[1:9]
+port, count = int(port), int(count)
+v6 = fam == "6"
+s = socket.socket(socket.AF_INET6 if v6 else socket.AF_INET, socket.SOCK_DGRAM)
+idx = socket.if_nametoindex(ifname)
+if mode == "send":
+    if v6:
+        s.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_MULTICAST_IF, idx)
+    else:
+        s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(ifaddr))
+    for i in range(count):
+        s.sendto(b"mc %d %s" % (i, b"x" * i), (group, port))
+        time.sleep(0.002)
+    sys.exit(0)
+
+def join(g, i, how):
+    if v6:
+        mreq = socket.inet_pton(socket.AF_INET6, g) + struct.pack("@I", i)
+        s.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_JOIN_GROUP, mreq)
+    elif how == "mreq":
+        s.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                     socket.inet_aton(g) + socket.inet_aton(ifaddr))
+    elif how == "mreqn":
+        s.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                     socket.inet_aton(g) + socket.inet_aton("0.0.0.0") + struct.pack("@i", i))
+    else:  # MCAST_JOIN_GROUP = 42, struct group_req
+        sin = struct.pack("=HH4s8x", socket.AF_INET, 0, socket.inet_aton(g))
+        greq = struct.pack("@I4x", i) + sin + b"\0" * (128 - len(sin))
+        s.setsockopt(socket.IPPROTO_IP, 42, greq)
+
+before = how.startswith("before-")
+how = how.replace("before-", "")
+if before:
+    join(group, idx, how)
+s.bind(("::" if v6 else "0.0.0.0", port))
+if not before:
+    join(group, idx, how)
+if how == "second":
+    # A second group on another interface: the handle cannot follow.
+    other = sys.argv[9]
+    join("239.9.9.9", socket.if_nametoindex(other), "mreqn")
+print("ready", flush=True)
+s.settimeout(3)
+got = 0
+for i in range(count):
+    try:
+        data = s.recv(2048)
+    except socket.timeout:
+        break
+    want = b"mc %d %s" % (i, b"x" * i)
+    if data != want:
+        print("wrong datagram %r" % data[:20]); sys.exit(1)
+    got += 1
+print("got %d" % got, flush=True)
+if how == "leave":
+    s.setsockopt(socket.IPPROTO_IP, socket.IP_DROP_MEMBERSHIP,
+                 socket.inet_aton(group) + socket.inet_aton(ifaddr))
+    print("left", flush=True)
+    s.settimeout(2)
+    try:
+        s.recv(2048); print("received after leave"); sys.exit(1)
+    except socket.timeout:
+        pass
+PY
+
+# recv_case HOW FAMILY GROUP: a preloaded receiver in B, a kernel sender in A.
+recv_case() {
+  local how=$1 fam=$2 group=$3 expect=${4:-bypass} port in0 in1 out
+  port=$((20000 + RANDOM % 20000))
+  in0=$(udp_counter "$NS_B" InDatagrams)
+  in_ns "$NS_B" env LD_PRELOAD="$OSTREL_LIB" "$PYTHON3" "$NETNS_TMP/mc.py" recv \
+    "$fam" "$group" "$port" "$IF_B" "$IP4_B" "$how" "$COUNT" "x$IF_B" \
+    >"$NETNS_TMP/recv.out" 2>&1 &
+  local pid=$!
+  NETNS_PIDS+=($pid)
+  for i in $(seq 100); do grep -q ready "$NETNS_TMP/recv.out" && break; sleep 0.05; done
+  in_ns "$NS_A" "$PYTHON3" "$NETNS_TMP/mc.py" send "$fam" "$group" "$port" \
+    "$IF_A" "$IP4_A" - "$COUNT"
+  wait "$pid" || fail "receiver $how $group: $(cat "$NETNS_TMP/recv.out")"
+  out=$(cat "$NETNS_TMP/recv.out")
+  in1=$(udp_counter "$NS_B" InDatagrams)
+  grep -q "got $COUNT" <<<"$out" || fail "receiver $how $group: $out"
+  if [ "$expect" = bypass ]; then
+    [ $((in1 - in0)) -eq 0 ] || fail "receiver $how $group: $((in1 - in0)) through the kernel"
+  else
+    [ $((in1 - in0)) -ge "$COUNT" ] || fail "receiver $how $group: not through the kernel"
+  fi
+  echo "ok: receive $how $group ($expect)"
+}
+
+# send_case FAMILY GROUP: a preloaded sender in A, a kernel receiver in B.
+send_case() {
+  local fam=$1 group=$2 port out0 out1 out
+  port=$((20000 + RANDOM % 20000))
+  in_ns "$NS_B" "$PYTHON3" "$NETNS_TMP/mc.py" recv "$fam" "$group" "$port" \
+    "$IF_B" "$IP4_B" mreqn "$COUNT" >"$NETNS_TMP/recv.out" 2>&1 &
+  local pid=$!
+  NETNS_PIDS+=($pid)
+  for i in $(seq 100); do grep -q ready "$NETNS_TMP/recv.out" && break; sleep 0.05; done
+  out0=$(udp_counter "$NS_A" OutDatagrams)
+  in_ns "$NS_A" env LD_PRELOAD="$OSTREL_LIB" _OSTREL_DEBUG=${OSTREL_DEBUG_MC:-0} "$PYTHON3" "$NETNS_TMP/mc.py" send \
+    "$fam" "$group" "$port" "$IF_A" "$IP4_A" - "$COUNT"
+  out1=$(udp_counter "$NS_A" OutDatagrams)
+  wait "$pid" || true
+  out=$(cat "$NETNS_TMP/recv.out")
+  grep -q "got $COUNT" <<<"$out" || fail "sender $group: receiver says $out"
+  [ $((out1 - out0)) -eq 0 ] || fail "sender $group: $((out1 - out0)) through the kernel"
+  echo "ok: send $group (bypass)"
+}
+
+for backend in xdp packet; do
+  export FRIO_BACKEND=$backend
+  echo "== $backend"
+  send_case 4 239.1.2.3
+  send_case 6 ff12::1:2:3
+  if [ -n "${OSTREL_MC_SEND_ONLY:-}" ]; then continue; fi
+  for how in mreq mreqn mcast before-mreq before-mreqn; do
+    recv_case "$how" 4 239.1.2.$((RANDOM % 200 + 1))
+  done
+  recv_case after 6 ff12::4:5:6
+  recv_case before-v6 6 ff12::4:5:7
+  recv_case leave 4 239.1.3.1
+  recv_case second 4 239.1.3.2 kernel
+done
+echo "multicast: passed"

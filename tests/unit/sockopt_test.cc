@@ -1,0 +1,187 @@
+/*
+ * setsockopt and getsockopt on bypass sockets: which options shape the
+ * frame template, which take the socket off the bypass, which leave it
+ * alone, and the statistics option the library answers itself.
+ */
+#include <arpa/inet.h>
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <netinet/udp.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include "frio_mem.h"
+#include "platform/frio_loader.h"
+#include "support.h"
+
+namespace {
+
+class SockOpt : public ::testing::Test {
+protected:
+	int fd_ = -1;
+
+	void SetUp() override
+	{
+		ost_test_init();
+		setenv("FRIO_BACKEND", "mem", 1);
+		fd_ = ost_socket(AF_INET, SOCK_DGRAM, 0);
+		ASSERT_GE(fd_, 0);
+	}
+
+	void TearDown() override
+	{
+		ost_close(fd_);
+		EXPECT_EQ(frio_mem_open_count(), 0);
+	}
+
+	int sock6()
+	{
+		int fd = ost_socket(AF_INET6, SOCK_DGRAM, 0);
+		EXPECT_GE(fd, 0);
+		return fd;
+	}
+
+	static uost_t *record(int fd)
+	{
+		uost_t *up = ost_find_sd(fd);
+		if (up != nullptr)
+			ost_release(up);
+		return up;
+	}
+
+	static int set_int(int fd, int level, int name, int v)
+	{
+		return ost_setsockopt(fd, level, name, &v, sizeof (v));
+	}
+
+	/* A handle and peer, as after the first sendto. */
+	void arm()
+	{
+		uost_t *up = ost_find_sd(fd_);
+		pthread_mutex_lock(&up->uost_lock);
+		ASSERT_EQ(ost_frio_open("mem0", nullptr, &up->uost_frio_hdl),
+		    FRIO_STATUS_OK);
+		up->uost_frio_set = up->uost_peer_set = B_TRUE;
+		ost_release_locked(up);
+		pthread_mutex_unlock(&up->uost_lock);
+	}
+};
+
+TEST_F(SockOpt, FrameShapingOptionsReachTheTemplate)
+{
+	uost_t *up = record(fd_);
+
+	ASSERT_EQ(set_int(fd_, IPPROTO_IP, IP_TOS, 0x10), 0);
+	EXPECT_EQ(up->uost_iph->ip_tos, 0x10);
+	/* Before a destination: remembered, the template keeps 64. */
+	ASSERT_EQ(set_int(fd_, IPPROTO_IP, IP_TTL, 5), 0);
+	EXPECT_EQ(up->uost_uc_hops, 5u);
+	EXPECT_EQ(up->uost_iph->ip_ttl, 64);
+	arm();
+	ASSERT_EQ(set_int(fd_, IPPROTO_IP, IP_TTL, 9), 0);
+	EXPECT_EQ(up->uost_iph->ip_ttl, 9);
+
+	/* A byte or an int; the template follows once a group is known. */
+	unsigned char byte = 3;
+	ASSERT_EQ(ost_setsockopt(fd_, IPPROTO_IP, IP_MULTICAST_TTL, &byte, 1),
+	    0);
+	EXPECT_EQ(up->uost_mc_hops, 3u);
+	EXPECT_EQ(up->uost_iph->ip_ttl, 9);
+	inet_pton(AF_INET6, "::ffff:239.1.1.1", &up->uost_ip_maddr_v6);
+	ASSERT_EQ(set_int(fd_, IPPROTO_IP, IP_MULTICAST_TTL, 4), 0);
+	EXPECT_EQ(up->uost_mc_hops, 4u);
+	EXPECT_EQ(up->uost_iph->ip_ttl, 4);
+
+	/* A value the kernel refuses: its error, and nothing changes. */
+	errno = 0;
+	EXPECT_EQ(set_int(fd_, IPPROTO_IP, IP_TTL, 300), -1);
+	EXPECT_EQ(errno, EINVAL);
+	EXPECT_EQ(up->uost_uc_hops, 9u);
+	EXPECT_EQ(record(fd_), up);
+
+	int fd6 = sock6();
+	uost_t *up6 = record(fd6);
+	ASSERT_EQ(set_int(fd6, IPPROTO_IPV6, IPV6_UNICAST_HOPS, 7), 0);
+	EXPECT_EQ(up6->uost_uc_hops, 7u);
+	EXPECT_EQ(up6->uost_ip6h->ip6_hlim, 64);
+	ASSERT_EQ(set_int(fd6, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, 2), 0);
+	EXPECT_EQ(up6->uost_mc_hops, 2u);
+	ost_close(fd6);
+}
+
+TEST_F(SockOpt, OptionsTheBypassCannotHonourTakeTheSocketOff)
+{
+	struct {
+		int family, level, name;
+	} leave[] = {
+		{ AF_INET, IPPROTO_IP, IP_MULTICAST_LOOP },
+		{ AF_INET, IPPROTO_IP, IP_PKTINFO },
+		{ AF_INET, IPPROTO_IP, IP_RECVERR },
+		{ AF_INET, IPPROTO_IP, IP_MTU_DISCOVER },
+		{ AF_INET6, IPPROTO_IPV6, IPV6_V6ONLY },
+		{ AF_INET6, IPPROTO_IPV6, IPV6_TCLASS },
+		{ AF_INET6, IPPROTO_IPV6, IPV6_RECVPKTINFO },
+		{ AF_INET, SOL_SOCKET, SO_TIMESTAMP },
+		{ AF_INET, SOL_SOCKET, SO_MARK },
+		{ AF_INET, SOL_UDP, UDP_GRO },
+		{ AF_INET6, SOL_UDP, UDP_CORK },
+	};
+	for (auto &o : leave) {
+		int fd = o.family == AF_INET ? ost_socket(AF_INET, SOCK_DGRAM, 0) :
+		    sock6();
+		ASSERT_EQ(set_int(fd, o.level, o.name, 1), 0)
+		    << o.level << "/" << o.name << ": " << strerror(errno);
+		EXPECT_EQ(record(fd), nullptr) << o.level << "/" << o.name;
+		ost_close(fd);
+	}
+	struct {
+		int family, level, name, value;
+	} keep[] = {
+		{ AF_INET, IPPROTO_IP, IP_FREEBIND, 1 },
+		{ AF_INET, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, 1 },
+		{ AF_INET, SOL_SOCKET, SO_REUSEADDR, 1 },
+		{ AF_INET, SOL_SOCKET, SO_RCVBUF, 1 << 20 },
+		{ AF_INET6, IPPROTO_IPV6, IPV6_RECVERR + 1000, 1 },	/* refused */
+		{ AF_INET6, IPPROTO_IP, IP_TOS, 8 },	/* mapped traffic only */
+	};
+	for (auto &o : keep) {
+		int fd = o.family == AF_INET ? ost_socket(AF_INET, SOCK_DGRAM, 0) :
+		    sock6();
+		(void) set_int(fd, o.level, o.name, o.value);
+		EXPECT_NE(record(fd), nullptr) << o.level << "/" << o.name;
+		ost_close(fd);
+	}
+}
+
+TEST_F(SockOpt, StatisticsAreAnsweredForSocketsWithAHandle)
+{
+	so_ost_stats_t st;
+	socklen_t len = sizeof (st);
+
+	/* No handle yet: the kernel does not know the option. */
+	errno = 0;
+	EXPECT_EQ(ost_getsockopt(fd_, SOL_SOCKET, SO_OSTREL_STATS, &st, &len),
+	    -1);
+	EXPECT_EQ(errno, ENOPROTOOPT);
+	arm();
+	uost_t *up = record(fd_);
+	up->uost_stats.osts_opkts = 42;
+	up->uost_stats.osts_ipkts = 7;
+	len = sizeof (st) + 8;
+	ASSERT_EQ(ost_getsockopt(fd_, SOL_SOCKET, SO_OSTREL_STATS, &st, &len),
+	    0);
+	EXPECT_EQ(len, sizeof (st));
+	EXPECT_EQ(st.osts_opkts, 42u);
+	EXPECT_EQ(st.osts_ipkts, 7u);
+	len = sizeof (st) - 1;
+	EXPECT_EQ(ost_getsockopt(fd_, SOL_SOCKET, SO_OSTREL_STATS, &st, &len),
+	    -1);
+	EXPECT_EQ(errno, ENOPROTOOPT);
+	/* Everything else is the kernel's. */
+	int type = 0;
+	len = sizeof (type);
+	EXPECT_EQ(ost_getsockopt(fd_, SOL_SOCKET, SO_TYPE, &type, &len), 0);
+	EXPECT_EQ(type, SOCK_DGRAM);
+}
+
+} // namespace
