@@ -7,4 +7,122 @@
 
 #include "ost_impl.h"
 
+/* Bytes from the start of a frame to the UDP payload. */
+#define OST_PKT_OFF_V4 42	/* Ethernet 14 + IPv4 20 + UDP 8 */
+#define OST_PKT_OFF_V6 62	/* Ethernet 14 + IPv6 40 + UDP 8 */
+
+/* Batches longer than this go to the C library whole. */
+#define OST_RECV_BATCH_MAX 1024
+
+/*
+ * What a received frame is to a socket.  The first three let the process
+ * go on; the last three end it (ost_parse_pkt_v4, ost_parse_pkt_v6).
+ */
+typedef enum {
+	OST_PKT_ACCEPT,		/* the socket's: deliver it */
+	OST_PKT_FOREIGN,	/* connected socket, another peer: drop */
+	OST_PKT_SHORT,		/* shorter than its own headers: drop */
+	OST_PKT_NOT_UDP,
+	OST_PKT_TRUNCATED,	/* its IP length runs past the frame */
+	OST_PKT_NOT_FOR_US	/* another address or port */
+} ost_pkt_verdict_t;
+
+/* The facts a verdict rests on, for the caller's outputs and messages. */
+typedef struct ost_pkt_info {
+	unsigned pi_proto;	/* protocol or next-header byte */
+	size_t pi_len;		/* UDP payload bytes, once the lengths hold */
+	in_port_t pi_dport;	/* network order */
+	in_port_t pi_sport;	/* network order */
+} ost_pkt_info_t;
+
+/*
+ * Classifies a frame of framelen bytes without acting on it.  Reads
+ * nothing beyond the frame, whatever its length fields say.
+ */
+ost_pkt_verdict_t ost_check_pkt_v4(const uost_t *up, const uint8_t *frame,
+    size_t framelen, ost_pkt_info_t *pi);
+ost_pkt_verdict_t ost_check_pkt_v6(const uost_t *up, const uint8_t *frame,
+    size_t framelen, ost_pkt_info_t *pi);
+
+/*
+ * B_TRUE: the frame is the socket's; B_FALSE: drop it.  *len is the frame
+ * length on entry and the payload length once the length check passed.
+ * payload, from and fromlen may be null (from and fromlen together).  A
+ * frame that cannot be the socket's ends the process.
+ */
+boolean_t ost_parse_pkt_v4(uost_t *up, const void *frame, uint8_t **payload,
+    size_t *len, struct sockaddr_in *from, socklen_t *fromlen);
+boolean_t ost_parse_pkt_v6(uost_t *up, const void *frame, uint8_t **payload,
+    size_t *len, struct sockaddr_in6 *from, socklen_t *fromlen);
+
+/*
+ * Validates the frame and scatters its payload over msg_iov; the sender
+ * goes to msg_name.  Bytes copied, or -1 when the frame is dropped.  Uses
+ * only msg_name, msg_namelen, msg_iov and msg_iovlen; sets no errno.
+ */
+ssize_t ost_copy_pkt(uost_t *up, struct msghdr *msg, void *frame,
+    size_t len);
+/* The same; *cut says whether part of the payload did not fit. */
+ssize_t ost_copy_pkt_cut(uost_t *up, struct msghdr *msg, const void *frame,
+    size_t len, boolean_t *cut);
+
+/*
+ * The receive slot: one thread at a time uses the stash and the handle's
+ * receive side.  ost_recv_slot_take returns B_FALSE without the slot when
+ * leave_if_closing is set and the socket is being torn down.
+ */
+boolean_t ost_recv_slot_take(uost_t *up, boolean_t leave_if_closing);
+void ost_recv_slot_give(uost_t *up);
+void ost_recv_slot_give_locked(uost_t *up);
+
+/* Whether the socket is being torn down, as far as a look that never
+ * waits for the record's lock can tell. */
+boolean_t ost_seen_closing(uost_t *up);
+
+/* Busy-waits ns nanoseconds on the clock. */
+void ost_sleep(hrtime_t ns);
+
+/*
+ * One datagram into msg; timeout in nanoseconds, 0 for none.  Consumes
+ * the caller's reference.  Bytes copied, or -1 with errno.  On delivery
+ * msg_controllen is 0 and msg_flags says MSG_TRUNC when the datagram was
+ * cut.
+ */
+ssize_t ost_recvmsg(uost_t *up, struct msghdr *msg, int flags,
+    hrtime_t timeout);
+
+/*
+ * Whether a datagram waits for the socket: the stash holds a frame, or one
+ * is fetched into it.  With validate, a fetched frame is checked first and
+ * a dropped one does not count.  Takes and gives back the receive slot.
+ */
+boolean_t ost_rx_ready(uost_t *up, boolean_t validate, const char *fn);
+
+/* The interposed receive calls. */
+ssize_t ost_recvfrom_call(int fd, void *buf, size_t len, int flags,
+    struct sockaddr *from, socklen_t *fromlen);
+ssize_t ost_read_call(int fd, void *buf, size_t len);
+ssize_t ost_recvmsg_call(int fd, struct msghdr *msg, int flags);
+int ost_recvmmsg_call(int fd, struct mmsghdr *vec, unsigned int vlen,
+    int flags, struct timespec *timeout);
+
+/* One bypass socket of a poll call, with a reference held on it. */
+typedef struct fd_uost {
+	nfds_t idx;		/* in the caller's pollfd array */
+	uost_t *up;
+} fd_uost_t;
+
+/* Readiness.  timeout: milliseconds for poll, nanoseconds for busy_poll,
+ * negative for none. */
+int ost_poll(struct pollfd *fds, nfds_t nfds, int timeout);
+int busy_poll(struct pollfd *fds, nfds_t nfds, hrtime_t timeout);
+/*
+ * poll for the receive engine waiting on self's descriptor: returns 0 as
+ * soon as it sees self being torn down.  self may be null.
+ */
+int ost_poll_wait(uost_t *self, struct pollfd *fds, nfds_t nfds,
+    int timeout);
+int ost_select(int nfds, fd_set *readfds, fd_set *writefds,
+    fd_set *errorfds, struct timeval *timeout);
+
 #endif /* OST_CORE_RECEIVE_H */

@@ -5,7 +5,7 @@ OST_EXPORT int
 poll(struct pollfd *fds, nfds_t nfds, int timeout)
 {
 	OST_ENTRY();
-	return real_poll(fds, nfds, timeout);
+	return ost_poll(fds, nfds, timeout);
 }
 
 OST_EXPORT int
@@ -13,5 +13,5 @@ select(int nfds, fd_set *rfds, fd_set *wfds, fd_set *efds,
     struct timeval *timeout)
 {
 	OST_ENTRY();
-	return real_select(nfds, rfds, wfds, efds, timeout);
+	return ost_select(nfds, rfds, wfds, efds, timeout);
 }

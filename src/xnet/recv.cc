@@ -6,27 +6,28 @@ recvfrom(int fd, void *buf, size_t len, int flags, struct sockaddr *from,
     socklen_t *fromlen)
 {
 	OST_ENTRY();
-	return libc_recvfrom(fd, buf, len, flags, from, fromlen);
+	return ost_recvfrom_call(fd, buf, len, flags, from, fromlen);
 }
 
 OST_EXPORT ssize_t
 recv(int fd, void *buf, size_t len, int flags)
 {
-	return recvfrom(fd, buf, len, flags, NULL, NULL);
+	OST_ENTRY();
+	return ost_recvfrom_call(fd, buf, len, flags, NULL, NULL);
 }
 
 OST_EXPORT ssize_t
 read(int fd, void *buf, size_t len)
 {
 	OST_ENTRY();
-	return real_read(fd, buf, len);
+	return ost_read_call(fd, buf, len);
 }
 
 OST_EXPORT ssize_t
 recvmsg(int fd, struct msghdr *msg, int flags)
 {
 	OST_ENTRY();
-	return xrecvmsg(fd, msg, flags);
+	return ost_recvmsg_call(fd, msg, flags);
 }
 
 OST_EXPORT int
@@ -34,5 +35,5 @@ recvmmsg(int fd, struct mmsghdr *vec, unsigned int vlen, int flags,
     struct timespec *timeout)
 {
 	OST_ENTRY();
-	return xrecvmmsg(fd, vec, vlen, flags, timeout);
+	return ost_recvmmsg_call(fd, vec, vlen, flags, timeout);
 }

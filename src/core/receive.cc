@@ -1,0 +1,378 @@
+/*
+ * The receive engine and the receive calls.  A bypass socket's datagrams
+ * come from its frame handle, or from its receive stash where a readiness
+ * test or a MSG_PEEK receive left one whole frame.  With nothing there a
+ * receive fails at once (non-blocking), spins on the handle with pauses of
+ * recv_sleep_time nanoseconds (RCV_BUSY_WAIT), or sleeps in poll until the
+ * handle has a frame (RCV_POLL).
+ *
+ * The receive slot gives one thread at a time the stash and the handle's
+ * receive side; uost_lock guards only the slot flags and the reference
+ * count, and is never held across the frame library, a copy or a wait.
+ * While it waits, a receive allocates nothing and calls nothing but the
+ * clock and frio_rx_get.
+ *
+ * A frame longer than the stash is never put there: a receive that takes
+ * it from the handle delivers it straight from the frame (with MSG_PEEK it
+ * is then consumed, as it cannot be kept), and a readiness test drops it.
+ */
+#include <errno.h>
+#include <limits.h>
+#include <string.h>
+
+#include "ost_impl.h"
+#include "platform/frio_loader.h"
+
+boolean_t
+ost_recv_slot_take(uost_t *up, boolean_t leave_if_closing)
+{
+	(void) pthread_mutex_lock(&up->uost_lock);
+	for (;;) {
+		if (leave_if_closing && up->uost_closing) {
+			(void) pthread_mutex_unlock(&up->uost_lock);
+			return B_FALSE;
+		}
+		if (!up->uost_receiving)
+			break;
+		up->uost_want_recv = B_TRUE;
+		(void) pthread_cond_wait(&up->uost_recv_cv, &up->uost_lock);
+	}
+	up->uost_receiving = B_TRUE;
+	up->uost_want_recv = B_FALSE;
+	(void) pthread_mutex_unlock(&up->uost_lock);
+	return B_TRUE;
+}
+
+/*
+ * The taker clears uost_want_recv, so with several waiters a single signal
+ * could leave the others asleep with the flag down: wake them all, and
+ * each one that loses the race raises the flag again before it waits.
+ */
+void
+ost_recv_slot_give_locked(uost_t *up)
+{
+	up->uost_receiving = B_FALSE;
+	if (up->uost_want_recv)
+		(void) pthread_cond_broadcast(&up->uost_recv_cv);
+}
+
+void
+ost_recv_slot_give(uost_t *up)
+{
+	(void) pthread_mutex_lock(&up->uost_lock);
+	ost_recv_slot_give_locked(up);
+	(void) pthread_mutex_unlock(&up->uost_lock);
+}
+
+/*
+ * uost_closing is written under uost_lock; a spinning receiver must not
+ * wait for that lock (a sender holds it across its transmit spins), so it
+ * looks only when the lock is free and looks again on its next turn.
+ */
+boolean_t
+ost_seen_closing(uost_t *up)
+{
+	boolean_t closing = B_FALSE;
+
+	if (pthread_mutex_trylock(&up->uost_lock) == 0) {
+		closing = up->uost_closing;
+		(void) pthread_mutex_unlock(&up->uost_lock);
+	}
+	return closing;
+}
+
+void
+ost_sleep(hrtime_t ns)
+{
+	hrtime_t end = gethrtime() + ns;
+
+	while (gethrtime() < end) {
+#if defined(__x86_64__) || defined(__i386__)
+		__builtin_ia32_pause();
+#endif
+	}
+}
+
+/* Delivers the stashed frame; -1 when validation drops it. */
+static ssize_t
+ost_recv_stash(uost_t *up, struct msghdr *msg, int flags, boolean_t *cut)
+{
+	size_t len = up->uost_recv_buf_len;
+	ssize_t n;
+
+	OST_VERIFY(up->uost_recv_buf != NULL);
+	if (!(flags & MSG_PEEK))
+		up->uost_recv_buf_len = 0;
+	n = ost_copy_pkt_cut(up, msg, up->uost_recv_buf, len, cut);
+	if (n < 0)
+		up->uost_recv_buf_len = 0;
+	return n;
+}
+
+/*
+ * Delivers frames from the handle until one is the socket's; -2 when the
+ * handle has none.  With MSG_PEEK the frame stays in the stash.
+ */
+static ssize_t
+ost_recv_handle(uost_t *up, struct msghdr *msg, int flags, boolean_t *cut)
+{
+	frio_rx_args_t rx;
+	void *frame;
+	ssize_t n;
+
+	do {
+		boolean_t kept = B_FALSE;
+
+		if (ost_frio->rx_get(up->uost_frio_hdl, &rx, &frame) !=
+		    FRIO_STATUS_OK)
+			return -2;
+		if ((flags & MSG_PEEK) && rx.ur_pkt_len <= OST_RECV_BUF_SIZE) {
+			OST_VERIFY(up->uost_recv_buf_len == 0);
+			memcpy(up->uost_recv_buf, frame, rx.ur_pkt_len);
+			up->uost_recv_buf_len = rx.ur_pkt_len;
+			kept = B_TRUE;
+		}
+		n = ost_copy_pkt_cut(up, msg, frame, rx.ur_pkt_len, cut);
+		(void) ost_frio->rx_put(up->uost_frio_hdl, frame);
+		if (n < 0 && kept)
+			up->uost_recv_buf_len = 0;
+	} while (n < 0);
+	return n;
+}
+
+/* Gives back the slot and the reference; -1 with err. */
+static ssize_t
+ost_recv_fail(uost_t *up, boolean_t holds_slot, int err)
+{
+	(void) pthread_mutex_lock(&up->uost_lock);
+	if (holds_slot)
+		ost_recv_slot_give_locked(up);
+	ost_release_locked(up);
+	(void) pthread_mutex_unlock(&up->uost_lock);
+	errno = err;
+	return -1;
+}
+
+ssize_t
+ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
+{
+	hrtime_t deadline = 0, pause = recv_sleep_time;
+	int poll_ms = -1;
+	boolean_t paused = B_FALSE, cut = B_FALSE;
+	ssize_t n;
+
+	if (timeout != 0) {
+		hrtime_t ms = timeout / 1000000 + 1;
+
+		poll_ms = ms > INT_MAX ? INT_MAX : (int)ms;
+		deadline = gethrtime();
+		deadline = timeout > INT64_MAX - deadline ? INT64_MAX :
+		    deadline + timeout;
+		if (timeout < pause)
+			pause = timeout;
+	}
+	for (;;) {
+		if (!ost_recv_slot_take(up, B_TRUE))
+			return ost_recv_fail(up, B_FALSE, EBADF);
+		if (up->uost_recv_buf_len != 0 &&
+		    (n = ost_recv_stash(up, msg, flags, &cut)) >= 0)
+			goto delivered;
+		for (;;) {
+			n = ost_recv_handle(up, msg, flags, &cut);
+			if (n >= 0)
+				goto delivered;
+			if (up->uost_nonblock || (flags & MSG_DONTWAIT))
+				return ost_recv_fail(up, B_TRUE, EAGAIN);
+			if (deadline != 0 && gethrtime() >= deadline)
+				return ost_recv_fail(up, B_TRUE, EAGAIN);
+			if (ost_seen_closing(up))
+				return ost_recv_fail(up, B_TRUE, EBADF);
+			if (recv_mode == RCV_POLL)
+				break;
+			ost_sleep(pause);
+			paused = B_TRUE;
+		}
+
+		/* RCV_POLL: sleep without the slot, so that readiness tests of
+		 * other threads may fill the stash meanwhile. */
+		ost_recv_slot_give(up);
+		struct pollfd pfd = { up->uost_sd, POLLIN, 0 };
+		int r = ost_poll_wait(up, &pfd, 1, poll_ms);
+
+		if (r == 0) {
+			/* Time-out, or poll saw the socket being torn down. */
+			(void) pthread_mutex_lock(&up->uost_lock);
+			boolean_t closing = up->uost_closing;
+			(void) pthread_mutex_unlock(&up->uost_lock);
+			return ost_recv_fail(up, B_FALSE,
+			    closing ? EBADF : EAGAIN);
+		}
+		if (r < 0 && errno == EINTR)
+			return ost_recv_fail(up, B_FALSE, EINTR);
+	}
+
+delivered:
+	msg->msg_controllen = 0;
+	msg->msg_flags = cut ? MSG_TRUNC : 0;
+	up->uost_stats.osts_ipkts++;
+	if (paused)
+		up->uost_stats.osts_ipkts_spin++;
+	(void) pthread_mutex_lock(&up->uost_lock);
+	ost_recv_slot_give_locked(up);
+	ost_release_locked(up);
+	(void) pthread_mutex_unlock(&up->uost_lock);
+	return n;
+}
+
+/*
+ * The record of a descriptor the engine may serve, with a reference; null
+ * when the C library serves it (fn: the debug line for a socket without a
+ * receive filter, or none).
+ */
+static uost_t *
+ost_recv_record(int fd, const char *fn)
+{
+	uost_t *up = ost_find_sd(fd);
+
+	if (up == NULL || up->uost_filter_set)
+		return up;
+	ost_release(up);
+	if (fn != NULL)
+		ost_debug("%s: no filter set %d\n", fn, fd);
+	return NULL;
+}
+
+ssize_t
+ost_recvfrom_call(int fd, void *buf, size_t len, int flags,
+    struct sockaddr *from, socklen_t *fromlen)
+{
+	uost_t *up = ost_recv_record(fd, "recvfrom");
+	struct iovec iov = { buf, len };
+	struct msghdr msg;
+	ssize_t n;
+
+	if (up == NULL)
+		return libc_recvfrom(fd, buf, len, flags, from, fromlen);
+	memset(&msg, 0, sizeof (msg));
+	msg.msg_name = from;
+	msg.msg_namelen = fromlen != NULL ? *fromlen : 0;
+	msg.msg_iov = &iov;
+	msg.msg_iovlen = 1;
+	n = ost_recvmsg(up, &msg, flags, 0);
+	if (fromlen != NULL)
+		*fromlen = msg.msg_namelen;
+	return n;
+}
+
+ssize_t
+ost_read_call(int fd, void *buf, size_t len)
+{
+	uost_t *up = ost_recv_record(fd, "read");
+	struct iovec iov = { buf, len };
+	struct msghdr msg;
+
+	if (up == NULL)
+		return real_read(fd, buf, len);
+	memset(&msg, 0, sizeof (msg));
+	msg.msg_iov = &iov;
+	msg.msg_iovlen = 1;
+	return ost_recvmsg(up, &msg, 0, 0);
+}
+
+/* An iovec array the engine can walk; the kernel answers the others. */
+static boolean_t
+ost_msg_ok(const struct msghdr *msg)
+{
+	return msg->msg_iovlen <= IOV_MAX &&
+	    (msg->msg_iov != NULL || msg->msg_iovlen == 0) ? B_TRUE : B_FALSE;
+}
+
+/* The X/Open recvmsg, glibc's own shape. */
+ssize_t
+ost_recvmsg_call(int fd, struct msghdr *msg, int flags)
+{
+	uost_t *up;
+
+	if (msg == NULL || !ost_msg_ok(msg))
+		return xrecvmsg(fd, msg, flags);
+	up = ost_recv_record(fd, NULL);
+	if (up == NULL)
+		return xrecvmsg(fd, msg, flags);
+	return ost_recvmsg(up, msg, flags, 0);
+}
+
+/*
+ * Linux's batch receive.  Each datagram is counted in its own entry, an
+ * empty one too; with a time-out the time left is written back, as the
+ * kernel does, once at least one datagram has arrived.
+ */
+int
+ost_recvmmsg_call(int fd, struct mmsghdr *vec, unsigned int vlen, int flags,
+    struct timespec *timeout)
+{
+	hrtime_t t = 0, deadline = 0;
+	unsigned int count = 0;
+	uost_t *up;
+
+	if (vlen < 1 || vlen > OST_RECV_BATCH_MAX || vec == NULL)
+		return xrecvmmsg(fd, vec, vlen, flags, timeout);
+	for (unsigned int i = 0; i < vlen; i++) {
+		if (!ost_msg_ok(&vec[i].msg_hdr))
+			return xrecvmmsg(fd, vec, vlen, flags, timeout);
+	}
+	if (timeout != NULL && (timeout->tv_sec < 0 || timeout->tv_nsec < 0 ||
+	    timeout->tv_nsec >= NANOSEC))
+		return xrecvmmsg(fd, vec, vlen, flags, timeout);
+	up = ost_recv_record(fd, "recvmmsg");
+	if (up == NULL)
+		return xrecvmmsg(fd, vec, vlen, flags, timeout);
+	if (timeout != NULL) {
+		t = timeout->tv_sec > (INT64_MAX - NANOSEC) / NANOSEC ?
+		    INT64_MAX - NANOSEC : (hrtime_t)timeout->tv_sec * NANOSEC;
+		t += timeout->tv_nsec;
+		if (t <= 0) {
+			ost_release(up);
+			errno = EAGAIN;
+			return -1;
+		}
+		deadline = gethrtime();
+		deadline = t > INT64_MAX - deadline ? INT64_MAX : deadline + t;
+	}
+	while (count < vlen) {
+		ssize_t r;
+
+		if ((flags & MSG_WAITFORONE) && count >= 1)
+			flags = (flags & ~MSG_WAITFORONE) | MSG_DONTWAIT;
+		/* The engine gives one reference back per datagram. */
+		(void) pthread_mutex_lock(&up->uost_lock);
+		OST_VERIFY(up->uost_refcnt != 0);
+		up->uost_refcnt++;
+		OST_VERIFY(up->uost_refcnt > 1);
+		(void) pthread_mutex_unlock(&up->uost_lock);
+		r = ost_recvmsg(up, &vec[count].msg_hdr, flags, t);
+		if (r < 0)
+			break;
+		vec[count].msg_len = (unsigned int)r;
+		count++;
+		if (deadline != 0) {
+			hrtime_t left = deadline - gethrtime();
+
+			if (left <= 0)
+				break;
+			if (left < t)
+				t = left;
+		}
+	}
+	ost_release(up);
+	if (count == 0)
+		return -1;
+	if (timeout != NULL) {
+		hrtime_t left = deadline - gethrtime();
+
+		if (left < 0)
+			left = 0;
+		timeout->tv_sec = (time_t)(left / NANOSEC);
+		timeout->tv_nsec = (long)(left % NANOSEC);
+	}
+	return (int)count;
+}

@@ -1,0 +1,295 @@
+/*
+ * poll and select over bypass sockets and ordinary descriptors.  The
+ * kernel's poll and select are wrapped to record what reaches them, so
+ * that the busy and the kernel phases are told apart by what they call.
+ */
+#include <errno.h>
+
+#include <atomic>
+#include <set>
+#include <thread>
+
+#include "recv_frames.h"
+
+namespace {
+
+std::vector<std::pair<nfds_t, int>> g_polls;	/* nfds, time-out */
+int g_selects;
+int (*g_poll)(struct pollfd *, nfds_t, int);
+int (*g_select)(int, fd_set *, fd_set *, fd_set *, struct timeval *);
+
+class Ready : public ::testing::TestWithParam<int> {
+protected:
+	BypassSock s, t;
+	int pipefd[2] = { -1, -1 };
+
+	void SetUp() override
+	{
+		frio_mem_reset();
+		s.open(GetParam());
+		t.open(GetParam());
+		ASSERT_EQ(pipe(pipefd), 0);
+		g_poll = real_poll;
+		g_select = real_select;
+		real_poll = [](struct pollfd *fds, nfds_t n, int ms) {
+			g_polls.push_back({ n, ms });
+			return g_poll(fds, n, ms);
+		};
+		real_select = [](int n, fd_set *r, fd_set *w, fd_set *e,
+		    struct timeval *tv) {
+			g_selects++;
+			return g_select(n, r, w, e, tv);
+		};
+		g_polls.clear();
+		g_selects = 0;
+	}
+
+	void TearDown() override
+	{
+		real_poll = g_poll;
+		real_select = g_select;
+		for (BypassSock *b : { &s, &t }) {
+			EXPECT_EQ(refcnt_of(b->up), 1u);
+			EXPECT_EQ(frio_mem_lent(b->hdl), 0);
+			b->close_sock();
+		}
+		close(pipefd[0]);
+		close(pipefd[1]);
+		poll_usec = 0;
+		recv_mode = RCV_BUSY_WAIT;
+	}
+
+	int poll1(int fd, short events, int timeout, short *revents = nullptr)
+	{
+		struct pollfd p = { fd, events, 0 };
+		int r = ost_poll(&p, 1, timeout);
+
+		if (revents != nullptr)
+			*revents = p.revents;
+		return r;
+	}
+};
+
+TEST_P(Ready, BusyPollReportsAndKeepsTheDatagram)
+{
+	short rev;
+
+	poll_usec = -1;
+	s.inject("waiting");
+	EXPECT_EQ(poll1(s.fd, POLLIN, -1, &rev), 1);
+	EXPECT_EQ(rev, POLLIN | POLLRDNORM);
+	EXPECT_EQ(frio_mem_rx_pending(s.hdl), 0);	/* in the stash */
+	EXPECT_EQ(s.recv(), "waiting");
+	EXPECT_EQ(poll1(s.fd, POLLRDNORM, 0), 0);
+
+	/* Writable at once, without touching the frame library. */
+	s.inject("left");
+	EXPECT_EQ(poll1(s.fd, POLLOUT, -1, &rev), 1);
+	EXPECT_EQ(rev, POLLOUT);
+	EXPECT_EQ(frio_mem_rx_pending(s.hdl), 1);
+
+	/* Descriptors are counted, not events. */
+	struct pollfd two[2] = { { s.fd, POLLIN | POLLOUT, 0 },
+	    { t.fd, POLLIN | POLLOUT, 0 } };
+	EXPECT_EQ(ost_poll(two, 2, 0), 2);
+	EXPECT_EQ(two[0].revents, POLLIN | POLLRDNORM | POLLOUT);
+	EXPECT_EQ(two[1].revents, POLLOUT);
+
+	/* Below -1 is -1: a time-out of 0 is one pass. */
+	poll_usec = -7;
+	EXPECT_EQ(poll1(t.fd, POLLIN, 0), 0);
+	EXPECT_TRUE(g_polls.empty());
+}
+
+TEST_P(Ready, PollUsecSplitsBusyAndKernelPhases)
+{
+	struct {
+		int usec, timeout;
+		std::vector<int> kernel;	/* the kernel's time-outs */
+	} cases[] = {
+		{ 0, 0, { 0 } },
+		{ 200, 0, { 0 } },
+		{ 5000, 3, {} },
+		{ 2500, 10, { 8 } },
+	};
+	for (auto &c : cases) {
+		poll_usec = c.usec;
+		g_polls.clear();
+		hrtime_t t0 = gethrtime();
+		EXPECT_EQ(poll1(s.fd, POLLIN, c.timeout), 0);
+		std::vector<int> got;
+		for (auto &k : g_polls) {
+			EXPECT_EQ(k.first, 2u);	/* + the handle's descriptor */
+			got.push_back(k.second);
+		}
+		EXPECT_EQ(got, c.kernel) << c.usec << "/" << c.timeout;
+		EXPECT_GE(gethrtime() - t0, c.timeout > 0 ?
+		    c.timeout * 1000000LL : c.usec * 1000LL);
+	}
+	/* nfds 0: the kernel's sleep. */
+	g_polls.clear();
+	EXPECT_EQ(ost_poll(nullptr, 0, 1), 0);
+	EXPECT_EQ(g_polls, (std::vector<std::pair<nfds_t, int>>{ { 0, 1 } }));
+}
+
+/* A set with an ordinary descriptor sleeps in the kernel, and a frame that
+ * arrives meanwhile wakes it; one that validation drops does not. */
+TEST_P(Ready, KernelSleepSeesBothKinds)
+{
+	for (int usec : { -1, 0 }) {
+		poll_usec = usec;
+		struct pollfd set[2] = { { s.fd, POLLIN, 0 },
+		    { pipefd[0], POLLIN, 0 } };
+		char c;
+		ASSERT_EQ(write(pipefd[1], "x", 1), 1);
+		g_polls.clear();
+		EXPECT_EQ(ost_poll(set, 2, -1), 1);
+		EXPECT_EQ(set[1].revents, POLLIN);
+		EXPECT_EQ(g_polls.size(), 1u);
+		ASSERT_EQ(read(pipefd[0], &c, 1), 1);
+
+		std::thread late([this] { usleep(20000); s.inject("late"); });
+		g_polls.clear();
+		EXPECT_EQ(ost_poll(set, 2, 5000), 1);
+		EXPECT_EQ(set[0].revents, POLLIN | POLLRDNORM);
+		/* Woken by the handle's descriptor, not at a slice's end. */
+		EXPECT_EQ(g_polls.size(), 1u);
+		late.join();
+		EXPECT_EQ(s.recv(), "late");
+	}
+	s.connect_peer();
+	std::thread late([this] {
+		usleep(10000);
+		s.inject(s.frame("foreign", htons(7)));
+	});
+	hrtime_t t0 = gethrtime();
+	EXPECT_EQ(poll1(s.fd, POLLIN, 120), 0);
+	EXPECT_GE(gethrtime() - t0, 120 * 1000000LL);
+	late.join();
+	EXPECT_EQ(frio_mem_rx_pending(s.hdl), 0);
+}
+
+TEST_P(Ready, SelectCountsBits)
+{
+	fd_set r, w;
+	struct timeval zero = { 0, 0 };
+
+	/* Readable and writable: 2, and the pipe's own bit. */
+	s.inject("x");
+	ASSERT_EQ(write(pipefd[1], "x", 1), 1);
+	FD_ZERO(&r);
+	FD_ZERO(&w);
+	FD_SET(s.fd, &r);
+	FD_SET(s.fd, &w);
+	FD_SET(pipefd[0], &r);
+	EXPECT_EQ(ost_select(std::max(s.fd, pipefd[0]) + 1, &r, &w, nullptr,
+	    nullptr), 3);
+	EXPECT_TRUE(FD_ISSET(s.fd, &r) && FD_ISSET(s.fd, &w) &&
+	    FD_ISSET(pipefd[0], &r));
+	EXPECT_EQ(frio_mem_rx_pending(s.hdl), 0);
+	EXPECT_EQ(s.recv(), "x");
+
+	/* Nothing ready, time-out {0, 0}: one pass, set cleared. */
+	g_selects = 0;
+	FD_ZERO(&r);
+	FD_SET(s.fd, &r);
+	EXPECT_EQ(ost_select(s.fd + 1, &r, nullptr, nullptr, &zero), 0);
+	EXPECT_EQ(g_selects, 1);
+	EXPECT_FALSE(FD_ISSET(s.fd, &r));
+
+	/* Connected: a foreign frame is dropped, not reported. */
+	s.connect_peer();
+	s.inject(s.frame("foreign", htons(7)));
+	FD_SET(s.fd, &r);
+	EXPECT_EQ(ost_select(s.fd + 1, &r, nullptr, nullptr, &zero), 0);
+	EXPECT_EQ(frio_mem_rx_pending(s.hdl), 0);
+}
+
+TEST_P(Ready, SelectWaitsAndFails)
+{
+	fd_set r;
+	struct timeval tv = { 5, 0 };
+
+	std::thread late([this] { usleep(20000); s.inject("late"); });
+	FD_ZERO(&r);
+	FD_SET(s.fd, &r);
+	EXPECT_EQ(ost_select(s.fd + 1, &r, nullptr, nullptr, &tv), 1);
+	EXPECT_LT(tv.tv_sec, 5);	/* the time left, as Linux does */
+	late.join();
+	EXPECT_GT(g_selects, 1);
+
+	/* A kernel select that fails: at once without a time-out. */
+	int bad = dup(pipefd[0]);
+	close(bad);
+	FD_ZERO(&r);
+	FD_SET(bad, &r);
+	g_selects = 0;
+	EXPECT_EQ(ost_select(bad + 1, &r, nullptr, nullptr, nullptr), -1);
+	EXPECT_EQ(errno, EBADF);
+	EXPECT_EQ(g_selects, 1);
+}
+
+/*
+ * A poller and a receiver on one socket: every datagram arrives once.  A
+ * busy-waiting receive holds the socket until it has a datagram, so both
+ * threads are ended by datagrams.
+ */
+TEST_P(Ready, PollAndReceiveRace)
+{
+	const int kDatagrams = 400;
+
+	real_poll = g_poll;	/* the recorder is not thread-safe */
+	poll_usec = 100;
+	for (int mode : { RCV_BUSY_WAIT, RCV_POLL }) {
+		std::set<int> by_poll, by_recv;
+		std::atomic<int> total{0}, alive{2};
+		auto take = [&](std::set<int> &into, const std::string &m) {
+			if (m == "stop")
+				return false;
+			into.insert(atoi(m.c_str()));
+			total++;
+			return true;
+		};
+		recv_mode = mode;
+		std::thread poller([&] {
+			std::string m;
+			while (poll1(s.fd, POLLIN, 5) <= 0 ||
+			    (m = s.recv(MSG_DONTWAIT))[0] == '<' ||
+			    take(by_poll, m))
+				;
+			alive--;
+		});
+		std::thread receiver([&] {
+			while (take(by_recv, s.recv()))
+				;
+			alive--;
+		});
+		for (int i = 0; i < kDatagrams; i++)
+			s.inject(std::to_string(i));
+		for (int i = 0; i < 1000 && total < kDatagrams; i++)
+			usleep(10000);
+		EXPECT_EQ(total.load(), kDatagrams);
+		for (int i = 0; i < 10 && alive > 0; i++) {
+			int before = alive;
+			s.inject("stop");
+			for (int j = 0; j < 100 && alive == before; j++)
+				usleep(10000);
+		}
+		poller.join();
+		receiver.join();
+		std::set<int> all(by_poll);
+		all.insert(by_recv.begin(), by_recv.end());
+		EXPECT_EQ(all.size(), (size_t)kDatagrams) << mode;
+		EXPECT_EQ(by_poll.size() + by_recv.size(), (size_t)kDatagrams);
+		while (s.recv(MSG_DONTWAIT) == "stop")	/* left over */
+			;
+	}
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, Ready,
+    ::testing::Values(AF_INET, AF_INET6),
+    [](const ::testing::TestParamInfo<int> &p) {
+	    return std::string(p.param == AF_INET ? "v4" : "v6");
+    });
+
+}  // namespace

@@ -1,0 +1,385 @@
+/*
+ * Frame validation, the copy-out and the receive engine against the
+ * in-memory frame double: what each frame becomes, what each call returns,
+ * and that threads sharing a socket neither lose nor duplicate datagrams.
+ */
+#include <errno.h>
+#include <fcntl.h>
+
+#include <atomic>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "recv_frames.h"
+
+namespace {
+
+using ::testing::ExitedWithCode;
+
+class Recv : public ::testing::TestWithParam<int> {
+public:
+	BypassSock s;
+
+	void SetUp() override
+	{
+		frio_mem_reset();
+		s.open(GetParam());
+	}
+
+	void TearDown() override
+	{
+		if (s.up != nullptr) {
+			EXPECT_EQ(refcnt_of(s.up), 1u);
+			EXPECT_EQ(frio_mem_lent(s.hdl), 0);
+		}
+		s.close_sock();
+		EXPECT_EQ(frio_mem_open_count(), 0);
+		recv_mode = RCV_BUSY_WAIT;
+		poll_usec = 0;
+		ost_debug_flag = 0;
+	}
+
+	bool v6() const { return s.family == AF_INET6; }
+	size_t off() const { return v6() ? 62 : 42; }
+
+	/* The family's validator; from is a sockaddr of either kind. */
+	boolean_t parse(std::vector<uint8_t> &f, size_t *len,
+	    void *from = nullptr, socklen_t *fromlen = nullptr)
+	{
+		*len = f.size();
+		return v6() ? ost_parse_pkt_v6(s.up, f.data(), nullptr, len,
+		    (struct sockaddr_in6 *)from, fromlen) :
+		    ost_parse_pkt_v4(s.up, f.data(), nullptr, len,
+		    (struct sockaddr_in *)from, fromlen);
+	}
+
+	void set_iplen(std::vector<uint8_t> &f, unsigned n)
+	{
+		f[v6() ? 18 : 16] = (uint8_t)(n >> 8);
+		f[v6() ? 19 : 17] = (uint8_t)n;
+	}
+};
+
+TEST_P(Recv, ValidatorOutcomes)
+{
+	struct sockaddr_storage from;
+	socklen_t fromlen = sizeof (from);
+	size_t len;
+
+	/* Accepted: the sender filled in, its length set down. */
+	auto f = s.frame("hello");
+	ASSERT_TRUE(parse(f, &len, &from, &fromlen));
+	EXPECT_EQ(len, 5u);
+	EXPECT_EQ(fromlen, s.addr_len());
+	EXPECT_EQ(from.ss_family, s.family);
+	EXPECT_EQ(((struct sockaddr_in *)&from)->sin_port, kPeerPort);
+	/* A buffer one byte short: left alone. */
+	memset(&from, 0x5a, sizeof (from));
+	fromlen = s.addr_len() - 1;
+	ASSERT_TRUE(parse(f, &len, &from, &fromlen));
+	EXPECT_EQ(fromlen, s.addr_len() - 1);
+	EXPECT_EQ(from.ss_family, 0x5a5a);
+
+	/* Ethernet padding: a 60-byte frame carrying one byte. */
+	auto pad = s.frame("x");
+	pad.resize(v6() ? 80 : 60, 0);
+	ASSERT_TRUE(parse(pad, &len));
+	EXPECT_EQ(len, 1u);
+
+	/* Shorter than its headers, or claiming less: dropped. */
+	auto full = s.frame("abc");
+	for (size_t n : { (size_t)0, (size_t)20, off() - 1 }) {
+		std::vector<uint8_t> h(full.begin(), full.begin() + (long)n);
+		EXPECT_FALSE(parse(h, &len)) << n;
+	}
+	set_iplen(full, v6() ? 7 : 27);
+	EXPECT_FALSE(parse(full, &len));
+
+	/* Another local address is fine for a wildcard-bound socket. */
+	auto other = s.frame("abcd");
+	other[off() - 9] ^= 1;	/* last byte of the destination */
+	EXPECT_EXIT(parse(other, &len), ExitedWithCode(1), "Packet not for us");
+	memset(&s.up->uost_laddr_v6.s6_addr[v6() ? 0 : 12], 0, v6() ? 16 : 4);
+	EXPECT_TRUE(parse(other, &len));
+}
+
+TEST_P(Recv, ValidatorEndsTheProcessForForeignFrames)
+{
+	size_t len;
+
+	/* IP length plus headers exactly the frame: fine; one more: fatal. */
+	auto t = s.frame("12345");
+	ASSERT_TRUE(parse(t, &len));
+	t.pop_back();
+	EXPECT_EXIT(parse(t, &len), ExitedWithCode(1), v6() ?
+	    "Truncated IPv6 packet \\(len 66\\) received" :
+	    "Truncated IPv4 packet \\(len 46\\) received");
+
+	auto tcp = s.frame("abcd");
+	tcp[v6() ? 20 : 23] = IPPROTO_TCP;
+	EXPECT_EXIT(parse(tcp, &len), ExitedWithCode(1), v6() ?
+	    "Not IPv6/UDP packet received: proto 6" :
+	    "Not IPv4/UDP packet: proto 6");
+
+	auto port = s.frame("abcd");
+	in_port_t nine = htons(9);
+	memcpy(&port[off() - 6], &nine, 2);
+	EXPECT_EXIT(parse(port, &len), ExitedWithCode(1),
+	    "Packet not for us received: my port " +
+	    std::to_string(ntohs(s.up->uost_lport)) +
+	    ", packet dst port 9, data len 4");
+}
+
+TEST_P(Recv, ConnectedSocketDropsOtherPeers)
+{
+	static Recv *self;
+	static boolean_t kept;
+
+	self = this;
+	s.connect_peer();
+	ost_debug_flag = 1;
+	std::string log = capture_stderr([](void *) {
+		auto f = self->s.frame("abc", htons(5001));
+		size_t len;
+		kept = self->parse(f, &len);
+	}, nullptr);
+	EXPECT_FALSE(kept);
+	EXPECT_EQ(log, v6() ? "" : "ost: ost_parse_pkt_v4: connected socket: "
+	    "fport 5000 pkt sport 5001 pkt src 192.0.2.2\n");
+	ost_debug_flag = 0;
+
+	/* In one receive: the foreign frame skipped, the next delivered. */
+	s.inject(s.frame("foreign", htons(5001)));
+	s.inject("mine");
+	EXPECT_EQ(s.recv(), "mine");
+}
+
+TEST_P(Recv, CopyScattersAndCuts)
+{
+	auto f = s.frame("0123456789");
+	char a[4], b[4], c[100];
+	struct iovec iov[3] = { { a, 4 }, { b, 4 }, { c, 100 } };
+	struct msghdr msg = {};
+	struct sockaddr_storage from = {};
+	boolean_t cut;
+
+	msg.msg_iov = iov;
+	msg.msg_iovlen = 3;
+	EXPECT_EQ(ost_copy_pkt_cut(s.up, &msg, f.data(), f.size(), &cut), 10);
+	EXPECT_FALSE(cut);
+	EXPECT_EQ(std::string(a, 4) + std::string(b, 4) + std::string(c, 2),
+	    "0123456789");
+	msg.msg_iovlen = 2;
+	EXPECT_EQ(ost_copy_pkt_cut(s.up, &msg, f.data(), f.size(), &cut), 8);
+	EXPECT_TRUE(cut);
+	msg.msg_iovlen = 0;
+	EXPECT_EQ(ost_copy_pkt(s.up, &msg, f.data(), f.size()), 0);
+	/* An empty datagram still names its sender. */
+	auto e = s.frame("");
+	msg.msg_name = &from;
+	msg.msg_namelen = sizeof (from);
+	EXPECT_EQ(ost_copy_pkt(s.up, &msg, e.data(), e.size()), 0);
+	EXPECT_EQ(from.ss_family, s.family);
+}
+
+/*
+ * Mutated frames, each in a buffer of exactly its length, many with lying
+ * length fields: whatever the validators decide, nothing outside the
+ * buffer is read (the sanitizer builds check that), and what they accept
+ * copies out in bounds.
+ */
+TEST_P(Recv, MutatedFramesStayInBounds)
+{
+	std::mt19937 rng(GetParam());
+	auto base = s.frame(std::string(100, 'p'));
+	int accepted = 0;
+
+	for (int i = 0; i < 50000; i++) {
+		size_t n = rng() % (base.size() + 40);
+		std::vector<uint8_t> f(n);
+		for (size_t j = 0; j < n; j++)
+			f[j] = j < base.size() && rng() % 64 ? base[j] :
+			    (uint8_t)rng();
+		if (rng() % 2 && n > 20)
+			set_iplen(f, rng() % 256);
+		ost_pkt_info_t pi;
+		ost_pkt_verdict_t v = v6() ?
+		    ost_check_pkt_v6(s.up, f.data(), n, &pi) :
+		    ost_check_pkt_v4(s.up, f.data(), n, &pi);
+		if (v > OST_PKT_SHORT)
+			continue;	/* would end the process */
+		char buf[64];
+		struct sockaddr_storage from;
+		struct iovec iov[2] = { { buf, 7 }, { buf + 7, 57 } };
+		struct msghdr msg = { &from, sizeof (from), iov, 2, 0, 0, 0 };
+		ASSERT_EQ(ost_copy_pkt(s.up, &msg, f.data(), n) >= 0,
+		    v == OST_PKT_ACCEPT);
+		accepted += v == OST_PKT_ACCEPT;
+	}
+	EXPECT_GT(accepted, 100);
+}
+
+TEST_P(Recv, StashPeekAndNonBlocking)
+{
+	s.inject("one");
+	s.inject("two");
+	EXPECT_EQ(s.recv(MSG_PEEK), "one");
+	EXPECT_EQ(s.recv(MSG_PEEK), "one");
+	EXPECT_EQ(s.recv(), "one");
+	EXPECT_EQ(s.recv(), "two");
+	EXPECT_EQ(s.recv(MSG_DONTWAIT), err_str(EAGAIN));
+	ost_note_fl_change(s.fd, F_SETFL, O_NONBLOCK);
+	EXPECT_EQ(s.recv(), err_str(EAGAIN));
+	ost_note_fl_change(s.fd, F_SETFL, 0);
+	EXPECT_EQ(s.up->uost_stats.osts_ipkts, 4u);
+	EXPECT_EQ(s.up->uost_stats.osts_ipkts_spin, 0u);
+
+	/* A receive that had to wait counts as a spin. */
+	std::thread late([this] { usleep(20000); s.inject("late"); });
+	EXPECT_EQ(s.recv(), "late");
+	late.join();
+	EXPECT_EQ(s.up->uost_stats.osts_ipkts, 5u);
+	EXPECT_EQ(s.up->uost_stats.osts_ipkts_spin, 1u);
+
+	/* Longer than the stash: delivered, even when peeked (then it cannot
+	 * be kept), and dropped by a readiness test. */
+	std::string big(3000, 'j');
+	s.inject(big);
+	s.inject(big);
+	EXPECT_EQ(s.recv(), big);
+	EXPECT_EQ(s.recv(MSG_PEEK), big);
+	s.inject(big);
+	EXPECT_FALSE(ost_rx_ready(s.up, B_TRUE, "test"));
+	EXPECT_EQ(s.up->uost_recv_buf_len, 0u);
+	EXPECT_EQ(frio_mem_rx_pending(s.hdl), 0);
+}
+
+TEST_P(Recv, ReceiveCalls)
+{
+	struct sockaddr_storage from;
+	socklen_t fromlen = s.addr_len();
+	char buf[16], cbuf[64];
+
+	s.inject("from");
+	EXPECT_EQ(ost_recvfrom_call(s.fd, buf, sizeof (buf), 0,
+	    (struct sockaddr *)&from, &fromlen), 4);
+	EXPECT_EQ(fromlen, s.addr_len());
+	EXPECT_EQ(from.ss_family, s.family);
+	s.inject("read");
+	EXPECT_EQ(ost_read_call(s.fd, buf, sizeof (buf)), 4);
+
+	/* recvmsg: no stale control data, MSG_TRUNC for a cut datagram. */
+	struct iovec iov = { buf, 4 };
+	struct msghdr msg = {};
+	msg.msg_iov = &iov;
+	msg.msg_iovlen = 1;
+	msg.msg_control = cbuf;
+	msg.msg_controllen = sizeof (cbuf);
+	s.inject("0123456789");
+	EXPECT_EQ(ost_recvmsg_call(s.fd, &msg, 0), 4);
+	EXPECT_EQ(msg.msg_controllen, 0u);
+	EXPECT_EQ(msg.msg_flags, MSG_TRUNC);
+	s.inject("abc");
+	EXPECT_EQ(ost_recvmsg_call(s.fd, &msg, 0), 3);
+	EXPECT_EQ(msg.msg_flags, 0);
+
+	/* In poll mode a receive sleeps until a frame arrives. */
+	recv_mode = RCV_POLL;
+	for (int usec : { 0, -1 }) {
+		poll_usec = usec;
+		std::thread late([this] { usleep(20000); s.inject("woke"); });
+		EXPECT_EQ(s.recv(), "woke") << usec;
+		late.join();
+	}
+}
+
+TEST_P(Recv, BatchReceive)
+{
+	struct mmsghdr vec[8] = {};
+	char bufs[8][16];
+	struct iovec iov[8];
+	struct timespec zero = { 0, 0 }, ts = { 0, 30000000 };
+
+	for (int i = 0; i < 8; i++) {
+		iov[i] = { bufs[i], sizeof (bufs[i]) };
+		vec[i].msg_hdr.msg_iov = &iov[i];
+		vec[i].msg_hdr.msg_iovlen = 1;
+	}
+	s.inject("a");
+	EXPECT_EQ(ost_recvmmsg_call(s.fd, vec, 8, 0, &zero), -1);
+	EXPECT_EQ(errno, EAGAIN);
+	/* Out of range: the kernel's, whose socket has nothing. */
+	EXPECT_EQ(ost_recvmmsg_call(s.fd, vec, 1025, MSG_DONTWAIT, nullptr),
+	    -1);
+	EXPECT_EQ(errno, EAGAIN);
+	EXPECT_EQ(frio_mem_rx_pending(s.hdl), 1);
+
+	s.inject("");	/* an empty datagram has its own entry */
+	s.inject("ccc");
+	EXPECT_EQ(ost_recvmmsg_call(s.fd, vec, 8, MSG_WAITFORONE, nullptr), 3);
+	EXPECT_EQ(vec[0].msg_len, 1u);
+	EXPECT_EQ(vec[1].msg_len, 0u);
+	EXPECT_EQ(vec[2].msg_len, 3u);
+	/* With a time-out: what arrived, and the time left written back. */
+	s.inject("d");
+	EXPECT_EQ(ost_recvmmsg_call(s.fd, vec, 2, 0, &ts), 1);
+	EXPECT_EQ(ts.tv_sec, 0);
+	EXPECT_LT(ts.tv_nsec, 30000000);
+}
+
+/* Several receivers: each datagram reaches exactly one of them. */
+TEST_P(Recv, ThreadsShareOneSocket)
+{
+	const int kThreads = 3, kDatagrams = 600;
+	std::vector<std::set<int>> got(kThreads);
+	std::vector<std::thread> rx;
+
+	for (int t = 0; t < kThreads; t++) {
+		rx.emplace_back([&, t] {
+			for (std::string m; (m = s.recv()) != "stop";)
+				got[t].insert(atoi(m.c_str()));
+		});
+	}
+	for (int i = 0; i < kDatagrams + kThreads; i++)
+		s.inject(i < kDatagrams ? std::to_string(i) : "stop");
+	for (auto &t : rx)
+		t.join();
+	std::set<int> all;
+	size_t total = 0;
+	for (auto &g : got) {
+		all.insert(g.begin(), g.end());
+		total += g.size();
+	}
+	EXPECT_EQ(all.size(), (size_t)kDatagrams);
+	EXPECT_EQ(total, (size_t)kDatagrams);
+}
+
+/* close() on another thread ends a waiting receive with EBADF, and
+ * returns only once the record is gone. */
+TEST_P(Recv, CloseEndsAWaitingReceive)
+{
+	for (int mode : { RCV_BUSY_WAIT, RCV_POLL }) {
+		if (s.up == nullptr)
+			s.open(GetParam());
+		recv_mode = mode;
+		int before = registry_size();
+		std::string got;
+		std::thread r([&] { got = s.recv(); });
+		while (refcnt_of(s.up) < 2)
+			usleep(1000);
+		usleep(10000);
+		s.close_sock();
+		EXPECT_EQ(registry_size(), before - 1);
+		r.join();
+		EXPECT_EQ(got, err_str(EBADF)) << mode;
+	}
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, Recv,
+    ::testing::Values(AF_INET, AF_INET6),
+    [](const ::testing::TestParamInfo<int> &p) {
+	    return std::string(p.param == AF_INET ? "v4" : "v6");
+    });
+
+}  // namespace

@@ -1,0 +1,157 @@
+/*
+ * For the receive and readiness tests: a bypass socket armed by hand on an
+ * in-memory frame handle, and frames addressed to it.
+ */
+#ifndef OST_TEST_RECV_FRAMES_H
+#define OST_TEST_RECV_FRAMES_H
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "frio_mem.h"
+#include "platform/frio_loader.h"
+#include "support.h"
+
+const in_port_t kPeerPort = htons(5000);
+
+/* The test frames' sender, 192.0.2.2 (IPv4-mapped) or 2001:db8::2. */
+inline struct in6_addr
+peer_addr(int family)
+{
+	struct in6_addr a = {};
+
+	inet_pton(AF_INET6, family == AF_INET6 ? "2001:db8::2" :
+	    "::ffff:192.0.2.2", &a);
+	return a;
+}
+
+/*
+ * A bypass socket bound to the loopback address of its family, with a mem
+ * handle and a receive filter, as bind leaves it; its kernel socket is real.
+ */
+struct BypassSock {
+	int family = AF_INET, fd = -1;
+	uost_t *up = nullptr;
+	frio_handle_t hdl = nullptr;
+	struct sockaddr_storage local = {};
+
+	void open(int fam)
+	{
+		socklen_t len = sizeof (local);
+
+		family = fam;
+		ost_test_init();
+		setenv("FRIO_BACKEND", "mem", 1);
+		fd = ost_socket(family, SOCK_DGRAM, 0);
+		ASSERT_GE(fd, 0);
+		local.ss_family = (sa_family_t)family;
+		inet_pton(family, family == AF_INET ? "127.0.0.1" : "::1",
+		    family == AF_INET ?
+		    (void *)&((struct sockaddr_in *)&local)->sin_addr :
+		    (void *)&((struct sockaddr_in6 *)&local)->sin6_addr);
+		ASSERT_EQ(libc_bind(fd, (struct sockaddr *)&local, addr_len()),
+		    0);
+		ASSERT_EQ(getsockname(fd, (struct sockaddr *)&local, &len), 0);
+		up = ost_find_sd(fd);
+		ASSERT_NE(up, nullptr);
+		pthread_mutex_lock(&up->uost_lock);
+		ASSERT_EQ(ost_frio_open("mem0", nullptr, &up->uost_frio_hdl),
+		    FRIO_STATUS_OK);
+		hdl = up->uost_frio_hdl;
+		up->uost_frio_set = up->uost_filter_set = B_TRUE;
+		up->uost_lport = ((struct sockaddr_in *)&local)->sin_port;
+		inet_pton(AF_INET6, family == AF_INET ? "::ffff:127.0.0.1" :
+		    "::1", &up->uost_laddr_v6);
+		ost_release_locked(up);
+		pthread_mutex_unlock(&up->uost_lock);
+	}
+
+	/* As connect() to the test sender leaves the record. */
+	void connect_peer()
+	{
+		pthread_mutex_lock(&up->uost_lock);
+		up->uost_connected = B_TRUE;
+		up->uost_faddr_v6 = peer_addr(family);
+		up->uost_fport = kPeerPort;
+		pthread_mutex_unlock(&up->uost_lock);
+	}
+
+	void close_sock()
+	{
+		if (fd >= 0)
+			ost_close(fd);
+		fd = -1;
+		up = nullptr;
+	}
+
+	socklen_t addr_len() const
+	{
+		return family == AF_INET6 ? sizeof (struct sockaddr_in6) :
+		    sizeof (struct sockaddr_in);
+	}
+
+	/* Ethernet, IP and UDP headers as a kernel sender makes them. */
+	std::vector<uint8_t> frame(const std::string &payload,
+	    in_port_t sport = kPeerPort) const
+	{
+		bool v6 = family == AF_INET6;
+		size_t hdrs = v6 ? 62 : 42, ulen = 8 + payload.size();
+		size_t iplen = v6 ? ulen : 20 + ulen;
+		std::vector<uint8_t> f(hdrs + payload.size());
+		uint8_t *ip = &f[14], *udp = &f[hdrs - 8];
+		struct in6_addr src = peer_addr(family);
+
+		f[12] = v6 ? 0x86 : 0x08;
+		f[13] = v6 ? 0xdd : 0x00;
+		ip[0] = v6 ? 0x60 : 0x45;
+		ip[v6 ? 4 : 2] = (uint8_t)(iplen >> 8);
+		ip[v6 ? 5 : 3] = (uint8_t)iplen;
+		ip[v6 ? 6 : 9] = IPPROTO_UDP;
+		if (v6) {
+			memcpy(ip + 8, &src, 16);
+			memcpy(ip + 24, &up->uost_laddr_v6, 16);
+		} else {
+			memcpy(ip + 12, &src.s6_addr[12], 4);
+			memcpy(ip + 16, &up->uost_laddr_v6.s6_addr[12], 4);
+		}
+		memcpy(udp, &sport, 2);
+		memcpy(udp + 2, &up->uost_lport, 2);
+		udp[4] = (uint8_t)(ulen >> 8);
+		udp[5] = (uint8_t)ulen;
+		memcpy(udp + 8, payload.data(), payload.size());
+		return f;
+	}
+
+	void inject(const std::vector<uint8_t> &f) const
+	{
+		while (frio_mem_inject(hdl, f.data(), f.size()) ==
+		    FRIO_STATUS_NOMEM)
+			usleep(100);	/* a full queue: a receiver drains it */
+	}
+
+	void inject(const std::string &payload) const { inject(frame(payload)); }
+
+	/* recv(); the payload, or "<errno>". */
+	std::string recv(int flags = 0) const
+	{
+		char buf[4096];
+		ssize_t n = ost_recvfrom_call(fd, buf, sizeof (buf), flags,
+		    nullptr, nullptr);
+
+		return n < 0 ? "<" + std::to_string(errno) + ">" :
+		    std::string(buf, (size_t)n);
+	}
+};
+
+inline std::string
+err_str(int e)
+{
+	return "<" + std::to_string(e) + ">";
+}
+
+#endif
