@@ -1,44 +1,162 @@
 #!/usr/bin/env bash
-# bench.sh [SECONDS] [BYTES]: UDP round-trip latency between two network
-# namespaces joined by a veth pair, sockperf ping-pong, the kernel path and
-# ostrel in the same run on the same test bed.  Needs root and a build.
+# bench.sh [main|suite] [options]: UDP latency and throughput between two
+# network namespaces joined by a single-queue veth pair, unmodified sockperf
+# through the kernel and through ostrel in the same run on the same test
+# bed, and the raw frame-access floor.  Prints one line per case: samples,
+# min, p50, p99, p99.9 and max of the one-way latency (half the round trip)
+# in microseconds, and messages per second.
+#
+#   main   (default) 64-byte ping-pong: kernel, ostrel, raw libfrio floor
+#   suite  payloads 64, 512 and 1472 over IPv4 and IPv6, the receive
+#          styles (busy-wait, poll mode, poll with a busy phase, select),
+#          busy-polling kernel sockets, and one-way throughput
+#
+#   -t SECONDS  per case (default 5)        -m BYTES  payload (main; 64)
+#   -b BACKEND  xdp (default) or packet      -6        IPv6 (main)
+#
+# Needs root and a build (scripts/build.sh).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-secs=${1:-5}
-size=${2:-64}
+mode=main
+case ${1:-} in main|suite) mode=$1; shift ;; esac
+secs=5 size=64 backend=xdp family=4
+while getopts "t:m:b:6" o; do
+  case $o in
+  t) secs=$OPTARG ;; m) size=$OPTARG ;; b) backend=$OPTARG ;; 6) family=6 ;;
+  *) sed -n '2,17p' "$0"; exit 2 ;;
+  esac
+done
 OSTREL_BUILD=${OSTREL_BUILD:-$root/build}
 . "$root/tests/lib/netns.sh"
 require_root
+command -v sockperf >/dev/null || fail "sockperf is not installed (scripts/setup.sh)"
 netns_pair
-
+export FRIO_BACKEND=$backend
 port=$((11000 + RANDOM % 1000))
-# The server runs under the preload too in the ostrel case; one server each.
-run_case() {
-  local name=$1 preload=$2
-  local envs=()
-  [ -n "$preload" ] && envs=(LD_PRELOAD="$OSTREL_LIB")
+
+header() {
+  echo
+  echo "$1"
+  printf '%-30s %8s %8s %8s %8s %8s %8s %9s\n' case samples min p50 p99 p99.9 max msg/s
+}
+
+# stats NAME FILE SECONDS: the table line for sorted one-way latencies.
+stats() {
+  awk -v name="$1" -v secs="$3" '{ v[NR] = $1 }
+    END {
+      if (NR == 0) { printf "%-30s no samples\n", name; exit }
+      i50 = int(NR * 0.50); i99 = int(NR * 0.99); i999 = int(NR * 0.999)
+      if (i50 < 1) i50 = 1; if (i99 < 1) i99 = 1; if (i999 < 1) i999 = 1
+      printf "%-30s %8d %8.2f %8.2f %8.2f %8.2f %8.2f %9.0f\n", name, NR,
+        v[1], v[i50], v[i99], v[i999], v[NR], NR / secs
+    }' "$2"
+}
+
+# stop PID: ends a server and waits, so that its handles are gone before
+# the next case opens its own.
+stop() { kill "$1" 2>/dev/null || true; wait "$1" 2>/dev/null || true; }
+
+# pingpong NAME PRELOAD DST BYTES [ENV...] [-- SOCKPERF_OPTS...]: one
+# sockperf ping-pong; PRELOAD "yes" preloads both sides.
+pingpong() {
+  local name=$1 preload=$2 dst=$3 bytes=$4; shift 4
+  local envs=() opts=()
+  while [ $# -gt 0 ] && [ "$1" != -- ]; do envs+=("$1"); shift; done
+  [ $# -gt 0 ] && shift
+  opts=("$@")
+  [ "$preload" = yes ] && envs+=(LD_PRELOAD="$OSTREL_LIB")
   port=$((port + 1))
-  in_ns "$NS_B" env "${envs[@]}" sockperf sr --ip "$IP4_B" --port "$port" \
-    >/dev/null 2>&1 &
+  ip netns exec "$NS_B" env "${envs[@]}" sockperf sr --ip "$dst" --port "$port" \
+    "${opts[@]}" >/dev/null 2>&1 &
   local server=$!
   NETNS_PIDS+=("$server")
   wait_udp_port "$NS_B" "$port"
-  in_ns "$NS_A" env "${envs[@]}" sockperf pp --ip "$IP4_B" --port "$port" \
-    -t "$secs" -m "$size" --full-log "$NETNS_TMP/$name.csv" \
-    >"$NETNS_TMP/$name.log" 2>&1 || { cat "$NETNS_TMP/$name.log"; fail "$name"; }
-  kill "$server" 2>/dev/null || true
-  # sockperf logs half the round trip of each sample as its latency.
-  awk -F, '/^ *[0-9]/ && NF >= 4 { print $4 + 0 }' \
-    "$NETNS_TMP/$name.csv" | sort -n >"$NETNS_TMP/$name.sorted"
-  awk -v name="$name" '{ v[NR] = $1 }
-    END {
-      if (NR == 0) { print name ": no samples"; exit 1 }
-      printf "%-8s %8d %8.2f %8.2f %8.2f %8.2f %8.2f\n", name, NR, v[1],
-        v[int(NR * 0.50)], v[int(NR * 0.99)], v[int(NR * 0.999)], v[NR]
-    }' "$NETNS_TMP/$name.sorted"
+  if ! in_ns "$NS_A" env "${envs[@]}" sockperf pp --ip "$dst" --port "$port" \
+      -t "$secs" -m "$bytes" --mps max "${opts[@]}" --full-log "$NETNS_TMP/pp.csv" \
+      >"$NETNS_TMP/pp.log" 2>&1; then
+    printf '%-30s failed: %s\n' "$name" "$(tail -1 "$NETNS_TMP/pp.log")"
+    stop "$server"
+    return
+  fi
+  stop "$server"
+  # --full-log: one line per sample, the one-way latency in column 4.
+  awk -F, '/^ *[0-9]/ && NF >= 4 { print $4 + 0 }' "$NETNS_TMP/pp.csv" |
+    sort -n >"$NETNS_TMP/pp.sorted"
+  stats "$name" "$NETNS_TMP/pp.sorted" "$secs"
 }
 
-echo "UDP latency, usec (half round trip), ${size}-byte datagrams, ${secs}s each, veth $IF_A -> $IF_B"
-printf '%-8s %8s %8s %8s %8s %8s %8s\n' path samples min p50 p99 p99.9 max
-run_case kernel ""
-run_case ostrel yes
+# floor BYTES: raw libfrio round trips, with busy-polling kernel sockets
+# beside them, from frio_pingpong (which reports round trips: halved here).
+floor() {
+  local bin=$OSTREL_BUILD/bin/frio_pingpong
+  [ -x "$bin" ] || { printf '%-30s no %s\n' "libfrio raw floor" "$bin"; return; }
+  [ "$1" -ge 8 ] && [ "$1" -le 1400 ] || return 0
+  "$bin" -n $((secs * 40000)) -s "$1" -b "$backend" \
+    "$NS_A" "$IF_A" "$IP4_A" "$NS_B" "$IF_B" "$IP4_B" 2>"$NETNS_TMP/floor.err" |
+    awk '/^kernel sockets|^frio / && NF >= 9 && $3 != "failed" {
+      name = $1 == "kernel" ? "kernel busy-poll (raw socket)" : "libfrio raw floor (" $2 ")"
+      printf "%-30s %8d %8.2f %8.2f %8.2f %8.2f %8.2f %9s\n", name, $3,
+        $4 / 2, $5 / 2, $6 / 2, $7 / 2, $8 / 2, "-" }'
+}
+
+# throughput NAME SERVER_PRELOAD CLIENT_PRELOAD: sockperf tp at full speed
+# for the run time; the server counts what arrived.
+throughput() {
+  local name=$1 spre=$2 cpre=$3 se=() ce=()
+  [ "$spre" = yes ] && se=(LD_PRELOAD="$OSTREL_LIB")
+  [ "$cpre" = yes ] && ce=(LD_PRELOAD="$OSTREL_LIB")
+  port=$((port + 1))
+  ip netns exec "$NS_B" env "${se[@]}" sockperf sr --ip "$IP4_B" --port "$port" \
+    >"$NETNS_TMP/sr.log" 2>&1 &
+  local server=$!
+  NETNS_PIDS+=("$server")
+  wait_udp_port "$NS_B" "$port"
+  in_ns "$NS_A" env "${ce[@]}" sockperf tp --ip "$IP4_B" --port "$port" \
+    -t "$secs" -m 64 >"$NETNS_TMP/tp.log" 2>&1 || true
+  sleep 0.5
+  kill -INT "$server" 2>/dev/null || true
+  wait "$server" 2>/dev/null || true
+  local sent got
+  sent=$(sed -n 's/.*Total of \([0-9]*\) messages sent.*/\1/p' "$NETNS_TMP/tp.log" | tail -1)
+  got=$(sed -n 's/.*Total \([0-9]*\) messages received.*/\1/p' "$NETNS_TMP/sr.log" | tail -1)
+  awk -v n="$name" -v s="${sent:-0}" -v g="${got:-0}" -v t="$secs" 'BEGIN {
+    printf "%-30s sent %10d  received %10d  (%5.1f%%)  %9.0f msg/s received\n",
+      n, s, g, s ? 100 * g / s : 0, g / t }'
+}
+
+dst4=$IP4_B dst6=$IP6_B
+if [ "$mode" = main ]; then
+  dst=$dst4; [ "$family" = 6 ] && dst=$dst6
+  header "UDP ping-pong, ${size}-byte payload, IPv$family, ${secs}s per case, veth, backend $backend (one-way latency, usec)"
+  pingpong "kernel" no "$dst" "$size"
+  pingpong "ostrel" yes "$dst" "$size"
+  [ "$family" = 4 ] && floor "$size"
+  exit 0
+fi
+
+header "Ping-pong by payload and family, backend $backend (one-way latency, usec)"
+for bytes in 64 512 1472; do
+  for fam in 4 6; do
+    dst=$dst4; [ $fam = 6 ] && dst=$dst6
+    b=$bytes; [ $fam = 6 ] && [ "$bytes" = 1472 ] && b=1452
+    pingpong "kernel  IPv$fam $b B" no "$dst" "$b"
+    pingpong "ostrel  IPv$fam $b B" yes "$dst" "$b"
+  done
+done
+floor 64
+
+header "Receive styles, 64 B IPv4 (one-way latency, usec)"
+pingpong "kernel  blocking recvfrom" no "$dst4" 64
+pingpong "kernel  busy-polling recvfrom" no "$dst4" 64 -- --nonblocked -F recvfrom
+pingpong "ostrel  busy-wait recv" yes "$dst4" 64
+pingpong "ostrel  poll mode recv" yes "$dst4" 64 _OSTREL_RECV_MODE=0
+pingpong "kernel  poll" no "$dst4" 64 -- -F poll
+pingpong "ostrel  poll, 1 ms busy" yes "$dst4" 64 _OSTREL_POLL_USEC=1000 -- -F poll
+pingpong "ostrel  poll, no busy phase" yes "$dst4" 64 -- -F poll
+pingpong "kernel  select" no "$dst4" 64 -- -F select
+pingpong "ostrel  select" yes "$dst4" 64 -- -F select
+
+echo
+echo "One-way throughput, 64 B IPv4, ${secs}s, as fast as the sender goes"
+throughput "kernel -> kernel" no no
+throughput "ostrel -> ostrel" yes yes

@@ -34,6 +34,7 @@
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <linux/ethtool.h>
@@ -69,6 +70,15 @@ constexpr uint32_t kCompSize = 1024; /* holds every transmit frame */
 constexpr uint32_t kRxSize = 2048;
 constexpr uint32_t kTxSize = 512;
 constexpr uint64_t kNoFrame = ~0ULL;
+
+/*
+ * The kernel releases the sockets of a process that ended up to a second
+ * later, so the first open of a process tries a busy queue again this
+ * often, this far apart (a server restarted at once still gets its
+ * queue).  Later opens do not wait: a live owner would not go away.
+ */
+constexpr int kBusyRetries = 75;
+constexpr useconds_t kBusyRetryUs = 20000;
 
 static_assert(kFillSize >= kRxFrames, "fill ring must hold all rx frames");
 static_assert(kCompSize >= kTxFrames, "completion ring must hold all tx");
@@ -689,6 +699,17 @@ env_queue(bool *ok)
 bool tx_ring_busy(const xdp_handle *xh);
 
 /*
+ * Wakes the kernel for a socket's rings.  Straight to the system call: a
+ * preloaded library that interposes sendto and recvfrom (ours does) must
+ * not sit on the path of every kick.
+ */
+static long
+xsk_wake(int fd, long nr)
+{
+	return syscall(nr, fd, nullptr, 0, MSG_DONTWAIT, nullptr, nullptr);
+}
+
+/*
  * In copy mode the kernel sends only inside this sendto(), at most 32
  * descriptors a call.  EAGAIN, EBUSY and ENOBUFS mean that descriptors may
  * be left (the budget ran out, a frame was dropped, no skb could be had):
@@ -705,8 +726,7 @@ tx_kick(xdp_handle *xh)
 	for (uint32_t i = 0; i <= kTxSize / 32; i++) {
 		uint32_t before =
 		    __atomic_load_n(xh->xh_tx.consumer, __ATOMIC_ACQUIRE);
-		bool failed =
-		    sendto(xh->xh_fd, nullptr, 0, MSG_DONTWAIT, nullptr, 0) < 0;
+		bool failed = xsk_wake(xh->xh_fd, SYS_sendto) < 0;
 
 		if (!tx_ring_busy(xh))
 			break;
@@ -902,9 +922,17 @@ xdp_open(const char *ifname, int ifindex, frio_handle **hdlp)
 		cfg.tx_size = kTxSize;
 		cfg.libxdp_flags = XSK_LIBXDP_FLAGS__INHIBIT_PROG_LOAD;
 		cfg.bind_flags = XDP_USE_NEED_WAKEUP;
-		err =
-		    -xsk_socket__create(&xh->xh_xsk, ifname, queue, xp->xp_umem,
-		                        &xh->xh_rx, &xh->xh_tx, &cfg);
+		static bool waited;	/* under the backend's lock */
+
+		for (int tries = 0;; tries++) {
+			err = -xsk_socket__create(&xh->xh_xsk, ifname, queue,
+			                          xp->xp_umem, &xh->xh_rx,
+			                          &xh->xh_tx, &cfg);
+			if (err != EBUSY || waited || tries == kBusyRetries)
+				break;
+			usleep(kBusyRetryUs);
+		}
+		waited = true;
 	}
 	if (err != 0) {
 		xh->xh_xsk = nullptr;
@@ -1139,8 +1167,7 @@ xdp_rx_get(frio_handle *hdl, void **framep, uint32_t *lenp)
 		    xsk_ring_prod__needs_wakeup(&xp->xp_fill)) {
 			int saved = errno;
 
-			(void)recvfrom(xh->xh_fd, nullptr, 0, MSG_DONTWAIT,
-			               nullptr, nullptr);
+			(void)xsk_wake(xh->xh_fd, SYS_recvfrom);
 			errno = saved;
 		}
 		return FRIO_STATUS_NOMEM;

@@ -90,7 +90,7 @@ recv_case() {
   local how=$1 fam=$2 group=$3 expect=${4:-bypass} port in0 in1 out
   port=$((20000 + RANDOM % 20000))
   in0=$(udp_counter "$NS_B" InDatagrams)
-  in_ns "$NS_B" env LD_PRELOAD="$OSTREL_LIB" "$PYTHON3" "$NETNS_TMP/mc.py" recv \
+  ip netns exec "$NS_B" env LD_PRELOAD="$OSTREL_LIB" "$PYTHON3" "$NETNS_TMP/mc.py" recv \
     "$fam" "$group" "$port" "$IF_B" "$IP4_B" "$how" "$COUNT" "x$IF_B" \
     >"$NETNS_TMP/recv.out" 2>&1 &
   local pid=$!
@@ -114,7 +114,7 @@ recv_case() {
 send_case() {
   local fam=$1 group=$2 port out0 out1 out
   port=$((20000 + RANDOM % 20000))
-  in_ns "$NS_B" "$PYTHON3" "$NETNS_TMP/mc.py" recv "$fam" "$group" "$port" \
+  ip netns exec "$NS_B" "$PYTHON3" "$NETNS_TMP/mc.py" recv "$fam" "$group" "$port" \
     "$IF_B" "$IP4_B" mreqn "$COUNT" >"$NETNS_TMP/recv.out" 2>&1 &
   local pid=$!
   NETNS_PIDS+=($pid)

@@ -41,7 +41,7 @@ COUNT=40
 run_case() {
   local backend=$1 call=$2 ns=$3 dst=$4 expect=$5 port out0 out1 sent got
   port=$((20000 + RANDOM % 20000))
-  in_ns "$ns" "$PYTHON3" "$RECV" "$dst" "$port" "$COUNT" >"$NETNS_TMP/got" \
+  ip netns exec "$ns" "$PYTHON3" "$RECV" "$dst" "$port" "$COUNT" >"$NETNS_TMP/got" \
     2>"$NETNS_TMP/ready" &
   NETNS_PIDS+=($!)
   local pid=$!

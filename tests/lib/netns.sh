@@ -18,7 +18,12 @@ netns_cleanup() {
   local pid ns
   for pid in "${NETNS_PIDS[@]}"; do kill "$pid" 2>/dev/null || true; done
   for pid in "${NETNS_PIDS[@]}"; do wait "$pid" 2>/dev/null || true; done
-  for ns in "${NETNS_LIST[@]}"; do ip netns del "$ns" 2>/dev/null || true; done
+  # Whatever still runs in our namespaces (a program started through a
+  # subshell, a busy-waiting receiver) must not outlive them.
+  for ns in "${NETNS_LIST[@]}"; do
+    ip netns pids "$ns" 2>/dev/null | xargs -r kill -9 2>/dev/null || true
+    ip netns del "$ns" 2>/dev/null || true
+  done
   rm -rf "$NETNS_TMP"
 }
 trap netns_cleanup EXIT
@@ -44,7 +49,9 @@ netns_pair() {
   IP6_A=fd00:0:$tag::1 IP6_B=fd00:0:$tag::2
   ip netns add "$NS_A" && NETNS_LIST+=("$NS_A")
   ip netns add "$NS_B" && NETNS_LIST+=("$NS_B")
-  ip link add "$IF_A" netns "$NS_A" type veth peer name "$IF_B" netns "$NS_B"
+  # One queue each way: AF_XDP binds queue 0, and must see every flow.
+  ip link add "$IF_A" netns "$NS_A" numtxqueues 1 numrxqueues 1 type veth \
+    peer name "$IF_B" netns "$NS_B" numtxqueues 1 numrxqueues 1
   ip -n "$NS_A" addr add "$IP4_A/24" dev "$IF_A"
   ip -n "$NS_B" addr add "$IP4_B/24" dev "$IF_B"
   ip -n "$NS_A" addr add "$IP6_A/64" dev "$IF_A" nodad
