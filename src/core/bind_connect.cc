@@ -108,7 +108,6 @@ ost_bind_pending_group(uost_t *up)
 static void
 ost_bind_port(uost_t *up, in_port_t port)
 {
-	(void) pthread_mutex_lock(&up->uost_lock);
 	up->uost_lport = port;
 	up->uost_udph->uh_sport = port;
 	up->uost_bound = B_TRUE;
@@ -117,7 +116,7 @@ ost_bind_port(uost_t *up, in_port_t port)
 typedef enum { OST_BIND_GIVE_UP, OST_BIND_KEEP, OST_BIND_OPEN,
     OST_BIND_ARM } ost_bind_next_t;
 
-/* The address-dependent steps; on OPEN and ARM uost_lock is held. */
+/* The address-dependent steps, under uost_lock. */
 static ost_bind_next_t
 ost_bind_v4(uost_t *up, const struct sockaddr_in *sin, uint32_t *if_index)
 {
@@ -128,25 +127,19 @@ ost_bind_v4(uost_t *up, const struct sockaddr_in *sin, uint32_t *if_index)
 	ost_bind_port(up, sin->sin_port);
 	if (a == INADDR_ANY) {
 		if (!up->uost_need_mc_filter)
-			goto keep;
+			return OST_BIND_KEEP;
 		if (!ost_bind_pending_group(up))
-			goto give_up;
+			return OST_BIND_GIVE_UP;
 		return OST_BIND_ARM;
 	}
 	if (ost_is_multicast_v4(a))
-		goto keep;
+		return OST_BIND_KEEP;
 	ost_map_v4(&up->uost_laddr_v6, a);
 	up->uost_iph->ip_src = sin->sin_addr;
 	if (!ost_get_eaddr_v4(&sin->sin_addr, (struct ether_addr *)
 	    up->uost_eth->ether_shost, if_index, up->uost_if_name))
-		goto give_up;
+		return OST_BIND_GIVE_UP;
 	return OST_BIND_OPEN;
-keep:
-	(void) pthread_mutex_unlock(&up->uost_lock);
-	return OST_BIND_KEEP;
-give_up:
-	(void) pthread_mutex_unlock(&up->uost_lock);
-	return OST_BIND_GIVE_UP;
 }
 
 static ost_bind_next_t
@@ -160,26 +153,20 @@ ost_bind_v6(uost_t *up, const struct sockaddr_in6 *sin6, uint32_t *if_index)
 	ost_bind_port(up, sin6->sin6_port);
 	if (IN6_IS_ADDR_UNSPECIFIED(a)) {
 		if (!up->uost_need_mc_filter)
-			goto keep;
+			return OST_BIND_KEEP;
 		if (!ost_bind_pending_group(up))
-			goto give_up;
+			return OST_BIND_GIVE_UP;
 		return OST_BIND_ARM;
 	}
 	if (IN6_IS_ADDR_MULTICAST(a))
-		goto keep;
+		return OST_BIND_KEEP;
 	up->uost_laddr_v6 = *a;
 	up->uost_ip6h->ip6_src = *a;
 	up->uost_if_name[0] = '\0';
 	if (!ost_get_eaddr_v6(a, (struct ether_addr *)
 	    up->uost_eth->ether_shost, if_index, up->uost_if_name))
-		goto give_up;
+		return OST_BIND_GIVE_UP;
 	return OST_BIND_OPEN;
-keep:
-	(void) pthread_mutex_unlock(&up->uost_lock);
-	return OST_BIND_KEEP;
-give_up:
-	(void) pthread_mutex_unlock(&up->uost_lock);
-	return OST_BIND_GIVE_UP;
 }
 
 int
@@ -192,6 +179,7 @@ ost_bind(uost_t *up)
 	frio_status_t st;
 	char buf[128];
 
+	(void) pthread_mutex_lock(&up->uost_lock);
 	if (getsockname(up->uost_sd, (struct sockaddr *)&ss, &len) == 0) {
 		if (ss.ss_family == AF_INET && !up->uost_is_v6)
 			next = ost_bind_v4(up, (struct sockaddr_in *)&ss,
@@ -200,10 +188,12 @@ ost_bind(uost_t *up)
 			next = ost_bind_v6(up, (struct sockaddr_in6 *)&ss,
 			    &if_index);
 	}
-	if (next == OST_BIND_KEEP)
-		return 0;
-	if (next == OST_BIND_GIVE_UP)
+	if (next == OST_BIND_KEEP || next == OST_BIND_GIVE_UP) {
+		(void) pthread_mutex_unlock(&up->uost_lock);
+		if (next == OST_BIND_KEEP)
+			return 0;
 		goto give_up;
+	}
 
 	if (next == OST_BIND_OPEN) {
 		/* A handle opened for a multicast interface is replaced by one

@@ -120,15 +120,6 @@ protected:
 		return fd;
 	}
 
-	/* The record of fd, without keeping a reference; null when gone. */
-	static uost_t *record(int fd)
-	{
-		uost_t *up = ost_find_sd(fd);
-		if (up != nullptr)
-			ost_release(up);
-		return up;
-	}
-
 	/* The one frame the socket's handle transmitted. */
 	static std::vector<uint8_t> frame(int fd)
 	{

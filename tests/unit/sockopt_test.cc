@@ -41,14 +41,6 @@ protected:
 		return fd;
 	}
 
-	static uost_t *record(int fd)
-	{
-		uost_t *up = ost_find_sd(fd);
-		if (up != nullptr)
-			ost_release(up);
-		return up;
-	}
-
 	static int set_int(int fd, int level, int name, int v)
 	{
 		return ost_setsockopt(fd, level, name, &v, sizeof (v));

@@ -46,6 +46,16 @@ refcnt_of(uost_t *up)
 	return n;
 }
 
+uost_t *
+record(int fd)
+{
+	uost_t *up = ost_find_sd(fd);
+
+	if (up != NULL)
+		ost_release(up);
+	return up;
+}
+
 int
 registry_size()
 {

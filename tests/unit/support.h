@@ -19,6 +19,9 @@ std::string capture_stderr(void (*fn)(void *), void *arg);
 /* The record's current reference count, read under its lock. */
 uint32_t refcnt_of(uost_t *up);
 
+/* The record of fd, without keeping a reference; null when there is none. */
+uost_t *record(int fd);
+
 /* Number of records in the registry. */
 int registry_size();
 
