@@ -85,6 +85,8 @@ typedef struct uost_s {
 	boolean_t uost_connected;
 	boolean_t uost_kernel_set;
 	boolean_t uost_nonblock;	/* read unlocked by waiting receivers */
+	hrtime_t uost_rcvtimeo;		/* SO_RCVTIMEO in ns, 0: none; read
+					   unlocked by receivers */
 	boolean_t uost_closing;		/* read unlocked by waiting receivers */
 	boolean_t uost_receiving;
 	boolean_t uost_want_recv;

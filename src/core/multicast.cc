@@ -152,20 +152,23 @@ ost_multicast_join_v4(uost_t *up, uint32_t if_index,
 	    "%s: cannot set SO_OSTREL: %d\n");
 }
 
+/*
+ * Leaving the recorded group ends the socket's bypass life (-1): its
+ * handle may be in use by a receiver or a poll that holds only a
+ * reference, and only the record's teardown waits for those to go.
+ * Leaving anything else changes nothing.
+ */
 int
 ost_multicast_leave(uost_t *up, uint32_t if_index,
     const struct in6_addr *group)
 {
+	boolean_t recorded;
+
 	(void) pthread_mutex_lock(&up->uost_lock);
-	if (up->uost_frio_set && if_index == up->uost_if_index &&
-	    IN6_ARE_ADDR_EQUAL(group, &up->uost_ip_maddr_v6)) {
-		ost_frio->close(up->uost_frio_hdl);
-		up->uost_frio_set = B_FALSE;
-		up->uost_filter_set = B_FALSE;
-		memset(&up->uost_ip_maddr_v6, 0, sizeof (up->uost_ip_maddr_v6));
-	}
+	recorded = up->uost_frio_set && if_index == up->uost_if_index &&
+	    IN6_ARE_ADDR_EQUAL(group, &up->uost_ip_maddr_v6) ? B_TRUE : B_FALSE;
 	(void) pthread_mutex_unlock(&up->uost_lock);
-	return 0;
+	return recorded ? -1 : 0;
 }
 
 /*

@@ -361,10 +361,89 @@ ost_poll(struct pollfd *fds, nfds_t nfds, int timeout)
  * select never sleeps in the kernel: each pass tests the bypass sockets
  * and gives the other descriptors to a kernel select of 1 us.
  */
+/* How long select's passes spin before the wait sleeps in poll. */
+#define OST_SELECT_SPIN_NS (20 * 1000 * 1000LL)
+
+/*
+ * The rest of a select that found nothing for a while, as a poll over the
+ * same descriptors: poll sleeps in the kernel, woken by our handles as by
+ * ordinary descriptors, and ends with EINTR when a signal handler runs.
+ * deadline 0: no limit.
+ */
+static int
+ost_select_by_poll(int lim, fd_set *readfds, fd_set *writefds,
+    fd_set *errorfds, hrtime_t deadline)
+{
+	struct pollfd *pfds;
+	nfds_t n = 0;
+	int ms = -1, r, k = 0;
+
+	pfds = (struct pollfd *)calloc((size_t)lim + 1, sizeof (*pfds));
+	if (pfds == NULL)
+		return -1;
+	for (int fd = 0; fd < lim; fd++) {
+		short ev = 0;
+
+		if (readfds != NULL && FD_ISSET(fd, readfds))
+			ev |= POLLIN;
+		if (writefds != NULL && FD_ISSET(fd, writefds))
+			ev |= POLLOUT;
+		if (errorfds != NULL && FD_ISSET(fd, errorfds))
+			ev |= POLLPRI;
+		if (ev != 0) {
+			pfds[n].fd = fd;
+			pfds[n++].events = ev;
+		}
+	}
+	if (deadline != 0) {
+		hrtime_t left = deadline - gethrtime();
+
+		ms = left <= 0 ? 0 : left / 1000000 + 1 > INT_MAX ? INT_MAX :
+		    (int)(left / 1000000 + 1);
+	}
+	r = ost_poll(pfds, n, ms);
+	if (r < 0) {
+		int err = errno;
+
+		free(pfds);
+		errno = err;
+		return -1;
+	}
+	for (int s = 0; s < 3; s++) {
+		fd_set *set = s == 0 ? readfds : s == 1 ? writefds : errorfds;
+
+		if (set != NULL)
+			FD_ZERO(set);
+	}
+	for (nfds_t i = 0; i < n; i++) {
+		short re = pfds[i].revents;
+		int fd = pfds[i].fd;
+
+		if (readfds != NULL && (pfds[i].events & POLLIN) &&
+		    (re & (POLLIN | POLLHUP | POLLERR))) {
+			FD_SET(fd, readfds);
+			k++;
+		}
+		if (writefds != NULL && (pfds[i].events & POLLOUT) &&
+		    (re & (POLLOUT | POLLERR))) {
+			FD_SET(fd, writefds);
+			k++;
+		}
+		if (errorfds != NULL && (pfds[i].events & POLLPRI) &&
+		    (re & POLLPRI)) {
+			FD_SET(fd, errorfds);
+			k++;
+		}
+	}
+	free(pfds);
+	return k;
+}
+
 int
 ost_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
     struct timeval *timeout)
 {
+	hrtime_t spin_end = 0;	/* end of the spinning passes */
 	static const char fn[] = "select";
 	fd_set *sets[3] = { readfds, writefds, errorfds };
 	fd_set *saved[3] = { NULL, NULL, NULL };
@@ -408,7 +487,7 @@ ost_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
 	}
 	lim = nfds < FD_SETSIZE ? nfds : FD_SETSIZE;
 
-	for (;;) {
+	for (bool any_bypass = false;;) {
 		/* A pass must not sleep: Linux's timer slack would turn even
 		 * a 1 us time-out into 50 us or more. */
 		struct timeval tv = { 0, 0 };
@@ -423,6 +502,7 @@ ost_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
 				continue;
 			if ((up = ost_find_sd(fd)) == NULL)
 				continue;
+			any_bypass = true;
 			if (rd && up->uost_filter_set) {
 				FD_CLR(fd, readfds);
 				if (ost_rx_ready(up, up->uost_connected, fn)) {
@@ -436,6 +516,16 @@ ost_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
 				nwr++;
 			}
 			ost_release(up);
+		}
+		if (!any_bypass) {
+			/* Nothing of ours in the sets: the kernel may sleep,
+			 * and a signal may end the wait, as without us.  It
+			 * writes the time left itself. */
+			k = real_select(nfds, readfds, writefds, errorfds,
+			    timeout);
+			err = errno;
+			deadline = 0;
+			break;
 		}
 		k = real_select(nfds, readfds, writefds, errorfds, &tv);
 		err = errno;
@@ -461,13 +551,23 @@ ost_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
 			break;
 		/* A kernel select that fails keeps failing: without a
 		 * deadline, say so now rather than spin forever. */
-		if (k == -1 && deadline == 0)
+		if (k == -1 && (deadline == 0 || err == EINTR))
 			break;
 		if (deadline != 0 && gethrtime() >= deadline)
 			break;
 		for (int s = 0; s < 3; s++) {
 			if (sets[s] != NULL)
 				memcpy(sets[s], saved[s], sizeof (fd_set));
+		}
+		/* Passes spin for a while; then the wait sleeps, so that a
+		 * signal ends it and an idle set does not hold a CPU. */
+		if (spin_end == 0) {
+			spin_end = gethrtime() + OST_SELECT_SPIN_NS;
+		} else if (gethrtime() >= spin_end) {
+			k = ost_select_by_poll(lim, readfds, writefds,
+			    errorfds, deadline);
+			err = errno;
+			break;
 		}
 	}
 out:

@@ -153,10 +153,13 @@ ost_recv_fail(uost_t *up, boolean_t holds_slot, int err)
 	return -1;
 }
 
+/* How long a busy-waiting receive spins before it waits in poll. */
+#define OST_SPIN_NS (20 * 1000 * 1000LL)
+
 ssize_t
 ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 {
-	hrtime_t deadline = 0, pause = recv_sleep_time;
+	hrtime_t deadline = 0, pause = recv_sleep_time, spin_end = 0;
 	int poll_ms = -1;
 	boolean_t paused = B_FALSE, cut = B_FALSE;
 	ssize_t n;
@@ -188,6 +191,17 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 			if (ost_seen_closing(up))
 				return ost_recv_fail(up, B_TRUE, EBADF);
 			if (recv_mode == RCV_POLL)
+				break;
+			/*
+			 * Spin for a while, then wait in poll: a waiting
+			 * receive must still end with EINTR when a signal
+			 * handler runs (socat, python and most servers stop
+			 * that way), and an idle socket must not hold a CPU
+			 * for ever.  Traffic keeps a receive in its spin.
+			 */
+			if (!paused)
+				spin_end = gethrtime() + OST_SPIN_NS;
+			else if (gethrtime() >= spin_end)
 				break;
 			ost_sleep(pause);
 			paused = B_TRUE;
@@ -258,7 +272,7 @@ ost_recvfrom_call(int fd, void *buf, size_t len, int flags,
 	msg.msg_namelen = fromlen != NULL ? *fromlen : 0;
 	msg.msg_iov = &iov;
 	msg.msg_iovlen = 1;
-	n = ost_recvmsg(up, &msg, flags, 0);
+	n = ost_recvmsg(up, &msg, flags, up->uost_rcvtimeo);
 	if (fromlen != NULL)
 		*fromlen = msg.msg_namelen;
 	return n;
@@ -276,7 +290,7 @@ ost_read_call(int fd, void *buf, size_t len)
 	memset(&msg, 0, sizeof (msg));
 	msg.msg_iov = &iov;
 	msg.msg_iovlen = 1;
-	return ost_recvmsg(up, &msg, 0, 0);
+	return ost_recvmsg(up, &msg, 0, up->uost_rcvtimeo);
 }
 
 /* An iovec array the engine can walk; the kernel answers the others. */
@@ -298,7 +312,7 @@ ost_recvmsg_call(int fd, struct msghdr *msg, int flags)
 	up = ost_recv_record(fd, NULL);
 	if (up == NULL)
 		return xrecvmsg(fd, msg, flags);
-	return ost_recvmsg(up, msg, flags, 0);
+	return ost_recvmsg(up, msg, flags, up->uost_rcvtimeo);
 }
 
 /*

@@ -190,11 +190,10 @@ ost_leave_v4(uost_t *up, const struct in_addr *group, uint32_t index,
 	struct in6_addr mapped;
 	uint32_t if_index;
 
-	if (ost_member_if_v4(group, index, ifaddr, &if_index, NULL)) {
-		ost_map_v4(&mapped, group->s_addr);
-		(void) ost_multicast_leave(up, if_index, &mapped);
-	}
-	return OST_OPT_KEEP;
+	if (!ost_member_if_v4(group, index, ifaddr, &if_index, NULL))
+		return OST_OPT_KEEP;
+	ost_map_v4(&mapped, group->s_addr);
+	return ost_multicast_leave(up, if_index, &mapped);
 }
 
 int
@@ -296,6 +295,25 @@ ost_process_v6_opt(uost_t *up, int optname, const void *optval)
 }
 
 /*
+ * A receive time-out bounds the bypass path's waits as it bounds the
+ * kernel's: EAGAIN when it passes.  Both layouts are two 64-bit fields
+ * here, seconds and microseconds; the kernel has checked the range.
+ */
+static int
+ost_set_rcvtimeo(uost_t *up, const void *optval)
+{
+	int64_t tv[2];
+
+	memcpy(tv, optval, sizeof (tv));
+	(void) pthread_mutex_lock(&up->uost_lock);
+	/* Beyond about 290 years: no limit, as far as anyone waits. */
+	up->uost_rcvtimeo = tv[0] >= INT64_MAX / NANOSEC - 1 ? 0 :
+	    tv[0] * NANOSEC + tv[1] * 1000;
+	(void) pthread_mutex_unlock(&up->uost_lock);
+	return OST_OPT_KEEP;
+}
+
+/*
  * IPv4 options on an IPv6 socket shape only its IPv4-mapped traffic, which
  * never takes the bypass, except a group that would bring IPv4 frames to
  * an IPv6 handle.
@@ -329,6 +347,9 @@ ost_setsockopt(int sd, int level, int optname, const void *optval,
 		ret = ost_process_v4_opt(up, optname, optval, optlen);
 	else if (level == IPPROTO_IPV6)
 		ret = ost_process_v6_opt(up, optname, optval);
+	else if (level == SOL_SOCKET && (optname == SO_RCVTIMEO_OLD ||
+	    optname == SO_RCVTIMEO_NEW))
+		ret = ost_set_rcvtimeo(up, optval);
 	else
 		ret = ost_socket_opt_leaves(level, optname) ? OST_OPT_LEAVE :
 		    OST_OPT_KEEP;

@@ -88,6 +88,18 @@ ost_learn_port(uost_t *up, const char *fn, struct sockaddr *sa,
 	return B_TRUE;
 }
 
+/*
+ * A socket bound to an address of its own (its handle already filters on
+ * it) keeps that address as the source: the interface's first address may
+ * be another one, and replies to it would not be the socket's.
+ */
+static boolean_t
+ost_keeps_source(const uost_t *up)
+{
+	return up->uost_frio_set && !IN6_IS_ADDR_UNSPECIFIED(&up->uost_laddr_v6) ?
+	    B_TRUE : B_FALSE;
+}
+
 static void
 ost_set_peer_v4(uost_t *up, const struct sockaddr_in *sin)
 {
@@ -173,8 +185,10 @@ ost_sendto_frio_set_v4(uost_t *up, const struct sockaddr_in *sin,
 		ost_debug("%s: no source addr\n", fn);
 		return B_FALSE;
 	}
-	ost_map_v4(&up->uost_laddr_v6, src.s_addr);
-	up->uost_iph->ip_src = src;
+	if (!ost_keeps_source(up)) {
+		ost_map_v4(&up->uost_laddr_v6, src.s_addr);
+		up->uost_iph->ip_src = src;
+	}
 	if (!up->uost_frio_set && !ost_frio_bind(up))
 		return B_FALSE;
 	ost_set_peer_v4(up, sin);
@@ -190,7 +204,7 @@ ost_sendto_frio_set_v6(uost_t *up, const struct sockaddr_in6 *sin6,
 	static const char fn[] = "ost_sendto_frio_set_v6";
 	const struct in6_addr *dst = &sin6->sin6_addr;
 	boolean_t link_local = ost_is_link_local_v6(dst);
-	struct in6_addr gw;
+	struct in6_addr gw, src;
 	const struct in6_addr *next_hop;
 	uint32_t out_if;
 
@@ -253,11 +267,13 @@ ost_sendto_frio_set_v6(uost_t *up, const struct sockaddr_in6 *sin6,
 	}
 	next_hop = IN6_IS_ADDR_UNSPECIFIED(&gw) ? dst : &gw;
 	up->uost_if_index = out_if;
-	if (!ost_get_if_info_v6(out_if, &link_local, &up->uost_laddr_v6,
+	if (!ost_get_if_info_v6(out_if, &link_local, &src,
 	    up->uost_if_name)) {
 		ost_debug("%s: cannot get if info\n", fn);
 		return B_FALSE;
 	}
+	if (!ost_keeps_source(up))
+		up->uost_laddr_v6 = src;
 	if (!ost_get_eaddr_v6(next_hop, (struct ether_addr *)
 	    up->uost_eth->ether_dhost, NULL, up->uost_if_name)) {
 		ost_debug("%s: cannot get eaddr: %s\n", fn, up->uost_if_name);

@@ -29,6 +29,9 @@ typedef struct ost_frio_ops {
  */
 extern const ost_frio_ops_t *ost_frio;
 
+/* Raised while this thread runs inside libfrio (see frio_loader.cc). */
+extern __thread int ost_in_frio __attribute__((tls_model("initial-exec")));
+
 /* Loads the library at the first call; FRIO_STATUS_DLERR if it cannot. */
 frio_status_t ost_frio_open(const char *ifname, frio_open_args_t *args,
     frio_handle_t *hdlp);

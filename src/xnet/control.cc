@@ -11,6 +11,8 @@ OST_EXPORT int
 socket(int domain, int type, int protocol)
 {
 	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return libc_socket(domain, type, protocol);
 	return ost_socket(domain, type, protocol);
 }
 
@@ -18,6 +20,8 @@ OST_EXPORT int
 close(int fd)
 {
 	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return real_close(fd);
 	return ost_close(fd);
 }
 
@@ -32,7 +36,8 @@ fcntl(int fd, int cmd, ...)
 	va_start(ap, cmd);
 	arg = va_arg(ap, unsigned long);
 	va_end(ap);
-	ost_note_fl_change(fd, cmd, arg);
+	if (!OST_FROM_FRIO())
+		ost_note_fl_change(fd, cmd, arg);
 	return real_fcntl(fd, cmd, arg);
 }
 
@@ -47,7 +52,8 @@ fcntl64(int fd, int cmd, ...)
 	va_start(ap, cmd);
 	arg = va_arg(ap, unsigned long);
 	va_end(ap);
-	ost_note_fl_change(fd, cmd, arg);
+	if (!OST_FROM_FRIO())
+		ost_note_fl_change(fd, cmd, arg);
 	return real_fcntl64(fd, cmd, arg);
 }
 
@@ -61,7 +67,8 @@ ioctl(int fd, unsigned long request, ...)
 	va_start(ap, request);
 	argp = va_arg(ap, void *);
 	va_end(ap);
-	ost_note_fionbio(fd, request, argp);
+	if (!OST_FROM_FRIO())
+		ost_note_fionbio(fd, request, argp);
 	return real_ioctl(fd, request, argp);
 }
 
@@ -69,6 +76,8 @@ OST_EXPORT int
 bind(int fd, const struct sockaddr *addr, socklen_t len)
 {
 	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return xbind(fd, addr, len);
 	return ost_bind_call(fd, addr, len);
 }
 
@@ -76,5 +85,7 @@ OST_EXPORT int
 connect(int fd, const struct sockaddr *addr, socklen_t len)
 {
 	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return xconnect(fd, addr, len);
 	return ost_connect_call(fd, addr, len);
 }

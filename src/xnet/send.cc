@@ -5,6 +5,8 @@ OST_EXPORT ssize_t
 send(int fd, const void *buf, size_t len, int flags)
 {
 	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return libc_send(fd, buf, len, flags);
 	return ost_send_call(fd, buf, len, flags);
 }
 
@@ -13,6 +15,8 @@ sendto(int fd, const void *buf, size_t len, int flags,
     const struct sockaddr *to, socklen_t tolen)
 {
 	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return xsendto(fd, buf, len, flags, to, tolen);
 	return ost_sendto(fd, buf, len, flags, to, tolen);
 }
 
@@ -20,6 +24,8 @@ OST_EXPORT ssize_t
 write(int fd, const void *buf, size_t len)
 {
 	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return real_write(fd, buf, len);
 	return ost_write_call(fd, buf, len);
 }
 
@@ -27,6 +33,8 @@ OST_EXPORT ssize_t
 sendmsg(int fd, const struct msghdr *msg, int flags)
 {
 	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return xsendmsg(fd, msg, flags);
 	return ost_sendmsg_call(fd, msg, flags);
 }
 
@@ -34,5 +42,7 @@ OST_EXPORT int
 sendmmsg(int fd, struct mmsghdr *vec, unsigned int vlen, int flags)
 {
 	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return xsendmmsg(fd, vec, vlen, flags);
 	return ost_sendmmsg_call(fd, vec, vlen, flags);
 }

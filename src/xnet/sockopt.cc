@@ -5,6 +5,8 @@ OST_EXPORT int
 setsockopt(int fd, int level, int name, const void *val, socklen_t len)
 {
 	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return libc_setsockopt(fd, level, name, val, len);
 	return ost_setsockopt(fd, level, name, val, len);
 }
 
@@ -12,5 +14,7 @@ OST_EXPORT int
 getsockopt(int fd, int level, int name, void *val, socklen_t *lenp)
 {
 	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return xgetsockopt(fd, level, name, val, lenp);
 	return ost_getsockopt(fd, level, name, val, lenp);
 }

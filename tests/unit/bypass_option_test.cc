@@ -14,24 +14,6 @@ namespace {
 const so_ost_opt_t kOn = { B_TRUE, 42, 3 };
 const so_ost_opt_t kOff = { B_FALSE, 0, 0 };
 
-/* Sends one datagram to addr and says whether sd received it. */
-bool
-delivered(int sd, const struct sockaddr_storage &addr)
-{
-	int tx = libc_socket(addr.ss_family, SOCK_DGRAM, 0);
-	char buf[16];
-
-	libc_sendto(tx, "ping", 4, 0, (const struct sockaddr *)&addr,
-	    addr.ss_family == AF_INET ? sizeof (struct sockaddr_in) :
-	    sizeof (struct sockaddr_in6));
-	close(tx);
-	struct pollfd pfd = { sd, POLLIN, 0 };
-	if (poll(&pfd, 1, 200) != 1)
-		return false;
-	return libc_recvfrom(sd, buf, sizeof (buf), MSG_DONTWAIT, NULL,
-	    NULL) == 4;
-}
-
 TEST(BypassOption, SilencesAndRestoresTheKernelPath)
 {
 	ost_test_init();

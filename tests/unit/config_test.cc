@@ -6,67 +6,42 @@
 
 namespace {
 
-const char *const kVars[] = {
-	"_OSTREL_ERR_EXIT", "_OSTREL_SEND_BUSY_WAIT_CNT", "_OSTREL_SLEEP_TIME",
-	"_OSTREL_POLL_USEC", "_OSTREL_RECV_MODE",
-};
-
-class ConfigTest : public ::testing::Test {
-protected:
-	void SetUp() override { ost_test_init(); clear(); }
-	void TearDown() override { clear(); ost_config_read(); }
-	static void clear() { for (auto v : kVars) unsetenv(v); }
-};
-
-TEST_F(ConfigTest, DefaultsWhenNothingIsSet)
+TEST(Config, DefaultsClampsAndOddValues)
 {
-	ost_config_read();
-	EXPECT_EQ(err_exit, B_FALSE);
-	EXPECT_EQ(send_busy_wait_cnt, 15u);
-	EXPECT_EQ(recv_sleep_time, 500u);
-	EXPECT_EQ(poll_usec, 0);
-	EXPECT_EQ(recv_mode, RCV_BUSY_WAIT);
-}
-
-TEST_F(ConfigTest, CountsBelowOneAndTextBecomeOne)
-{
-	for (const char *v : { "0", "-5", "abc" }) {
-		setenv("_OSTREL_SEND_BUSY_WAIT_CNT", v, 1);
-		setenv("_OSTREL_SLEEP_TIME", v, 1);
-		ost_config_read();
-		EXPECT_EQ(send_busy_wait_cnt, 1u) << v;
-		EXPECT_EQ(recv_sleep_time, 1u) << v;
-	}
-	setenv("_OSTREL_SEND_BUSY_WAIT_CNT", "40", 1);
-	setenv("_OSTREL_SLEEP_TIME", "2000", 1);
-	ost_config_read();
-	EXPECT_EQ(send_busy_wait_cnt, 40u);
-	EXPECT_EQ(recv_sleep_time, 2000u);
-}
-
-TEST_F(ConfigTest, PollAndRecvModeAreTakenAsTheyAre)
-{
-	setenv("_OSTREL_POLL_USEC", "-1", 1);
-	setenv("_OSTREL_RECV_MODE", "7", 1);
-	ost_config_read();
-	EXPECT_EQ(poll_usec, -1);
-	EXPECT_EQ(recv_mode, 7);
-	setenv("_OSTREL_RECV_MODE", "0", 1);
-	ost_config_read();
-	EXPECT_EQ(recv_mode, RCV_POLL);
-}
-
-TEST_F(ConfigTest, ErrExitIsAnyNonZeroNumber)
-{
-	const struct { const char *value; boolean_t expect; } cases[] = {
-		{ "5", B_TRUE }, { "1", B_TRUE }, { "0", B_FALSE },
-		{ "abc", B_FALSE },
+	const char *const vars[] = { "_OSTREL_ERR_EXIT",
+	    "_OSTREL_SEND_BUSY_WAIT_CNT", "_OSTREL_SLEEP_TIME",
+	    "_OSTREL_POLL_USEC", "_OSTREL_RECV_MODE" };
+	/* The five settings after the variables are set to the values;
+	 * null leaves a variable unset. */
+	const struct {
+		const char *v[5];
+		long want[5];
+	} cases[] = {
+		{ {}, { B_FALSE, 15, 500, 0, RCV_BUSY_WAIT } },
+		{ { "5", "0", "0", "-1", "7" }, { B_TRUE, 1, 1, -1, 7 } },
+		{ { "1", "-5", "-5", nullptr, "0" }, { B_TRUE, 1, 1, 0, RCV_POLL } },
+		{ { "0", "abc", "abc" }, { B_FALSE, 1, 1, 0, RCV_BUSY_WAIT } },
+		{ { "abc", "40", "2000" }, { B_FALSE, 40, 2000, 0, RCV_BUSY_WAIT } },
 	};
-	for (auto &c : cases) {
-		setenv("_OSTREL_ERR_EXIT", c.value, 1);
+
+	ost_test_init();
+	for (const auto &c : cases) {
+		for (int i = 0; i < 5; i++) {
+			if (c.v[i] != nullptr)
+				setenv(vars[i], c.v[i], 1);
+			else
+				unsetenv(vars[i]);
+		}
 		ost_config_read();
-		EXPECT_EQ(err_exit, c.expect) << c.value;
+		long got[5] = { err_exit, (long)send_busy_wait_cnt,
+		    (long)recv_sleep_time, poll_usec, recv_mode };
+		for (int i = 0; i < 5; i++)
+			EXPECT_EQ(got[i], c.want[i]) << vars[i] << " case " <<
+			    (&c - cases);
 	}
+	for (const char *v : vars)
+		unsetenv(v);
+	ost_config_read();
 }
 
 } // namespace

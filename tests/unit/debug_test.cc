@@ -55,28 +55,18 @@ protected:
 	FILE *saved_fp_;
 };
 
-TEST_F(DebugTest, OffWritesNothingAndKeepsErrno)
+TEST_F(DebugTest, StandardErrorLineOnlyWhenOnAndErrnoKept)
 {
-	ost_debug_flag = 0;
-	ost_debug_init(B_FALSE);
-	std::string out = capture_stderr([](void *) {
-		errno = EMSGSIZE;
-		ost_debug("%s: never %d\n", "f", 1);
-		EXPECT_EQ(errno, EMSGSIZE);
-	}, nullptr);
-	EXPECT_EQ(out, "");
-}
-
-TEST_F(DebugTest, StandardErrorLineHasPrefixAndKeepsErrno)
-{
-	ost_debug_flag = 1;
-	ost_debug_init(B_FALSE);
-	std::string out = capture_stderr([](void *) {
-		errno = ECONNREFUSED;
-		ost_debug("%s: real %d not bound: %s\n", "bind", 7, "x");
-		EXPECT_EQ(errno, ECONNREFUSED);
-	}, nullptr);
-	EXPECT_EQ(out, "ost: bind: real 7 not bound: x\n");
+	for (int flag : { 0, 1 }) {
+		ost_debug_flag = flag;
+		ost_debug_init(B_FALSE);
+		std::string out = capture_stderr([](void *) {
+			errno = ECONNREFUSED;
+			ost_debug("%s: real %d not bound: %s\n", "bind", 7, "x");
+			EXPECT_EQ(errno, ECONNREFUSED);
+		}, nullptr);
+		EXPECT_EQ(out, flag ? "ost: bind: real 7 not bound: x\n" : "");
+	}
 }
 
 TEST_F(DebugTest, FileIsPerProcessPrivateAndTruncated)
@@ -138,14 +128,13 @@ TEST_F(DebugTest, ErrExitReturnsWhenOffAndEndsTheProcessWhenOn)
 
 TEST(AddressText, IPv6AndMappedForms)
 {
-	struct in6_addr a;
+	for (const char *t : { "fe80::1:2", "::ffff:10.1.2.3",
+	    "1111:2222:3333:4444:5555:6666:7777:8888" }) {
+		struct in6_addr a;
 
-	inet_pton(AF_INET6, "fe80::1:2", &a);
-	EXPECT_STREQ(ost_ntoa_v6(&a), "fe80::1:2");
-	inet_pton(AF_INET6, "::ffff:10.1.2.3", &a);
-	EXPECT_STREQ(ost_ntoa_v6(&a), "::ffff:10.1.2.3");
-	inet_pton(AF_INET6, "1111:2222:3333:4444:5555:6666:7777:8888", &a);
-	EXPECT_STREQ(ost_ntoa_v6(&a), "1111:2222:3333:4444:5555:6666:7777:8888");
+		inet_pton(AF_INET6, t, &a);
+		EXPECT_STREQ(ost_ntoa_v6(&a), t);
+	}
 }
 
 } // namespace

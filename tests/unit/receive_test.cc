@@ -133,21 +133,17 @@ TEST_P(Recv, ValidatorEndsTheProcessForForeignFrames)
 
 TEST_P(Recv, ConnectedSocketDropsOtherPeers)
 {
-	static Recv *self;
-	static boolean_t kept;
+	boolean_t kept = B_TRUE;
 
-	self = this;
 	s.connect_peer();
-	ost_debug_flag = 1;
-	std::string log = capture_stderr([](void *) {
-		auto f = self->s.frame("abc", htons(5001));
+	std::string log = logged([&] {
+		auto f = s.frame("abc", htons(5001));
 		size_t len;
-		kept = self->parse(f, &len);
-	}, nullptr);
+		kept = parse(f, &len);
+	});
 	EXPECT_FALSE(kept);
 	EXPECT_EQ(log, v6() ? "" : "ost: ost_parse_pkt_v4: connected socket: "
 	    "fport 5000 pkt sport 5001 pkt src 192.0.2.2\n");
-	ost_debug_flag = 0;
 
 	/* In one receive: the foreign frame skipped, the next delivered. */
 	s.inject(s.frame("foreign", htons(5001)));
@@ -376,10 +372,7 @@ TEST_P(Recv, CloseEndsAWaitingReceive)
 	}
 }
 
-INSTANTIATE_TEST_SUITE_P(Families, Recv,
-    ::testing::Values(AF_INET, AF_INET6),
-    [](const ::testing::TestParamInfo<int> &p) {
-	    return std::string(p.param == AF_INET ? "v4" : "v6");
-    });
+INSTANTIATE_TEST_SUITE_P(Families, Recv, ::testing::Values(AF_INET, AF_INET6),
+    family_name);
 
 }  // namespace

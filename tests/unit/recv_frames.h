@@ -42,21 +42,12 @@ struct BypassSock {
 
 	void open(int fam)
 	{
-		socklen_t len = sizeof (local);
-
 		family = fam;
 		ost_test_init();
 		setenv("FRIO_BACKEND", "mem", 1);
 		fd = ost_socket(family, SOCK_DGRAM, 0);
 		ASSERT_GE(fd, 0);
-		local.ss_family = (sa_family_t)family;
-		inet_pton(family, family == AF_INET ? "127.0.0.1" : "::1",
-		    family == AF_INET ?
-		    (void *)&((struct sockaddr_in *)&local)->sin_addr :
-		    (void *)&((struct sockaddr_in6 *)&local)->sin6_addr);
-		ASSERT_EQ(libc_bind(fd, (struct sockaddr *)&local, addr_len()),
-		    0);
-		ASSERT_EQ(getsockname(fd, (struct sockaddr *)&local, &len), 0);
+		ASSERT_EQ(bind_loopback(fd, family, &local), 0);
 		up = ost_find_sd(fd);
 		ASSERT_NE(up, nullptr);
 		pthread_mutex_lock(&up->uost_lock);
@@ -152,6 +143,13 @@ inline std::string
 err_str(int e)
 {
 	return "<" + std::to_string(e) + ">";
+}
+
+/* Names the instances of a test parameterised on the address family. */
+inline std::string
+family_name(const ::testing::TestParamInfo<int> &p)
+{
+	return p.param == AF_INET6 ? "v6" : "v4";
 }
 
 #endif

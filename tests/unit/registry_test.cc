@@ -33,37 +33,18 @@ remove_record(int sd)
 	ost_del(up, B_FALSE);
 }
 
-TEST_F(RegistryTest, FrameTemplateIsReadyForEachFamily)
+/* The header bytes are checked in the transmit tests' frames; here the
+ * layout they rely on and a new record's state. */
+TEST_F(RegistryTest, NewRecordLayoutAndState)
 {
 	ASSERT_TRUE(ost_add(kFakeFd, AF_INET));
 	ASSERT_TRUE(ost_add(kFakeFd + 1, AF_INET6));
-	uost_t *v4 = ost_find_sd(kFakeFd);
-	uost_t *v6 = ost_find_sd(kFakeFd + 1);
+	uost_t *v4 = ost_find_sd(kFakeFd), *v6 = ost_find_sd(kFakeFd + 1);
 
-	/* The IP header sits on a 4-byte boundary, the UDP header after it. */
 	EXPECT_EQ((uintptr_t)v4->uost_iph % 4, 0u);
 	EXPECT_EQ((uint8_t *)v4->uost_udph - (uint8_t *)v4->uost_eth, 34);
-	EXPECT_EQ(v4->uost_hdr_len, 42u);
-	EXPECT_EQ(ntohs(v4->uost_eth->ether_type), ETHERTYPE_IP);
-	const uint8_t *ip = (const uint8_t *)v4->uost_iph;
-	EXPECT_EQ(ip[0], 0x45);		/* version 4, 5 words */
-	EXPECT_EQ(ip[6], 0x40);		/* don't fragment */
-	EXPECT_EQ(ip[8], 64);
-	EXPECT_EQ(ip[9], IPPROTO_UDP);
-	EXPECT_EQ(v4->uost_ip6h, nullptr);
-	EXPECT_FALSE(v4->uost_is_v6);
-
 	EXPECT_EQ((uint8_t *)v6->uost_udph - (uint8_t *)v6->uost_eth, 54);
-	EXPECT_EQ(v6->uost_hdr_len, 62u);
-	EXPECT_EQ(v6->uost_ip_hdr_len, 48u);
-	EXPECT_EQ(ntohs(v6->uost_eth->ether_type), ETHERTYPE_IPV6);
-	ip = (const uint8_t *)v6->uost_ip6h;
-	EXPECT_EQ(ip[0], 0x60);
-	EXPECT_EQ(ip[6], IPPROTO_UDP);
-	EXPECT_EQ(ip[7], 64);
-	EXPECT_EQ(v6->uost_iph, nullptr);
-	EXPECT_TRUE(v6->uost_is_v6);
-
+	EXPECT_TRUE(v4->uost_ip6h == nullptr && v6->uost_iph == nullptr);
 	for (uost_t *up : { v4, v6 }) {
 		EXPECT_EQ(up->uost_refcnt, 2u);
 		EXPECT_FALSE(up->uost_bound || up->uost_frio_set ||
@@ -85,22 +66,13 @@ TEST_F(RegistryTest, SharedBucketFindsEachByItsNumber)
 		ost_release(up);
 	}
 	remove_record(fds[1]);
-	EXPECT_EQ(ost_find_sd(fds[1]), nullptr);
+	EXPECT_EQ(ost_find_sd(fds[1]), nullptr);	/* a missing number */
 	for (int fd : { fds[0], fds[2] }) {
 		uost_t *up = ost_find_sd(fd);
 		ASSERT_NE(up, nullptr);
 		EXPECT_EQ(refcnt_of(up), 2u);
 		ost_release(up);
 	}
-}
-
-TEST_F(RegistryTest, MissingDescriptorChangesNothing)
-{
-	ASSERT_TRUE(ost_add(kFakeFd, AF_INET));
-	EXPECT_EQ(ost_find_sd(kFakeFd + 11), nullptr);
-	uost_t *up = ost_find_sd(kFakeFd);
-	EXPECT_EQ(refcnt_of(up), 2u);
-	ost_release(up);
 }
 
 TEST_F(RegistryTest, ReusedNumberFindsTheNewestRecord)

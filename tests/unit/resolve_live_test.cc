@@ -7,7 +7,6 @@
  * they are absent.
  */
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <ifaddrs.h>
@@ -16,7 +15,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <functional>
 #include <string>
 
 #include "sub/netlink.h"
@@ -24,34 +22,6 @@
 #include "support.h"
 
 namespace {
-
-/* Runs body with the debug log on standard error and returns the log. */
-std::string
-logged(const std::function<void()> &body)
-{
-	int saved = ost_debug_flag;
-
-	ost_debug_flag = 1;
-	ost_debug_init(B_FALSE);
-	std::string out = capture_stderr(
-	    [](void *p) { (*(const std::function<void()> *)p)(); },
-	    (void *)&body);
-	ost_debug_flag = saved;
-	return out;
-}
-
-int
-count_fds()
-{
-	DIR *d = opendir("/proc/self/fd");
-	int n = 0;
-
-	while (d != nullptr && readdir(d) != nullptr)
-		n++;
-	if (d != nullptr)
-		closedir(d);
-	return n;
-}
 
 int
 count(const std::string &hay, const std::string &needle)
@@ -62,14 +32,6 @@ count(const std::string &hay, const std::string &needle)
 	    at = hay.find(needle, at + 1))
 		n++;
 	return n;
-}
-
-const char *
-env(const char *name)
-{
-	const char *v = getenv(name);
-
-	return v != nullptr ? v : "";
 }
 
 struct in_addr
@@ -94,17 +56,6 @@ bool
 same(const struct in6_addr &a, const struct in6_addr &b)
 {
 	return memcmp(&a, &b, sizeof (a)) == 0;
-}
-
-std::string
-mac(const struct ether_addr &e)
-{
-	char buf[20];
-	const uint8_t *o = e.ether_addr_octet;
-
-	snprintf(buf, sizeof (buf), "%02x:%02x:%02x:%02x:%02x:%02x", o[0],
-	    o[1], o[2], o[3], o[4], o[5]);
-	return buf;
 }
 
 TEST(ResolveLocal, LoopbackRouteAndAddress)
@@ -280,7 +231,7 @@ TEST_F(ResolveNs, NeighbourWithoutEntryAnswersWithReset)
 	EXPECT_EQ(1, count(log, std::string("ost_get_eaddr_v4: SIOCGXARP no "
 	    "entry: ") + env("OST_RT_ROUTER4") + "\n")) << log;
 	EXPECT_EQ(0, count(log, "connect:")) << log;
-	EXPECT_EQ(env("OST_RT_ROUTER_MAC"), mac(ea));
+	EXPECT_EQ(env("OST_RT_ROUTER_MAC"), mac_str(&ea));
 	EXPECT_EQ(idx_, idx);
 	EXPECT_STREQ(if_, name);
 
@@ -351,7 +302,7 @@ TEST_F(ResolveNs, NeighboursOwnAddressesAndAliases)
 		EXPECT_TRUE(ost_get_eaddr_v4(&a, &ea, &idx, nullptr));
 	});
 	EXPECT_EQ("", log);
-	EXPECT_EQ(env("OST_RT_STATIC_MAC"), mac(ea));
+	EXPECT_EQ(env("OST_RT_STATIC_MAC"), mac_str(&ea));
 	EXPECT_EQ(idx_, idx);
 
 	for (const char *var : { "OST_RT_SELF4", "OST_RT_ALIAS4" }) {
@@ -365,7 +316,7 @@ TEST_F(ResolveNs, NeighboursOwnAddressesAndAliases)
 		EXPECT_EQ("", log) << var;
 		EXPECT_STREQ(if_, name) << var;	/* the label's suffix cut */
 		EXPECT_EQ(idx_, idx) << var;
-		EXPECT_EQ(env("OST_RT_MAC"), mac(ea)) << var;
+		EXPECT_EQ(env("OST_RT_MAC"), mac_str(&ea)) << var;
 	}
 }
 
@@ -463,7 +414,7 @@ TEST_F(ResolveNs, LinkAddressesV6)
 	});
 	EXPECT_STREQ(if_, name);
 	EXPECT_EQ(idx_, idx);
-	EXPECT_EQ(env("OST_RT_MAC"), mac(ea));
+	EXPECT_EQ(env("OST_RT_MAC"), mac_str(&ea));
 	EXPECT_EQ(1, count(log, "ost_get_eaddr_v6: use " + std::string(if_) +
 	    " (" + std::to_string(idx_) + ")\n")) << log;
 	/* The scope id of another interface finds no owner. */
@@ -476,11 +427,11 @@ TEST_F(ResolveNs, LinkAddressesV6)
 	strcpy(name, if_);
 	memset(&ea, 0, sizeof (ea));
 	ASSERT_TRUE(ost_get_eaddr_v6(&self, &ea, nullptr, name));
-	EXPECT_EQ(env("OST_RT_MAC"), mac(ea));
+	EXPECT_EQ(env("OST_RT_MAC"), mac_str(&ea));
 	log = logged([&] {
 		ASSERT_TRUE(ost_get_eaddr_v6(&nb, &ea, nullptr, name));
 	});
-	EXPECT_EQ(env("OST_RT_STATIC_MAC"), mac(ea));
+	EXPECT_EQ(env("OST_RT_STATIC_MAC"), mac_str(&ea));
 	EXPECT_EQ(std::string("ost: ost_get_eaddr_v6: given ") + if_ + "\n",
 	    log);
 	log = logged([&] {

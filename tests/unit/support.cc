@@ -1,7 +1,9 @@
 #include "support.h"
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -34,6 +36,20 @@ capture_stderr(void (*fn)(void *), void *arg)
 		out.append(buf, (size_t)n);
 	close(fd);
 	unlink(path);
+	return out;
+}
+
+std::string
+logged(const std::function<void()> &body)
+{
+	int saved = ost_debug_flag;
+
+	ost_debug_flag = 1;
+	ost_debug_init(B_FALSE);
+	std::string out = capture_stderr(
+	    [](void *p) { (*(const std::function<void()> *)p)(); },
+	    (void *)&body);
+	ost_debug_flag = saved;
 	return out;
 }
 
@@ -72,27 +88,79 @@ registry_size()
 }
 
 int
-bound_udp_socket(int family, struct sockaddr_storage *addr)
+count_fds()
 {
-	int sd = libc_socket(family, SOCK_DGRAM, 0);
+	DIR *d = opendir("/proc/self/fd");
+	int n = 0;
+
+	while (d != nullptr && readdir(d) != nullptr)
+		n++;
+	if (d != nullptr)
+		closedir(d);
+	return n;
+}
+
+const char *
+env(const char *name)
+{
+	const char *v = getenv(name);
+
+	return v != nullptr ? v : "";
+}
+
+std::string
+mac_str(const void *octets)
+{
+	const uint8_t *o = (const uint8_t *)octets;
+	char buf[20];
+
+	snprintf(buf, sizeof (buf), "%02x:%02x:%02x:%02x:%02x:%02x", o[0],
+	    o[1], o[2], o[3], o[4], o[5]);
+	return buf;
+}
+
+int
+bind_loopback(int fd, int family, struct sockaddr_storage *addr)
+{
 	socklen_t len = sizeof (*addr);
 
 	memset(addr, 0, sizeof (*addr));
-	if (family == AF_INET) {
-		auto *sin = (struct sockaddr_in *)addr;
-		sin->sin_family = AF_INET;
-		sin->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-	} else {
-		auto *sin6 = (struct sockaddr_in6 *)addr;
-		sin6->sin6_family = AF_INET6;
-		sin6->sin6_addr = in6addr_loopback;
-	}
-	if (libc_bind(sd, (struct sockaddr *)addr,
-	    family == AF_INET ? sizeof (struct sockaddr_in) :
-	    sizeof (struct sockaddr_in6)) != 0 ||
-	    getsockname(sd, (struct sockaddr *)addr, &len) != 0) {
+	addr->ss_family = (sa_family_t)family;
+	if (family == AF_INET)
+		((struct sockaddr_in *)addr)->sin_addr.s_addr =
+		    htonl(INADDR_LOOPBACK);
+	else
+		((struct sockaddr_in6 *)addr)->sin6_addr = in6addr_loopback;
+	if (libc_bind(fd, (struct sockaddr *)addr, family == AF_INET ?
+	    sizeof (struct sockaddr_in) : sizeof (struct sockaddr_in6)) != 0 ||
+	    getsockname(fd, (struct sockaddr *)addr, &len) != 0)
+		return -1;
+	return 0;
+}
+
+int
+bound_udp_socket(int family, struct sockaddr_storage *addr)
+{
+	int sd = libc_socket(family, SOCK_DGRAM, 0);
+
+	if (bind_loopback(sd, family, addr) != 0) {
 		close(sd);
 		return -1;
 	}
 	return sd;
+}
+
+bool
+delivered(int sd, const struct sockaddr_storage &addr)
+{
+	int tx = libc_socket(addr.ss_family, SOCK_DGRAM, 0);
+	struct pollfd pfd = { sd, POLLIN, 0 };
+	char buf[16];
+
+	libc_sendto(tx, "ping", 4, 0, (const struct sockaddr *)&addr,
+	    addr.ss_family == AF_INET ? sizeof (struct sockaddr_in) :
+	    sizeof (struct sockaddr_in6));
+	close(tx);
+	return poll(&pfd, 1, 200) == 1 && libc_recvfrom(sd, buf, sizeof (buf),
+	    MSG_DONTWAIT, NULL, NULL) == 4;
 }

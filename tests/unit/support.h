@@ -2,6 +2,7 @@
 #ifndef OST_TEST_SUPPORT_H
 #define OST_TEST_SUPPORT_H
 
+#include <functional>
 #include <string>
 
 #include "ost_impl.h"
@@ -16,6 +17,9 @@ void ost_test_init();
 /* Runs fn with standard error sent to a file and returns what it wrote. */
 std::string capture_stderr(void (*fn)(void *), void *arg);
 
+/* Runs body with the debug log on standard error and returns the log. */
+std::string logged(const std::function<void()> &body);
+
 /* The record's current reference count, read under its lock. */
 uint32_t refcnt_of(uost_t *up);
 
@@ -25,7 +29,23 @@ uost_t *record(int fd);
 /* Number of records in the registry. */
 int registry_size();
 
-/* A UDP socket bound to 127.0.0.1 on an ephemeral port. */
+/* Number of descriptors the process has open. */
+int count_fds();
+
+/* The variable's value, or "" when unset. */
+const char *env(const char *name);
+
+/* Six octets as aa:bb:cc:dd:ee:ff. */
+std::string mac_str(const void *octets);
+
+/* Binds fd to the loopback address of family, ephemeral port; addr gets
+ * the bound address.  0, or -1. */
+int bind_loopback(int fd, int family, struct sockaddr_storage *addr);
+
+/* Sends one datagram to addr and says whether sd received it. */
+bool delivered(int sd, const struct sockaddr_storage &addr);
+
+/* A UDP socket bound to the loopback address of family. */
 int bound_udp_socket(int family, struct sockaddr_storage *addr);
 
 #endif
