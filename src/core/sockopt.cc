@@ -103,30 +103,54 @@ ost_set_hops_locked(uost_t *up, uint32_t hops)
 		up->uost_iph->ip_ttl = (uint8_t)hops;
 }
 
+/* Whether the cached peer is a group (IPv4 peers are held mapped). */
 static boolean_t
-ost_group_recorded(const uost_t *up)
+ost_peer_is_group(const uost_t *up)
 {
-	return IN6_IS_ADDR_UNSPECIFIED(&up->uost_ip_maddr_v6) ? B_FALSE :
-	    B_TRUE;
+	const struct in6_addr *a = &up->uost_faddr_v6;
+
+	if (!up->uost_peer_set)
+		return B_FALSE;
+	if (IN6_IS_ADDR_V4MAPPED(a))
+		return ost_is_multicast_v4(ost_unmap_v4(a));
+	return IN6_IS_ADDR_MULTICAST(a) ? B_TRUE : B_FALSE;
 }
 
+/*
+ * An int option's value as the kernel read it: an int, or a single byte
+ * when the caller gave less.
+ */
+static int
+ost_opt_int(const void *optval, socklen_t optlen)
+{
+	int v;
+
+	if (optlen >= sizeof (int)) {
+		memcpy(&v, optval, sizeof (v));
+		return v;
+	}
+	return *(const uint8_t *)optval;
+}
+
+/* -1 asks for the default again: 0 in the record, 64 in the template. */
 static void
 ost_set_uc_hops(uost_t *up, int hops)
 {
 	(void) pthread_mutex_lock(&up->uost_lock);
-	up->uost_uc_hops = (uint32_t)hops;
-	if (up->uost_peer_set)
-		ost_set_hops_locked(up, (uint32_t)hops);
+	up->uost_uc_hops = hops < 0 ? 0 : (uint32_t)hops;
+	if (up->uost_peer_set && !ost_peer_is_group(up))
+		ost_set_hops_locked(up, hops < 0 ? 64 : (uint32_t)hops);
 	(void) pthread_mutex_unlock(&up->uost_lock);
 }
 
+/* The same for groups, whose default is 1. */
 static void
-ost_set_mc_hops(uost_t *up, uint32_t hops)
+ost_set_mc_hops(uost_t *up, int hops)
 {
 	(void) pthread_mutex_lock(&up->uost_lock);
-	up->uost_mc_hops = hops;
-	if (ost_group_recorded(up))
-		ost_set_hops_locked(up, hops);
+	up->uost_mc_hops = hops < 0 ? 0 : (uint32_t)hops;
+	if (ost_peer_is_group(up))
+		ost_set_hops_locked(up, hops < 0 ? 1 : (uint32_t)hops);
 	(void) pthread_mutex_unlock(&up->uost_lock);
 }
 
@@ -210,7 +234,7 @@ ost_process_v4_opt(uost_t *up, int optname, const void *optval,
 		(void) pthread_mutex_unlock(&up->uost_lock);
 		return OST_OPT_KEEP;
 	case IP_TTL:
-		ost_set_uc_hops(up, *(const int *)optval);
+		ost_set_uc_hops(up, ost_opt_int(optval, optlen));
 		return OST_OPT_KEEP;
 	case IP_MULTICAST_TTL:
 		/* A byte or an int: on this machine's byte order the first
@@ -221,12 +245,16 @@ ost_process_v4_opt(uost_t *up, int optname, const void *optval,
 		ost_mcast_if_t want;
 
 		memset(&want, 0, sizeof (want));
-		if (optlen >= sizeof (struct ip_mreqn)) {
+		/* As the kernel reads it: ip_mreqn, ip_mreq (its second
+		 * field), or a bare address. */
+		if (optlen >= sizeof (struct ip_mreqn))
 			ost_read_mreq(optval, optlen, &group, &want.omi_addr,
 			    &want.omi_index);
-		} else {
+		else if (optlen >= sizeof (struct ip_mreq))
+			want.omi_addr =
+			    ((const struct ip_mreq *)optval)->imr_interface;
+		else
 			memcpy(&want.omi_addr, optval, sizeof (want.omi_addr));
-		}
 		/* "Whatever the route says": no fixed interface to follow,
 		 * so group datagrams keep going through the kernel. */
 		if (want.omi_index == 0 && want.omi_addr.s_addr == INADDR_ANY)
@@ -263,7 +291,7 @@ ost_process_v6_opt(uost_t *up, int optname, const void *optval)
 		ost_set_uc_hops(up, *(const int *)optval);
 		return OST_OPT_KEEP;
 	case IPV6_MULTICAST_HOPS:
-		ost_set_mc_hops(up, (uint32_t)*(const int *)optval);
+		ost_set_mc_hops(up, *(const int *)optval);
 		return OST_OPT_KEEP;
 	case IPV6_MULTICAST_IF:
 		return ost_process_mcast_if(up, IPV6_MULTICAST_IF, optval);

@@ -66,13 +66,21 @@ TEST_F(SockOpt, FrameShapingOptionsReachTheTemplate)
 	ASSERT_EQ(set_int(fd_, IPPROTO_IP, IP_TTL, 9), 0);
 	EXPECT_EQ(up->uost_iph->ip_ttl, 9);
 
-	/* A byte or an int; the template follows once a group is known. */
+	/* A single byte is read as one; -1 brings the default back. */
 	unsigned char byte = 3;
+	ASSERT_EQ(ost_setsockopt(fd_, IPPROTO_IP, IP_TTL, &byte, 1), 0);
+	EXPECT_EQ(up->uost_iph->ip_ttl, 3);
+	ASSERT_EQ(set_int(fd_, IPPROTO_IP, IP_TTL, -1), 0);
+	EXPECT_EQ(up->uost_uc_hops, 0u);
+	EXPECT_EQ(up->uost_iph->ip_ttl, 64);
+	ASSERT_EQ(set_int(fd_, IPPROTO_IP, IP_TTL, 9), 0);
+
+	/* A byte or an int; the template follows only for a group peer. */
 	ASSERT_EQ(ost_setsockopt(fd_, IPPROTO_IP, IP_MULTICAST_TTL, &byte, 1),
 	    0);
 	EXPECT_EQ(up->uost_mc_hops, 3u);
 	EXPECT_EQ(up->uost_iph->ip_ttl, 9);
-	inet_pton(AF_INET6, "::ffff:239.1.1.1", &up->uost_ip_maddr_v6);
+	inet_pton(AF_INET6, "::ffff:239.1.1.1", &up->uost_faddr_v6);
 	ASSERT_EQ(set_int(fd_, IPPROTO_IP, IP_MULTICAST_TTL, 4), 0);
 	EXPECT_EQ(up->uost_mc_hops, 4u);
 	EXPECT_EQ(up->uost_iph->ip_ttl, 4);
