@@ -7,6 +7,7 @@
 #ifndef OST_IMPL_H
 #define OST_IMPL_H
 
+#include <errno.h>
 #include <net/ethernet.h>
 #include <netinet/in.h>
 #include <netinet/ip.h>
@@ -29,6 +30,12 @@
 #include "platform/verify.h"
 
 typedef enum { B_FALSE = 0, B_TRUE = 1 } boolean_t;
+
+/* Keeps the caller's errno across a scope (path resolution never sets it). */
+struct ost_errno_keep {
+	int ek_saved = errno;
+	~ost_errno_keep() { errno = ek_saved; }
+};
 
 /* Message catalogue of the library's translated texts. */
 #define OST_TEXT_DOMAIN "corvane_lib_ostrel"

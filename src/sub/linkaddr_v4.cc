@@ -152,11 +152,9 @@ boolean_t
 ost_get_eaddr_v4(const struct in_addr *addr, struct ether_addr *ether,
     uint32_t *if_index, char *if_name)
 {
-	int saved_errno = errno;
-	boolean_t ok = get_eaddr_v4(addr, ether, if_index, if_name);
+	ost_errno_keep keep;
 
-	errno = saved_errno;
-	return ok;
+	return get_eaddr_v4(addr, ether, if_index, if_name);
 }
 
 /* The outcome of the attempt on fd, waiting until deadline. */
@@ -238,24 +236,20 @@ tmp_connect(int family, const void *addr)
 boolean_t
 ost_tmp_connect(int family, const void *addr)
 {
-	int saved_errno = errno;
-	boolean_t ok = tmp_connect(family, addr);
+	ost_errno_keep keep;
 
-	errno = saved_errno;
-	return ok;
+	return tmp_connect(family, addr);
 }
 
 boolean_t
 ost_if_addr_v4(const char *if_name, struct in_addr *addr)
 {
-	int saved_errno = errno;
+	ost_errno_keep keep;
 	struct ifaddrs *list, *ifa;
 	boolean_t found = B_FALSE;
 
-	if (getifaddrs(&list) != 0) {
-		errno = saved_errno;
+	if (getifaddrs(&list) != 0)
 		return B_FALSE;
-	}
 	for (ifa = list; ifa != NULL; ifa = ifa->ifa_next) {
 		char name[OST_IFNAME_SIZE];
 
@@ -270,6 +264,5 @@ ost_if_addr_v4(const char *if_name, struct in_addr *addr)
 		break;
 	}
 	freeifaddrs(list);
-	errno = saved_errno;
 	return found;
 }

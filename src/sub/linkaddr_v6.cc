@@ -86,11 +86,9 @@ boolean_t
 ost_get_if_info_v6(uint32_t if_index, const boolean_t *link_local,
     struct in6_addr *addr, char *if_name)
 {
-	int saved_errno = errno;
-	boolean_t ok = get_if_info_v6(if_index, link_local, addr, if_name);
+	ost_errno_keep keep;
 
-	errno = saved_errno;
-	return ok;
+	return get_if_info_v6(if_index, link_local, addr, if_name);
 }
 
 static boolean_t
@@ -155,11 +153,9 @@ boolean_t
 ost_find_if_v6(const struct in6_addr *addr, uint32_t scope_id,
     ost_lifreq_t *lifr)
 {
-	int saved_errno = errno;
-	boolean_t ok = find_if_v6(addr, scope_id, lifr);
+	ost_errno_keep keep;
 
-	errno = saved_errno;
-	return ok;
+	return find_if_v6(addr, scope_id, lifr);
 }
 
 typedef enum { OWN_NO = 0, OWN_YES, OWN_FAIL } own_t;
@@ -275,9 +271,7 @@ boolean_t
 ost_get_eaddr_v6(const struct in6_addr *addr, struct ether_addr *ether,
     uint32_t *if_index, char *if_name)
 {
-	int saved_errno = errno;
-	boolean_t ok = get_eaddr_v6(addr, ether, if_index, if_name);
+	ost_errno_keep keep;
 
-	errno = saved_errno;
-	return ok;
+	return get_eaddr_v6(addr, ether, if_index, if_name);
 }

@@ -113,6 +113,18 @@ typedef struct nl_cursor {
 	size_t nc_left;
 } nl_cursor_t;
 
+/* Moves past step bytes, or to the end when fewer are left. */
+static void
+nl_skip(nl_cursor_t *c, size_t step)
+{
+	if (step >= c->nc_left) {
+		c->nc_left = 0;
+	} else {
+		c->nc_p += step;
+		c->nc_left -= step;
+	}
+}
+
 /*
  * The next netlink message: its header copied out (the buffer need not be
  * aligned), its payload and the payload's length.
@@ -121,8 +133,6 @@ static boolean_t
 nl_next_msg(nl_cursor_t *c, struct nlmsghdr *h, const uint8_t **data,
     size_t *dlen)
 {
-	size_t step;
-
 	if (c->nc_left < sizeof (*h))
 		return B_FALSE;
 	memcpy(h, c->nc_p, sizeof (*h));
@@ -130,13 +140,7 @@ nl_next_msg(nl_cursor_t *c, struct nlmsghdr *h, const uint8_t **data,
 		return B_FALSE;
 	*data = c->nc_p + NLMSG_HDRLEN;
 	*dlen = h->nlmsg_len - NLMSG_HDRLEN;
-	step = NLMSG_ALIGN(h->nlmsg_len);
-	if (step >= c->nc_left) {
-		c->nc_left = 0;
-	} else {
-		c->nc_p += step;
-		c->nc_left -= step;
-	}
+	nl_skip(c, NLMSG_ALIGN(h->nlmsg_len));
 	return B_TRUE;
 }
 
@@ -146,7 +150,6 @@ nl_next_attr(nl_cursor_t *c, uint16_t *type, const uint8_t **data,
     size_t *dlen)
 {
 	struct rtattr a;
-	size_t step;
 
 	if (c->nc_left < sizeof (a))
 		return B_FALSE;
@@ -156,13 +159,7 @@ nl_next_attr(nl_cursor_t *c, uint16_t *type, const uint8_t **data,
 	*type = a.rta_type;
 	*data = c->nc_p + RTA_LENGTH(0);
 	*dlen = a.rta_len - RTA_LENGTH(0);
-	step = RTA_ALIGN(a.rta_len);
-	if (step >= c->nc_left) {
-		c->nc_left = 0;
-	} else {
-		c->nc_p += step;
-		c->nc_left -= step;
-	}
+	nl_skip(c, RTA_ALIGN(a.rta_len));
 	return B_TRUE;
 }
 

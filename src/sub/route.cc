@@ -90,22 +90,18 @@ boolean_t
 ost_get_route_v4(const struct in_addr *dst, uint32_t *if_index,
     struct in_addr *gateway)
 {
-	int saved_errno = errno;
-	boolean_t ok = get_route("ost_get_route_v4", AF_INET, dst,
-	    sizeof (*dst), if_index, gateway);
+	ost_errno_keep keep;
 
-	errno = saved_errno;
-	return ok;
+	return get_route("ost_get_route_v4", AF_INET, dst,
+	    sizeof (*dst), if_index, gateway);
 }
 
 boolean_t
 ost_get_route_v6(const struct in6_addr *dst, uint32_t *if_index,
     struct in6_addr *gateway)
 {
-	int saved_errno = errno;
-	boolean_t ok = get_route("ost_get_route_v6", AF_INET6, dst,
-	    sizeof (*dst), if_index, gateway);
+	ost_errno_keep keep;
 
-	errno = saved_errno;
-	return ok;
+	return get_route("ost_get_route_v6", AF_INET6, dst,
+	    sizeof (*dst), if_index, gateway);
 }
