@@ -28,6 +28,9 @@ idx = socket.if_nametoindex(ifname)
 if mode == "send":
     if v6:
         s.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_MULTICAST_IF, idx)
+    elif how == "mreq":  # struct ip_mreq: the interface is its second field
+        s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF,
+                     socket.inet_aton(group) + socket.inet_aton(ifaddr))
     else:
         s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(ifaddr))
     for i in range(count):
@@ -110,9 +113,10 @@ recv_case() {
   echo "ok: receive $how $group ($expect)"
 }
 
-# send_case FAMILY GROUP: a preloaded sender in A, a kernel receiver in B.
+# send_case FAMILY GROUP [HOW]: a preloaded sender in A, a kernel receiver
+# in B; HOW "mreq" names the interface with a struct ip_mreq.
 send_case() {
-  local fam=$1 group=$2 port out0 out1 out
+  local fam=$1 group=$2 how=${3:--} port out0 out1 out
   port=$((20000 + RANDOM % 20000))
   ip netns exec "$NS_B" "$PYTHON3" "$NETNS_TMP/mc.py" recv "$fam" "$group" "$port" \
     "$IF_B" "$IP4_B" mreqn "$COUNT" >"$NETNS_TMP/recv.out" 2>&1 &
@@ -120,20 +124,21 @@ send_case() {
   NETNS_PIDS+=($pid)
   for i in $(seq 100); do grep -q ready "$NETNS_TMP/recv.out" && break; sleep 0.05; done
   out0=$(udp_counter "$NS_A" OutDatagrams)
-  in_ns "$NS_A" env LD_PRELOAD="$OSTREL_LIB" _OSTREL_DEBUG=${OSTREL_DEBUG_MC:-0} "$PYTHON3" "$NETNS_TMP/mc.py" send \
-    "$fam" "$group" "$port" "$IF_A" "$IP4_A" - "$COUNT"
+  in_ns "$NS_A" env LD_PRELOAD="$OSTREL_LIB" "$PYTHON3" "$NETNS_TMP/mc.py" send \
+    "$fam" "$group" "$port" "$IF_A" "$IP4_A" "$how" "$COUNT"
   out1=$(udp_counter "$NS_A" OutDatagrams)
   wait "$pid" || true
   out=$(cat "$NETNS_TMP/recv.out")
   grep -q "got $COUNT" <<<"$out" || fail "sender $group: receiver says $out"
   [ $((out1 - out0)) -eq 0 ] || fail "sender $group: $((out1 - out0)) through the kernel"
-  echo "ok: send $group (bypass)"
+  echo "ok: send $group $how (bypass)"
 }
 
 for backend in xdp packet; do
   export FRIO_BACKEND=$backend
   echo "== $backend"
   send_case 4 239.1.2.3
+  send_case 4 239.1.2.4 mreq
   send_case 6 ff12::1:2:3
   if [ -n "${OSTREL_MC_SEND_ONLY:-}" ]; then continue; fi
   for how in mreq mreqn mcast before-mreq before-mreqn; do

@@ -46,4 +46,42 @@ for env in _OSTREL_RECV_MODE=0 _OSTREL_POLL_USEC=-1 _OSTREL_POLL_USEC=200; do
     run_case "$call" "$IP4_B" "$env"
   done
 done
+# Waits end as a kernel's would: SO_RCVTIMEO bounds a blocking receive, a
+# signal handler ends a waiting receive or select (EINTR), and a select
+# over ordinary descriptors alone sleeps instead of spinning.
+cat >"$NETNS_TMP/waits.py" <<'PY'
+import os, select, signal, socket, struct, sys, time
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.bind((sys.argv[1], 5999))
+s.getsockopt(socket.SOL_SOCKET, 0x101b, 40)  # on the bypass path
+s.setsockopt(socket.SOL_SOCKET, socket.SO_RCVTIMEO, struct.pack("ll", 0, 200000))
+t = time.monotonic()
+try:
+    s.recv(10)
+    sys.exit("data from nowhere")
+except BlockingIOError:
+    pass
+assert 0.15 < time.monotonic() - t < 2, time.monotonic() - t
+s.setsockopt(socket.SOL_SOCKET, socket.SO_RCVTIMEO, struct.pack("ll", 0, 0))
+class Stop(Exception):
+    pass
+def stop(*_):
+    raise Stop
+signal.signal(signal.SIGALRM, stop)
+for wait in (lambda: s.recv(10), lambda: select.select([s], [], [])):
+    signal.setitimer(signal.ITIMER_REAL, 0.3)
+    try:
+        wait()
+        sys.exit("a wait returned")
+    except Stop:
+        pass
+r, _ = os.pipe()
+cpu = time.process_time()
+select.select([r], [], [], 0.5)
+assert time.process_time() - cpu < 0.2, "select spun"
+print("waits ok")
+PY
+out=$(timeout 20 ip netns exec "$NS_B" env LD_PRELOAD="$OSTREL_LIB" "$PYTHON3" \
+  "$NETNS_TMP/waits.py" "$IP4_B" 2>&1) || fail "waits: $out"
+echo "ok: $out"
 echo "receive: passed ($FRIO_BACKEND)"

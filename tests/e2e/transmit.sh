@@ -78,4 +78,30 @@ done
 # A handle that cannot be opened: the set-up falls back, nothing is lost.
 run_case nonexistent sendto "$NS_B" "$IP4_B" kernel
 run_case nonexistent sendmsg "$NS_B" "$IP6_B" kernel
+# A socket bound to a second address of its interface sends from that
+# address, and the replies to it come back to it.
+ALIAS=${IP4_A%.1}.5
+ip -n "$NS_A" addr add "$ALIAS/24" dev "$IF_A"
+port=$((20000 + RANDOM % 20000))
+ip netns exec "$NS_B" "$PYTHON3" -c '
+import socket, sys
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.bind((sys.argv[1], int(sys.argv[2]))); s.settimeout(5)
+for _ in range(3):
+    data, peer = s.recvfrom(100); s.sendto(peer[0].encode(), peer)
+' "$IP4_B" "$port" &
+NETNS_PIDS+=($!)
+wait_udp_port "$NS_B" "$port"
+out0=$(udp_counter "$NS_A" OutDatagrams)
+out=$(in_ns "$NS_A" env LD_PRELOAD="$OSTREL_LIB" "$PYTHON3" -c '
+import socket, sys
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.bind((sys.argv[1], 0)); s.settimeout(5)
+for _ in range(3):
+    s.sendto(b"who am I", (sys.argv[2], int(sys.argv[3])))
+    print(s.recv(100).decode())
+' "$ALIAS" "$IP4_B" "$port" 2>&1) || fail "bound to $ALIAS: $out"
+[ "$out" = "$(printf '%s\n%s\n%s' "$ALIAS" "$ALIAS" "$ALIAS")" ] || fail "bound to $ALIAS: $out"
+[ "$(udp_counter "$NS_A" OutDatagrams)" = "$out0" ] || fail "bound to $ALIAS: through the kernel"
+echo "ok: source address of a socket bound to $ALIAS"
 echo "transmit: passed"
