@@ -3,11 +3,8 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <stdio.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -87,30 +84,6 @@ TEST_F(DebugTest, FileIsPerProcessPrivateAndTruncated)
 	ost_debug("%s: one\n", "f");
 	ost_debug("%s: two\n", "g");
 	EXPECT_EQ(slurp(log_path()), "ost: f: one\nost: g: two\n");
-}
-
-/* A /tmp that cannot be written: lines go to standard error instead. */
-TEST_F(DebugTest, UnwritableTmpFallsBackToStandardError)
-{
-	if (geteuid() != 0)
-		GTEST_SKIP() << "needs root for a private mount namespace";
-	pid_t pid = fork();
-	ASSERT_GE(pid, 0);
-	if (pid == 0) {
-		if (unshare(CLONE_NEWNS) != 0 ||
-		    mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL) != 0 ||
-		    mount("tmpfs", "/tmp", "tmpfs", MS_RDONLY, NULL) != 0)
-			_exit(77);
-		ost_debug_flag = 2;
-		ost_debug_init(B_TRUE);
-		_exit(ost_debug_fp == stderr ? 0 : 1);
-	}
-	int status;
-	ASSERT_EQ(waitpid(pid, &status, 0), pid);
-	ASSERT_TRUE(WIFEXITED(status));
-	if (WEXITSTATUS(status) == 77)
-		GTEST_SKIP() << "cannot mount a read-only /tmp here";
-	EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 TEST_F(DebugTest, ErrExitReturnsWhenOffAndEndsTheProcessWhenOn)

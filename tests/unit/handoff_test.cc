@@ -1,17 +1,12 @@
-/*
- * Before fork, exec and spawn: preload variables edited, every record torn
- * down, every socket back on the kernel path, holders waited for.
- */
+/* Before fork and exec: preload variables edited, every record torn down. */
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <stdarg.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "support.h"
 
@@ -37,42 +32,12 @@ TEST(EnvCleanup, BlanksTheLibraryWordKeepingTheLength)
 	EXPECT_EQ(cleaned("/a.so:/ostrel.so.1"), blank18);
 	EXPECT_EQ(cleaned("/a/liba.so /b/libb.so"), "/a/liba.so /b/libb.so");
 	EXPECT_EQ(cleaned(""), "");
-	/* Only the first occurrence. */
 	EXPECT_EQ(cleaned("ostrel.so.1 ostrel.so.1"), blank11 + " ostrel.so.1");
 
 	unsetenv("LD_PRELOAD_32");
 	ost_env_cleanup("LD_PRELOAD_32");
 	EXPECT_EQ(getenv("LD_PRELOAD_32"), nullptr);
 	unsetenv("LD_PRELOAD");
-}
-
-std::vector<std::string>
-argv_of(char *const *envp_expect, const char *arg0, ...)
-{
-	va_list ap;
-	char *const *envp = nullptr;
-	va_start(ap, arg0);
-	char **argv = ost_list_argv(arg0, ap, envp_expect ? &envp : nullptr);
-	va_end(ap);
-	std::vector<std::string> out;
-	for (char **p = argv; *p != nullptr; p++)
-		out.push_back(*p);
-	if (envp_expect) {
-		EXPECT_EQ(envp, envp_expect);
-	}
-	free(argv);
-	return out;
-}
-
-TEST(ListArgv, BuildsTheVectorAndFindsTheEnvironment)
-{
-	using V = std::vector<std::string>;
-	EXPECT_EQ(argv_of(nullptr, "true", (char *)NULL), V{ "true" });
-	EXPECT_EQ(argv_of(nullptr, "ls", "-l", "/tmp", (char *)NULL),
-	    (V{ "ls", "-l", "/tmp" }));
-	char *env[] = { (char *)"A=1", nullptr };
-	EXPECT_EQ(argv_of(env, "env", "-0", (char *)NULL, env),
-	    (V{ "env", "-0" }));
 }
 
 class CleanupTest : public ::testing::Test {
@@ -100,7 +65,6 @@ TEST_F(CleanupTest, EmptiesTheRegistryAndGivesSocketsBackToTheKernel)
 	close(sd);
 }
 
-/* A thread inside a call on a record holds up the clean-up until it leaves. */
 TEST_F(CleanupTest, WaitsForThreadsInsideTheLibrary)
 {
 	ASSERT_TRUE(ost_add(kFakeFd, AF_INET));
@@ -109,7 +73,6 @@ TEST_F(CleanupTest, WaitsForThreadsInsideTheLibrary)
 	std::atomic<bool> saw_closing{false};
 
 	std::thread holder([&] {
-		/* As a waiting receiver does: notice closing, then leave. */
 		pthread_mutex_lock(&up->uost_lock);
 		while (!up->uost_closing) {
 			pthread_mutex_unlock(&up->uost_lock);
@@ -129,7 +92,6 @@ TEST_F(CleanupTest, WaitsForThreadsInsideTheLibrary)
 	EXPECT_EQ(registry_size(), 0);
 }
 
-/* close() racing the clean-up on the same record frees it exactly once. */
 TEST_F(CleanupTest, RacesWithClose)
 {
 	for (int round = 0; round < 300; round++) {

@@ -1,8 +1,5 @@
-/*
- * poll and select over bypass sockets and ordinary descriptors.  The
- * kernel's poll and select are wrapped to record what reaches them, so
- * that the busy and the kernel phases are told apart by what they call.
- */
+/* poll and select; the kernel's are wrapped so that the busy and kernel
+ * phases are told apart by what they call. */
 #include <errno.h>
 
 #include <atomic>
@@ -132,8 +129,8 @@ TEST_P(Ready, PollUsecSplitsBusyAndKernelPhases)
 	EXPECT_EQ(g_polls, (std::vector<std::pair<nfds_t, int>>{ { 0, 1 } }));
 }
 
-/* A set with an ordinary descriptor sleeps in the kernel, and a frame that
- * arrives meanwhile wakes it; one that validation drops does not. */
+/* With an ordinary descriptor the kernel sleeps; an arriving frame wakes it,
+ * a dropped one does not. */
 TEST_P(Ready, KernelSleepSeesBothKinds)
 {
 	for (int usec : { -1, 0 }) {
@@ -204,8 +201,7 @@ TEST_P(Ready, Select)
 	EXPECT_EQ(ost_select(s.fd + 1, &r, nullptr, nullptr, &zero), 0);
 	EXPECT_EQ(frio_mem_rx_pending(s.hdl), 0);
 
-	/* Waits for a frame on the other socket, and writes back the time
-	 * left, as Linux does. */
+	/* Waits for the other socket; writes back the time left. */
 	struct timeval tv = { 5, 0 };
 	std::thread late([this] { usleep(20000); t.inject("late"); });
 	FD_ZERO(&r);
@@ -228,11 +224,7 @@ TEST_P(Ready, Select)
 	EXPECT_EQ(g_selects, 1);
 }
 
-/*
- * A poller and a receiver on one socket: every datagram arrives once.  A
- * busy-waiting receive holds the socket until it has a datagram, so both
- * threads are ended by datagrams.
- */
+/* A poller and a receiver on one socket: every datagram arrives once. */
 TEST_P(Ready, PollAndReceiveRace)
 {
 	const int kDatagrams = 400;

@@ -1,7 +1,5 @@
-/*
- * For the receive and readiness tests: a bypass socket armed by hand on an
- * in-memory frame handle, and frames addressed to it.
- */
+/* A bypass socket armed by hand on an in-memory frame handle, and frames
+ * addressed to it. */
 #ifndef OST_TEST_RECV_FRAMES_H
 #define OST_TEST_RECV_FRAMES_H
 
@@ -19,21 +17,19 @@
 
 const in_port_t kPeerPort = htons(5000);
 
-/* The test frames' sender, 192.0.2.2 (IPv4-mapped) or 2001:db8::2. */
+/* The sender: 192.0.2.2 (IPv4-mapped) or 2001:db8::2. */
 inline struct in6_addr
 peer_addr(int family)
 {
 	struct in6_addr a = {};
-
 	inet_pton(AF_INET6, family == AF_INET6 ? "2001:db8::2" :
 	    "::ffff:192.0.2.2", &a);
 	return a;
 }
 
-/*
- * A bypass socket bound to the loopback address of its family, with a mem
- * handle and a receive filter, as bind leaves it; its kernel socket is real.
- */
+inline std::string err_str(int e) { return "<" + std::to_string(e) + ">"; }
+
+/* Bound to loopback with a mem handle and filter, as bind leaves it. */
 struct BypassSock {
 	int family = AF_INET, fd = -1;
 	uost_t *up = nullptr;
@@ -48,8 +44,7 @@ struct BypassSock {
 		fd = ost_socket(family, SOCK_DGRAM, 0);
 		ASSERT_GE(fd, 0);
 		ASSERT_EQ(bind_loopback(fd, family, &local), 0);
-		up = ost_find_sd(fd);
-		ASSERT_NE(up, nullptr);
+		up = record(fd);
 		pthread_mutex_lock(&up->uost_lock);
 		ASSERT_EQ(ost_frio_open("mem0", nullptr, &up->uost_frio_hdl),
 		    FRIO_STATUS_OK);
@@ -58,11 +53,9 @@ struct BypassSock {
 		up->uost_lport = ((struct sockaddr_in *)&local)->sin_port;
 		inet_pton(AF_INET6, family == AF_INET ? "::ffff:127.0.0.1" :
 		    "::1", &up->uost_laddr_v6);
-		ost_release_locked(up);
 		pthread_mutex_unlock(&up->uost_lock);
 	}
 
-	/* As connect() to the test sender leaves the record. */
 	void connect_peer()
 	{
 		pthread_mutex_lock(&up->uost_lock);
@@ -103,13 +96,9 @@ struct BypassSock {
 		ip[v6 ? 4 : 2] = (uint8_t)(iplen >> 8);
 		ip[v6 ? 5 : 3] = (uint8_t)iplen;
 		ip[v6 ? 6 : 9] = IPPROTO_UDP;
-		if (v6) {
-			memcpy(ip + 8, &src, 16);
-			memcpy(ip + 24, &up->uost_laddr_v6, 16);
-		} else {
-			memcpy(ip + 12, &src.s6_addr[12], 4);
-			memcpy(ip + 16, &up->uost_laddr_v6.s6_addr[12], 4);
-		}
+		memcpy(ip + (v6 ? 8 : 12), &src.s6_addr[v6 ? 0 : 12], v6 ? 16 : 4);
+		memcpy(ip + (v6 ? 24 : 16), &up->uost_laddr_v6.s6_addr[v6 ? 0 :
+		    12], v6 ? 16 : 4);
 		memcpy(udp, &sport, 2);
 		memcpy(udp + 2, &up->uost_lport, 2);
 		udp[4] = (uint8_t)(ulen >> 8);
@@ -122,30 +111,21 @@ struct BypassSock {
 	{
 		while (frio_mem_inject(hdl, f.data(), f.size()) ==
 		    FRIO_STATUS_NOMEM)
-			usleep(100);	/* a full queue: a receiver drains it */
+			usleep(100);	/* queue full: a receiver drains it */
 	}
 
 	void inject(const std::string &payload) const { inject(frame(payload)); }
 
-	/* recv(); the payload, or "<errno>". */
+	/* recv(): the payload, or "<errno>". */
 	std::string recv(int flags = 0) const
 	{
 		char buf[4096];
 		ssize_t n = ost_recvfrom_call(fd, buf, sizeof (buf), flags,
 		    nullptr, nullptr);
-
-		return n < 0 ? "<" + std::to_string(errno) + ">" :
-		    std::string(buf, (size_t)n);
+		return n < 0 ? err_str(errno) : std::string(buf, (size_t)n);
 	}
 };
 
-inline std::string
-err_str(int e)
-{
-	return "<" + std::to_string(e) + ">";
-}
-
-/* Names the instances of a test parameterised on the address family. */
 inline std::string
 family_name(const ::testing::TestParamInfo<int> &p)
 {

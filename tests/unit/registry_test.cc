@@ -1,7 +1,4 @@
-/*
- * The registry and its reference protocol: lookups, collisions, reuse, and
- * teardowns that meet other threads, including another teardown.
- */
+/* The registry and its reference protocol. */
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -24,33 +21,12 @@ protected:
 	void TearDown() override { ost_cleanup(); }
 };
 
-/* Takes a record off the registry for good, as close() does. */
 void
 remove_record(int sd)
 {
 	uost_t *up = ost_find_sd(sd);
 	ASSERT_NE(up, nullptr);
 	ost_del(up, B_FALSE);
-}
-
-/* The header bytes are checked in the transmit tests' frames; here the
- * layout they rely on and a new record's state. */
-TEST_F(RegistryTest, NewRecordLayoutAndState)
-{
-	ASSERT_TRUE(ost_add(kFakeFd, AF_INET));
-	ASSERT_TRUE(ost_add(kFakeFd + 1, AF_INET6));
-	uost_t *v4 = ost_find_sd(kFakeFd), *v6 = ost_find_sd(kFakeFd + 1);
-
-	EXPECT_EQ((uintptr_t)v4->uost_iph % 4, 0u);
-	EXPECT_EQ((uint8_t *)v4->uost_udph - (uint8_t *)v4->uost_eth, 34);
-	EXPECT_EQ((uint8_t *)v6->uost_udph - (uint8_t *)v6->uost_eth, 54);
-	EXPECT_TRUE(v4->uost_ip6h == nullptr && v6->uost_iph == nullptr);
-	for (uost_t *up : { v4, v6 }) {
-		EXPECT_EQ(up->uost_refcnt, 2u);
-		EXPECT_FALSE(up->uost_bound || up->uost_frio_set ||
-		    up->uost_kernel_set || up->uost_nonblock);
-		ost_release(up);
-	}
 }
 
 TEST_F(RegistryTest, SharedBucketFindsEachByItsNumber)
@@ -101,7 +77,6 @@ TEST_F(RegistryTest, TeardownWaitsForEveryHolder)
 		ost_del(ost_find_sd(kFakeFd), B_FALSE);
 		deleted = true;
 	});
-	/* The closer unlinks the record, then waits on our reference. */
 	pthread_mutex_lock(&holder->uost_lock);
 	while (!holder->uost_closing) {
 		pthread_mutex_unlock(&holder->uost_lock);
@@ -117,11 +92,7 @@ TEST_F(RegistryTest, TeardownWaitsForEveryHolder)
 	EXPECT_EQ(registry_size(), 0);
 }
 
-/*
- * Two teardowns of one record at once (close and a demotion): exactly one
- * frees it, neither waits for the other forever, and the one that loses
- * leaves the kernel option alone once close has run.
- */
+/* Close and a demotion at once: one frees, neither waits forever. */
 TEST_F(RegistryTest, RacingTeardownsFreeOnce)
 {
 	for (int round = 0; round < 500; round++) {
@@ -137,7 +108,6 @@ TEST_F(RegistryTest, RacingTeardownsFreeOnce)
 	}
 }
 
-/* Lookups and releases from many threads while records come and go. */
 TEST_F(RegistryTest, ConcurrentUseAndClose)
 {
 	constexpr int kFds = 8, kRounds = 300;

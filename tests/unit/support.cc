@@ -43,7 +43,6 @@ std::string
 logged(const std::function<void()> &body)
 {
 	int saved = ost_debug_flag;
-
 	ost_debug_flag = 1;
 	ost_debug_init(B_FALSE);
 	std::string out = capture_stderr(
@@ -66,7 +65,6 @@ uost_t *
 record(int fd)
 {
 	uost_t *up = ost_find_sd(fd);
-
 	if (up != NULL)
 		ost_release(up);
 	return up;
@@ -76,7 +74,6 @@ int
 registry_size()
 {
 	int n = 0;
-
 	for (auto &ft : fd_tbl_array) {
 		pthread_mutex_lock(&ft.ft_lock);
 		for (void *p = list_head(&ft.ft_head); p != NULL;
@@ -92,7 +89,6 @@ count_fds()
 {
 	DIR *d = opendir("/proc/self/fd");
 	int n = 0;
-
 	while (d != nullptr && readdir(d) != nullptr)
 		n++;
 	if (d != nullptr)
@@ -104,7 +100,6 @@ const char *
 env(const char *name)
 {
 	const char *v = getenv(name);
-
 	return v != nullptr ? v : "";
 }
 
@@ -113,7 +108,6 @@ mac_str(const void *octets)
 {
 	const uint8_t *o = (const uint8_t *)octets;
 	char buf[20];
-
 	snprintf(buf, sizeof (buf), "%02x:%02x:%02x:%02x:%02x:%02x", o[0],
 	    o[1], o[2], o[3], o[4], o[5]);
 	return buf;
@@ -123,7 +117,6 @@ int
 bind_loopback(int fd, int family, struct sockaddr_storage *addr)
 {
 	socklen_t len = sizeof (*addr);
-
 	memset(addr, 0, sizeof (*addr));
 	addr->ss_family = (sa_family_t)family;
 	if (family == AF_INET)
@@ -142,7 +135,6 @@ int
 bound_udp_socket(int family, struct sockaddr_storage *addr)
 {
 	int sd = libc_socket(family, SOCK_DGRAM, 0);
-
 	if (bind_loopback(sd, family, addr) != 0) {
 		close(sd);
 		return -1;
@@ -156,7 +148,6 @@ delivered(int sd, const struct sockaddr_storage &addr)
 	int tx = libc_socket(addr.ss_family, SOCK_DGRAM, 0);
 	struct pollfd pfd = { sd, POLLIN, 0 };
 	char buf[16];
-
 	libc_sendto(tx, "ping", 4, 0, (const struct sockaddr *)&addr,
 	    addr.ss_family == AF_INET ? sizeof (struct sockaddr_in) :
 	    sizeof (struct sockaddr_in6));
