@@ -9,39 +9,38 @@
 #include <netinet/in.h>
 #include <string.h>
 
-#include "ost_impl.h"
 
-static inline boolean_t
+static inline bool
 ost_is_loopback_v4(in_addr_t a)
 {
-	return (ntohl(a) >> 24) == 127 ? B_TRUE : B_FALSE;
+	return (ntohl(a) >> 24) == 127;
 }
 
 /* Only the limited broadcast; a subnet broadcast is not recognised. */
-static inline boolean_t
+static inline bool
 ost_is_broadcast_v4(in_addr_t a)
 {
-	return a == INADDR_BROADCAST ? B_TRUE : B_FALSE;
+	return a == INADDR_BROADCAST;
 }
 
-static inline boolean_t
+static inline bool
 ost_is_multicast_v4(in_addr_t a)
 {
-	return IN_MULTICAST(ntohl(a)) ? B_TRUE : B_FALSE;
+	return IN_MULTICAST(ntohl(a));
 }
 
-static inline boolean_t
+static inline bool
 ost_is_link_local_v6(const struct in6_addr *a)
 {
-	return IN6_IS_ADDR_LINKLOCAL(a) ? B_TRUE : B_FALSE;
+	return IN6_IS_ADDR_LINKLOCAL(a);
 }
 
 /* Link-local, or multicast of interface-local or link-local scope. */
-static inline boolean_t
+static inline bool
 ost_is_scoped_v6(const struct in6_addr *a)
 {
 	return IN6_IS_ADDR_LINKLOCAL(a) || IN6_IS_ADDR_MC_NODELOCAL(a) ||
-	    IN6_IS_ADDR_MC_LINKLOCAL(a) ? B_TRUE : B_FALSE;
+	    IN6_IS_ADDR_MC_LINKLOCAL(a);
 }
 
 static inline void

@@ -23,43 +23,41 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "ost_impl.h"
-#include "platform/frio_loader.h"
+#include "core/receive.h"
+#include "os/frio_loader.h"
 
 #define OST_POLL_SLICE_MS 50
 #define OST_NEVER INT64_MAX
 
 #define OST_POLL_READ (POLLIN | POLLRDNORM)
 
-boolean_t
-ost_rx_ready(uost_t *up, boolean_t validate, const char *fn)
+bool
+ost_rx_ready(uost_t *up, bool validate)
 {
 	frio_rx_args_t rx;
 	void *frame;
-	boolean_t ready = B_FALSE;
+	bool ready = false;
 
-	(void) ost_recv_slot_take(up, B_FALSE);
+	(void) ost_recv_slot_take(up, false);
 	if (up->uost_recv_buf_len != 0) {
-		ready = B_TRUE;
+		ready = true;
 	} else {
 		OST_VERIFY(up->uost_recv_buf != NULL);
 		if (ost_frio->rx_get(up->uost_frio_hdl, &rx, &frame) ==
 		    FRIO_STATUS_OK) {
 			size_t len = rx.ur_pkt_len;
 
-			if (validate && !(up->uost_is_v6 ?
-			    ost_parse_pkt_v6(up, frame, NULL, &len, NULL, NULL) :
-			    ost_parse_pkt_v4(up, frame, NULL, &len, NULL,
-			    NULL))) {
+			if (validate &&
+			    !ost_parse_pkt(up, frame, NULL, &len, NULL, NULL)) {
 				/* dropped: not readable */
 			} else if (rx.ur_pkt_len > OST_RECV_BUF_SIZE) {
-				ost_debug("%s: frame too long for the receive "
-				    "stash (len %lu): dropped\n", fn,
+				ost_debug("frame too long for the receive "
+				    "stash (len %lu): dropped\n",
 				    (unsigned long)rx.ur_pkt_len);
 			} else if (rx.ur_pkt_len != 0) {
 				memcpy(up->uost_recv_buf, frame, rx.ur_pkt_len);
 				up->uost_recv_buf_len = rx.ur_pkt_len;
-				ready = B_TRUE;
+				ready = true;
 			}
 			(void) ost_frio->rx_put(up->uost_frio_hdl, frame);
 		}
@@ -117,21 +115,132 @@ typedef enum { OST_WAIT_DONE, OST_WAIT_RESTART } ost_wait_t;
  * down (the engine then answers EBADF), RESTART when another of the
  * sockets is, so that its teardown need not wait for this call.
  */
-static boolean_t
+static bool
 ost_any_closing(uost_t *self, const fd_uost_t *tbl, nfds_t n,
     ost_wait_t *what)
 {
 	if (self != NULL && ost_seen_closing(self)) {
 		*what = OST_WAIT_DONE;
-		return B_TRUE;
+		return true;
 	}
 	for (nfds_t i = 0; i < n; i++) {
 		if (ost_seen_closing(tbl[i].up)) {
 			*what = OST_WAIT_RESTART;
-			return B_TRUE;
+			return true;
 		}
 	}
-	return B_FALSE;
+	return false;
+}
+
+/*
+ * The bypass sockets of a kernel poll: each one that asks for input, with a
+ * reference, and the descriptors the kernel watches (the caller's, then one
+ * handle wait descriptor per bypass socket).
+ */
+typedef struct ost_pollset {
+	fd_uost_t *ps_tbl;
+	nfds_t ps_nb;
+	struct pollfd *ps_kfds;		/* the caller's array when ps_nb is 0 */
+	bool *ps_ready;
+} ost_pollset_t;
+
+static void
+ost_pollset_close(ost_pollset_t *ps, struct pollfd *fds)
+{
+	int saved = errno;
+
+	ost_release_tbl(ps->ps_tbl, ps->ps_nb);
+	free(ps->ps_tbl);
+	if (ps->ps_kfds != fds)
+		free(ps->ps_kfds);
+	errno = saved;
+}
+
+/* 0, or -1 with errno when memory runs out. */
+static int
+ost_pollset_open(ost_pollset_t *ps, struct pollfd *fds, nfds_t nfds)
+{
+	memset(ps, 0, sizeof (*ps));
+	ps->ps_kfds = fds;
+	for (nfds_t i = 0; i < nfds; i++) {
+		uost_t *up = ost_find_sd(fds[i].fd);
+
+		if (up == NULL)
+			continue;
+		if (!(fds[i].events & OST_POLL_READ) || !ost_rx_served(up)) {
+			ost_release(up);
+			continue;
+		}
+		if (ps->ps_tbl == NULL && (ps->ps_tbl =
+		    (fd_uost_t *)calloc(nfds, sizeof (fd_uost_t))) == NULL) {
+			ost_release(up);
+			return -1;
+		}
+		ps->ps_tbl[ps->ps_nb].idx = i;
+		ps->ps_tbl[ps->ps_nb].up = up;
+		ps->ps_nb++;
+	}
+	if (ps->ps_nb == 0)
+		return 0;
+	ps->ps_kfds = (struct pollfd *)calloc(nfds + ps->ps_nb,
+	    sizeof (struct pollfd) + sizeof (bool));
+	if (ps->ps_kfds == NULL) {
+		ps->ps_kfds = fds;
+		ost_pollset_close(ps, fds);
+		return -1;
+	}
+	ps->ps_ready = (bool *)(ps->ps_kfds + nfds + ps->ps_nb);
+	return 0;
+}
+
+/* Tests every bypass socket and lays out the kernel's array; any ready. */
+static bool
+ost_pollset_arm(ost_pollset_t *ps, const struct pollfd *fds, nfds_t nfds)
+{
+	bool any = false;
+
+	for (nfds_t j = 0; j < ps->ps_nb; j++) {
+		ps->ps_ready[j] = ost_rx_ready(ps->ps_tbl[j].up, true);
+		any = any || ps->ps_ready[j];
+	}
+	if (ps->ps_nb == 0)
+		return false;
+	memcpy(ps->ps_kfds, fds, nfds * sizeof (struct pollfd));
+	for (nfds_t j = 0; j < ps->ps_nb; j++) {
+		struct pollfd *k = &ps->ps_kfds[nfds + j];
+
+		ps->ps_kfds[ps->ps_tbl[j].idx].events &= ~OST_POLL_READ;
+		k->fd = ost_frio->get_fd(ps->ps_tbl[j].up->uost_frio_hdl);
+		k->events = POLLIN;
+		k->revents = 0;
+	}
+	return any;
+}
+
+/*
+ * After the kernel's poll: a handle whose descriptor fired gets the test
+ * again (unless one passed before the poll), and the caller's array gets
+ * the kernel's answers with the library's readability.  The ready count.
+ */
+static int
+ost_pollset_collect(ost_pollset_t *ps, struct pollfd *fds, nfds_t nfds,
+    bool retest)
+{
+	int ret = 0;
+
+	for (nfds_t j = 0; retest && j < ps->ps_nb; j++) {
+		if (ps->ps_kfds[nfds + j].revents != 0)
+			ps->ps_ready[j] = ost_rx_ready(ps->ps_tbl[j].up, true);
+	}
+	for (nfds_t i = 0; ps->ps_nb != 0 && i < nfds; i++)
+		fds[i].revents = ps->ps_kfds[i].revents;
+	for (nfds_t j = 0; j < ps->ps_nb; j++) {
+		if (ps->ps_ready[j])
+			fds[ps->ps_tbl[j].idx].revents |= OST_POLL_READ;
+	}
+	for (nfds_t i = 0; i < nfds; i++)
+		ret += fds[i].revents != 0;
+	return ret;
 }
 
 /*
@@ -145,114 +254,38 @@ ost_poll_kernel(uost_t *self, struct pollfd *fds, nfds_t nfds, int timeout)
 {
 	hrtime_t deadline = timeout < 0 ? OST_NEVER :
 	    ost_deadline_after((hrtime_t)timeout * 1000000);
+	ost_pollset_t ps;
+	int ret;
 
 restart:
-	fd_uost_t *tbl = NULL;
-	struct pollfd *kfds = NULL;
-	boolean_t *ready;
-	nfds_t nb = 0;
-	int ret = 0;
-
-	for (nfds_t i = 0; i < nfds; i++) {
-		uost_t *up = ost_find_sd(fds[i].fd);
-
-		if (up == NULL)
-			continue;
-		if (!up->uost_frio_set || !up->uost_filter_set ||
-		    !(fds[i].events & OST_POLL_READ)) {
-			ost_release(up);
-			continue;
-		}
-		if (tbl == NULL &&
-		    (tbl = (fd_uost_t *)calloc(nfds, sizeof (*tbl))) == NULL) {
-			ost_release(up);
-			return -1;
-		}
-		tbl[nb].idx = i;
-		tbl[nb].up = up;
-		nb++;
-	}
-	if (nb == 0 && self == NULL)
+	if (ost_pollset_open(&ps, fds, nfds) != 0)
+		return -1;
+	if (ps.ps_nb == 0 && self == NULL)
 		return real_poll(fds, nfds, ost_ms_left(deadline));
-	if (nb != 0) {
-		kfds = (struct pollfd *)calloc(nfds + nb,
-		    sizeof (*kfds) + sizeof (*ready));
-		if (kfds == NULL) {
-			ost_release_tbl(tbl, nb);
-			free(tbl);
-			return -1;
-		}
-		ready = (boolean_t *)(kfds + nfds + nb);
-	} else {
-		kfds = fds;
-		ready = NULL;
-	}
-
 	for (;;) {
-		bool any = false;
+		bool any = ost_pollset_arm(&ps, fds, nfds);
+		int wait = any ? 0 : ost_ms_left(deadline);
 		ost_wait_t what;
-		int wait, r;
 
-		for (nfds_t j = 0; j < nb; j++) {
-			ready[j] = ost_rx_ready(tbl[j].up, B_TRUE, "poll");
-			any = any || ready[j];
-		}
-		if (nb != 0) {
-			memcpy(kfds, fds, nfds * sizeof (*kfds));
-			for (nfds_t j = 0; j < nb; j++) {
-				struct pollfd *k = &kfds[nfds + j];
-
-				kfds[tbl[j].idx].events &= ~OST_POLL_READ;
-				k->fd = ost_frio->get_fd(tbl[j].up->uost_frio_hdl);
-				k->events = POLLIN;
-				k->revents = 0;
-			}
-		}
-		wait = any ? 0 : ost_ms_left(deadline);
+		/* Slices, so that a teardown of one of ours is seen. */
 		if (wait < 0 || wait > OST_POLL_SLICE_MS)
 			wait = OST_POLL_SLICE_MS;
-		r = real_poll(kfds, nfds + nb, wait);
-		if (r < 0) {
-			ret = -1;
+		ret = real_poll(ps.ps_kfds, nfds + ps.ps_nb, wait);
+		if (ret < 0)
 			break;
-		}
-		if (r > 0 && !any) {
-			for (nfds_t j = 0; j < nb; j++) {
-				if (kfds[nfds + j].revents != 0) {
-					ready[j] = ost_rx_ready(tbl[j].up,
-					    B_TRUE, "poll");
-				}
-			}
-		}
-		ret = 0;
-		for (nfds_t i = 0; nb != 0 && i < nfds; i++)
-			fds[i].revents = kfds[i].revents;
-		for (nfds_t j = 0; j < nb; j++) {
-			if (ready[j])
-				fds[tbl[j].idx].revents |= OST_POLL_READ;
-		}
-		for (nfds_t i = 0; i < nfds; i++)
-			ret += fds[i].revents != 0;
+		ret = ost_pollset_collect(&ps, fds, nfds, ret > 0 && !any);
 		if (ret > 0)
 			break;
-		if (ost_any_closing(self, tbl, nb, &what)) {
+		if (ost_any_closing(self, ps.ps_tbl, ps.ps_nb, &what)) {
 			if (what == OST_WAIT_DONE)
 				break;
-			ost_release_tbl(tbl, nb);
-			free(tbl);
-			if (kfds != fds)
-				free(kfds);
+			ost_pollset_close(&ps, fds);
 			goto restart;
 		}
 		if (deadline != OST_NEVER && gethrtime() >= deadline)
 			break;
 	}
-	int saved = errno;
-	ost_release_tbl(tbl, nb);
-	free(tbl);
-	if (kfds != fds)
-		free(kfds);
-	errno = saved;
+	ost_pollset_close(&ps, fds);
 	return ret;
 }
 
@@ -275,7 +308,7 @@ restart:
 
 		fds[i].revents = 0;
 		up = ost_find_sd(fds[i].fd);
-		if (up == NULL || !up->uost_filter_set) {
+		if (up == NULL || !ost_rx_served(up)) {
 			/* The whole set goes to the kernel. */
 			if (up != NULL)
 				ost_release(up);
@@ -295,7 +328,7 @@ restart:
 			short rev = 0;
 
 			if ((pfd->events & OST_POLL_READ) &&
-			    ost_rx_ready(tbl[i].up, B_TRUE, "busy_poll"))
+			    ost_rx_ready(tbl[i].up, true))
 				rev |= OST_POLL_READ;
 			if (pfd->events & POLLOUT)
 				rev |= POLLOUT;
@@ -439,138 +472,166 @@ ost_select_by_poll(int lim, fd_set *readfds, fd_set *writefds,
 	return k;
 }
 
-int
-ost_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
-    struct timeval *timeout)
+/* What one pass of select found on the bypass sockets of the sets. */
+typedef struct ost_select_pass {
+	fd_set sp_rd;		/* readable bypass sockets */
+	fd_set sp_wr;		/* writable bypass sockets */
+	int sp_n;		/* bits set in both */
+	bool sp_any_bypass;	/* the sets name a bypass socket */
+} ost_select_pass_t;
+
+/*
+ * Tests the bypass sockets of the read and write sets and takes them out
+ * of the sets, which then hold only what the kernel is to answer.
+ */
+static void
+ost_select_bypass(int lim, fd_set *readfds, fd_set *writefds,
+    ost_select_pass_t *sp)
 {
-	hrtime_t spin_end = 0;	/* end of the spinning passes */
-	static const char fn[] = "select";
-	fd_set *sets[3] = { readfds, writefds, errorfds };
-	fd_set *saved[3] = { NULL, NULL, NULL };
-	static const char *const nomem[3] = { "%s: malloc readfds\n",
-	    "%s: malloc writefds\n", "%s: malloc errorfds\n" };
-	fd_set rd_ready, wr_ready;
-	int nrd = 0, nwr = 0, k, err = 0, lim;
-	hrtime_t deadline = 0;
+	for (int fd = 0; fd < lim; fd++) {
+		bool rd = readfds != NULL && FD_ISSET(fd, readfds);
+		bool wr = writefds != NULL && FD_ISSET(fd, writefds);
+		uost_t *up;
 
-	FD_ZERO(&rd_ready);
-	FD_ZERO(&wr_ready);
-	for (int s = 0; s < 3; s++) {
-		if (sets[s] == NULL)
+		if ((!rd && !wr) || (up = ost_find_sd(fd)) == NULL)
 			continue;
-		saved[s] = (fd_set *)malloc(sizeof (fd_set));
-		if (saved[s] == NULL) {
-			err = errno;
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-			ost_debug(nomem[s], fn);
-#pragma GCC diagnostic pop
-			for (int t = 0; t < s; t++)
-				free(saved[t]);
-			errno = err;
-			return -1;
-		}
-		memcpy(saved[s], sets[s], sizeof (fd_set));
-	}
-	if (timeout != NULL) {
-		if (timeout->tv_sec < 0 || timeout->tv_usec < 0) {
-			err = EINVAL;
-			k = -1;
-			goto out;
-		}
-		hrtime_t t = timeout->tv_sec > OST_NEVER / NANOSEC - 1 ?
-		    OST_NEVER - NANOSEC :
-		    (hrtime_t)timeout->tv_sec * NANOSEC;
-		t += timeout->tv_usec > (OST_NEVER - t) / 1000 ?
-		    OST_NEVER - t : (hrtime_t)timeout->tv_usec * 1000;
-		deadline = ost_deadline_after(t);
-	}
-	lim = nfds < FD_SETSIZE ? nfds : FD_SETSIZE;
-
-	for (bool any_bypass = false;;) {
-		/* A pass must not sleep: Linux's timer slack would turn even
-		 * a 1 us time-out into 50 us or more. */
-		struct timeval tv = { 0, 0 };
-
-		for (int fd = 0; fd < lim; fd++) {
-			bool rd = readfds != NULL && FD_ISSET(fd, readfds);
-			bool wr = writefds != NULL &&
-			    FD_ISSET(fd, writefds);
-			uost_t *up;
-
-			if (!rd && !wr)
-				continue;
-			if ((up = ost_find_sd(fd)) == NULL)
-				continue;
-			any_bypass = true;
-			if (rd && up->uost_filter_set) {
-				FD_CLR(fd, readfds);
-				if (ost_rx_ready(up, up->uost_connected, fn)) {
-					FD_SET(up->uost_sd, &rd_ready);
-					nrd++;
-				}
+		sp->sp_any_bypass = true;
+		if (rd && ost_rx_served(up)) {
+			FD_CLR(fd, readfds);
+			if (ost_rx_ready(up, true)) {
+				FD_SET(fd, &sp->sp_rd);
+				sp->sp_n++;
 			}
-			if (wr) {
-				FD_CLR(fd, writefds);
-				FD_SET(fd, &wr_ready);
-				nwr++;
-			}
-			ost_release(up);
 		}
-		if (!any_bypass) {
+		if (wr) {
+			FD_CLR(fd, writefds);
+			FD_SET(fd, &sp->sp_wr);
+			sp->sp_n++;
+		}
+		ost_release(up);
+	}
+}
+
+/* The bypass sockets found ready, added to the kernel's answer k. */
+static int
+ost_select_merge(int lim, fd_set *sets[3], const ost_select_pass_t *sp,
+    int k)
+{
+	/* A failed kernel pass says nothing of the others. */
+	if (k == -1) {
+		for (int s = 0; s < 3; s++) {
+			if (sets[s] != NULL)
+				FD_ZERO(sets[s]);
+		}
+		k = 0;
+	}
+	for (int fd = 0; fd < lim; fd++) {
+		if (sets[0] != NULL && FD_ISSET(fd, &sp->sp_rd))
+			FD_SET(fd, sets[0]);
+		if (sets[1] != NULL && FD_ISSET(fd, &sp->sp_wr))
+			FD_SET(fd, sets[1]);
+	}
+	return k + sp->sp_n;
+}
+
+/* The time-out as a deadline; 0 for none, -1 for an invalid one. */
+static hrtime_t
+ost_select_deadline(const struct timeval *timeout)
+{
+	hrtime_t t;
+
+	if (timeout == NULL)
+		return 0;
+	if (timeout->tv_sec < 0 || timeout->tv_usec < 0)
+		return -1;
+	t = timeout->tv_sec > OST_NEVER / NANOSEC - 1 ? OST_NEVER - NANOSEC :
+	    (hrtime_t)timeout->tv_sec * NANOSEC;
+	t += timeout->tv_usec > (OST_NEVER - t) / 1000 ? OST_NEVER - t :
+	    (hrtime_t)timeout->tv_usec * 1000;
+	return ost_deadline_after(t);
+}
+
+/*
+ * The passes: each tests the bypass sockets and gives the other
+ * descriptors to a kernel select that does not sleep (Linux's timer slack
+ * would turn even a 1 us time-out into 50 us or more).  After
+ * OST_SELECT_SPIN_NS of passes that found nothing the wait sleeps in poll,
+ * so that a signal ends it and an idle set does not hold a CPU.
+ */
+static int
+ost_select_spin(int nfds, fd_set *sets[3], fd_set *const saved[3],
+    struct timeval *timeout, hrtime_t *deadline)
+{
+	int lim = nfds < FD_SETSIZE ? nfds : FD_SETSIZE;
+	hrtime_t spin_end = 0;
+
+	for (;;) {
+		struct timeval zero = { 0, 0 };
+		ost_select_pass_t sp;
+		int k;
+
+		memset(&sp, 0, sizeof (sp));
+		FD_ZERO(&sp.sp_rd);
+		FD_ZERO(&sp.sp_wr);
+		ost_select_bypass(lim, sets[0], sets[1], &sp);
+		if (!sp.sp_any_bypass) {
 			/* Nothing of ours in the sets: the kernel may sleep,
 			 * and a signal may end the wait, as without us.  It
 			 * writes the time left itself. */
-			k = real_select(nfds, readfds, writefds, errorfds,
+			*deadline = 0;
+			return real_select(nfds, sets[0], sets[1], sets[2],
 			    timeout);
-			err = errno;
-			deadline = 0;
-			break;
 		}
-		k = real_select(nfds, readfds, writefds, errorfds, &tv);
-		err = errno;
-		if (nrd > 0 || nwr > 0) {
-			/* A failed kernel pass says nothing of the others. */
-			if (k == -1) {
-				for (int s = 0; s < 3; s++) {
-					if (sets[s] != NULL)
-						FD_ZERO(sets[s]);
-				}
-				k = 0;
-			}
-			for (int fd = 0; fd < lim; fd++) {
-				if (readfds != NULL && FD_ISSET(fd, &rd_ready))
-					FD_SET(fd, readfds);
-				if (writefds != NULL && FD_ISSET(fd, &wr_ready))
-					FD_SET(fd, writefds);
-			}
-			k += nrd + nwr;
-			break;
+		k = real_select(nfds, sets[0], sets[1], sets[2], &zero);
+		if (sp.sp_n > 0) {
+			int err = errno;
+
+			k = ost_select_merge(lim, sets, &sp, k);
+			errno = err;
+			return k;
 		}
 		if (k > 0)
-			break;
+			return k;
 		/* A kernel select that fails keeps failing: without a
 		 * deadline, say so now rather than spin forever. */
-		if (k == -1 && (deadline == 0 || err == EINTR))
-			break;
-		if (deadline != 0 && gethrtime() >= deadline)
-			break;
+		if (k == -1 && (*deadline == 0 || errno == EINTR))
+			return k;
+		if (*deadline != 0 && gethrtime() >= *deadline)
+			return k;
 		for (int s = 0; s < 3; s++) {
 			if (sets[s] != NULL)
 				memcpy(sets[s], saved[s], sizeof (fd_set));
 		}
-		/* Passes spin for a while; then the wait sleeps, so that a
-		 * signal ends it and an idle set does not hold a CPU. */
-		if (spin_end == 0) {
+		if (spin_end == 0)
 			spin_end = gethrtime() + OST_SELECT_SPIN_NS;
-		} else if (gethrtime() >= spin_end) {
-			k = ost_select_by_poll(lim, readfds, writefds,
-			    errorfds, deadline);
-			err = errno;
-			break;
-		}
+		else if (gethrtime() >= spin_end)
+			return ost_select_by_poll(lim, sets[0], sets[1],
+			    sets[2], *deadline);
 	}
-out:
+}
+
+int
+ost_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
+    struct timeval *timeout)
+{
+	fd_set *sets[3] = { readfds, writefds, errorfds };
+	fd_set saved_sets[3];
+	fd_set *saved[3];
+	hrtime_t deadline;
+	int k, err;
+
+	deadline = ost_select_deadline(timeout);
+	if (deadline == -1) {
+		errno = EINVAL;
+		return -1;
+	}
+	for (int s = 0; s < 3; s++) {
+		saved[s] = sets[s] != NULL ? &saved_sets[s] : NULL;
+		if (sets[s] != NULL)
+			memcpy(saved[s], sets[s], sizeof (fd_set));
+	}
+	k = ost_select_spin(nfds, sets, saved, timeout, &deadline);
+	err = errno;
 	if (deadline != 0) {
 		hrtime_t left = deadline - gethrtime();
 
@@ -579,8 +640,6 @@ out:
 		timeout->tv_sec = (time_t)(left / NANOSEC);
 		timeout->tv_usec = (suseconds_t)(left % NANOSEC / 1000);
 	}
-	for (int s = 0; s < 3; s++)
-		free(saved[s]);
 	errno = err;
 	return k;
 }

@@ -20,27 +20,27 @@
 #include <limits.h>
 #include <string.h>
 
-#include "ost_impl.h"
-#include "platform/frio_loader.h"
+#include "core/receive.h"
+#include "os/frio_loader.h"
 
-boolean_t
-ost_recv_slot_take(uost_t *up, boolean_t leave_if_closing)
+bool
+ost_recv_slot_take(uost_t *up, bool leave_if_closing)
 {
 	(void) pthread_mutex_lock(&up->uost_lock);
 	for (;;) {
 		if (leave_if_closing && up->uost_closing) {
 			(void) pthread_mutex_unlock(&up->uost_lock);
-			return B_FALSE;
+			return false;
 		}
 		if (!up->uost_receiving)
 			break;
-		up->uost_want_recv = B_TRUE;
+		up->uost_want_recv = true;
 		(void) pthread_cond_wait(&up->uost_recv_cv, &up->uost_lock);
 	}
-	up->uost_receiving = B_TRUE;
-	up->uost_want_recv = B_FALSE;
+	up->uost_receiving = true;
+	up->uost_want_recv = false;
 	(void) pthread_mutex_unlock(&up->uost_lock);
-	return B_TRUE;
+	return true;
 }
 
 /*
@@ -51,7 +51,7 @@ ost_recv_slot_take(uost_t *up, boolean_t leave_if_closing)
 void
 ost_recv_slot_give_locked(uost_t *up)
 {
-	up->uost_receiving = B_FALSE;
+	up->uost_receiving = false;
 	if (up->uost_want_recv)
 		(void) pthread_cond_broadcast(&up->uost_recv_cv);
 }
@@ -69,10 +69,10 @@ ost_recv_slot_give(uost_t *up)
  * wait for that lock (a sender holds it across its transmit spins), so it
  * looks only when the lock is free and looks again on its next turn.
  */
-boolean_t
+bool
 ost_seen_closing(uost_t *up)
 {
-	boolean_t closing = B_FALSE;
+	bool closing = false;
 
 	if (pthread_mutex_trylock(&up->uost_lock) == 0) {
 		closing = up->uost_closing;
@@ -81,21 +81,9 @@ ost_seen_closing(uost_t *up)
 	return closing;
 }
 
-void
-ost_sleep(hrtime_t ns)
-{
-	hrtime_t end = gethrtime() + ns;
-
-	while (gethrtime() < end) {
-#if defined(__x86_64__) || defined(__i386__)
-		__builtin_ia32_pause();
-#endif
-	}
-}
-
 /* Delivers the stashed frame; -1 when validation drops it. */
 static ssize_t
-ost_recv_stash(uost_t *up, struct msghdr *msg, int flags, boolean_t *cut)
+ost_recv_stash(uost_t *up, struct msghdr *msg, int flags, bool *cut)
 {
 	size_t len = up->uost_recv_buf_len;
 	ssize_t n;
@@ -114,14 +102,14 @@ ost_recv_stash(uost_t *up, struct msghdr *msg, int flags, boolean_t *cut)
  * handle has none.  With MSG_PEEK the frame stays in the stash.
  */
 static ssize_t
-ost_recv_handle(uost_t *up, struct msghdr *msg, int flags, boolean_t *cut)
+ost_recv_handle(uost_t *up, struct msghdr *msg, int flags, bool *cut)
 {
 	frio_rx_args_t rx;
 	void *frame;
 	ssize_t n;
 
 	do {
-		boolean_t kept = B_FALSE;
+		bool kept = false;
 
 		if (ost_frio->rx_get(up->uost_frio_hdl, &rx, &frame) !=
 		    FRIO_STATUS_OK)
@@ -130,7 +118,7 @@ ost_recv_handle(uost_t *up, struct msghdr *msg, int flags, boolean_t *cut)
 			OST_VERIFY(up->uost_recv_buf_len == 0);
 			memcpy(up->uost_recv_buf, frame, rx.ur_pkt_len);
 			up->uost_recv_buf_len = rx.ur_pkt_len;
-			kept = B_TRUE;
+			kept = true;
 		}
 		n = ost_copy_pkt_cut(up, msg, frame, rx.ur_pkt_len, cut);
 		(void) ost_frio->rx_put(up->uost_frio_hdl, frame);
@@ -142,7 +130,7 @@ ost_recv_handle(uost_t *up, struct msghdr *msg, int flags, boolean_t *cut)
 
 /* Gives back the slot and the reference; -1 with err. */
 static ssize_t
-ost_recv_fail(uost_t *up, boolean_t holds_slot, int err)
+ost_recv_fail(uost_t *up, bool holds_slot, int err)
 {
 	(void) pthread_mutex_lock(&up->uost_lock);
 	if (holds_slot)
@@ -161,7 +149,7 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 {
 	hrtime_t deadline = 0, pause = recv_sleep_time, spin_end = 0;
 	int poll_ms = -1;
-	boolean_t paused = B_FALSE, cut = B_FALSE;
+	bool paused = false, cut = false;
 	ssize_t n;
 
 	if (timeout != 0) {
@@ -175,8 +163,8 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 			pause = timeout;
 	}
 	for (;;) {
-		if (!ost_recv_slot_take(up, B_TRUE))
-			return ost_recv_fail(up, B_FALSE, EBADF);
+		if (!ost_recv_slot_take(up, true))
+			return ost_recv_fail(up, false, EBADF);
 		if (up->uost_recv_buf_len != 0 &&
 		    (n = ost_recv_stash(up, msg, flags, &cut)) >= 0)
 			goto delivered;
@@ -184,12 +172,12 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 			n = ost_recv_handle(up, msg, flags, &cut);
 			if (n >= 0)
 				goto delivered;
-			if (up->uost_nonblock || (flags & MSG_DONTWAIT))
-				return ost_recv_fail(up, B_TRUE, EAGAIN);
+			if (__atomic_load_n(&up->uost_nonblock, __ATOMIC_RELAXED) || (flags & MSG_DONTWAIT))
+				return ost_recv_fail(up, true, EAGAIN);
 			if (deadline != 0 && gethrtime() >= deadline)
-				return ost_recv_fail(up, B_TRUE, EAGAIN);
+				return ost_recv_fail(up, true, EAGAIN);
 			if (ost_seen_closing(up))
-				return ost_recv_fail(up, B_TRUE, EBADF);
+				return ost_recv_fail(up, true, EBADF);
 			if (recv_mode == RCV_POLL)
 				break;
 			/*
@@ -204,7 +192,7 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 			else if (gethrtime() >= spin_end)
 				break;
 			ost_sleep(pause);
-			paused = B_TRUE;
+			paused = true;
 		}
 
 		/* RCV_POLL: sleep without the slot, so that readiness tests of
@@ -216,22 +204,22 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 		if (r == 0) {
 			/* Time-out, or poll saw the socket being torn down. */
 			(void) pthread_mutex_lock(&up->uost_lock);
-			boolean_t closing = up->uost_closing;
+			bool closing = up->uost_closing;
 			(void) pthread_mutex_unlock(&up->uost_lock);
-			return ost_recv_fail(up, B_FALSE,
+			return ost_recv_fail(up, false,
 			    closing ? EBADF : EAGAIN);
 		}
 		if (r < 0 && errno == EINTR)
-			return ost_recv_fail(up, B_FALSE, EINTR);
+			return ost_recv_fail(up, false, EINTR);
 	}
 
 delivered:
 	msg->msg_controllen = 0;
 	msg->msg_flags = cut ? MSG_TRUNC : 0;
+	(void) pthread_mutex_lock(&up->uost_lock);
 	up->uost_stats.osts_ipkts++;
 	if (paused)
 		up->uost_stats.osts_ipkts_spin++;
-	(void) pthread_mutex_lock(&up->uost_lock);
 	ost_recv_slot_give_locked(up);
 	ost_release_locked(up);
 	(void) pthread_mutex_unlock(&up->uost_lock);
@@ -243,16 +231,33 @@ delivered:
  * when the C library serves it (fn: the debug line for a socket without a
  * receive filter, or none).
  */
+bool
+ost_rx_served(uost_t *up)
+{
+	bool served;
+
+	(void) pthread_mutex_lock(&up->uost_lock);
+	served = up->uost_frio_set && up->uost_filter_set;
+	(void) pthread_mutex_unlock(&up->uost_lock);
+	return served;
+}
+
+/* Written by setsockopt while a receive may be waiting: a relaxed read. */
+static hrtime_t
+ost_rcvtimeo(uost_t *up)
+{
+	return __atomic_load_n(&up->uost_rcvtimeo, __ATOMIC_RELAXED);
+}
+
 static uost_t *
-ost_recv_record(int fd, const char *fn)
+ost_recv_record(int fd)
 {
 	uost_t *up = ost_find_sd(fd);
 
-	if (up == NULL || up->uost_filter_set)
+	if (up == NULL || ost_rx_served(up))
 		return up;
 	ost_release(up);
-	if (fn != NULL)
-		ost_debug("%s: no filter set %d\n", fn, fd);
+	ost_debug("no filter set %d\n", fd);
 	return NULL;
 }
 
@@ -260,19 +265,19 @@ ssize_t
 ost_recvfrom_call(int fd, void *buf, size_t len, int flags,
     struct sockaddr *from, socklen_t *fromlen)
 {
-	uost_t *up = ost_recv_record(fd, "recvfrom");
+	uost_t *up = ost_recv_record(fd);
 	struct iovec iov = { buf, len };
 	struct msghdr msg;
 	ssize_t n;
 
 	if (up == NULL)
-		return libc_recvfrom(fd, buf, len, flags, from, fromlen);
+		return real_recvfrom(fd, buf, len, flags, from, fromlen);
 	memset(&msg, 0, sizeof (msg));
 	msg.msg_name = from;
 	msg.msg_namelen = fromlen != NULL ? *fromlen : 0;
 	msg.msg_iov = &iov;
 	msg.msg_iovlen = 1;
-	n = ost_recvmsg(up, &msg, flags, up->uost_rcvtimeo);
+	n = ost_recvmsg(up, &msg, flags, ost_rcvtimeo(up));
 	if (fromlen != NULL)
 		*fromlen = msg.msg_namelen;
 	return n;
@@ -281,7 +286,7 @@ ost_recvfrom_call(int fd, void *buf, size_t len, int flags,
 ssize_t
 ost_read_call(int fd, void *buf, size_t len)
 {
-	uost_t *up = ost_recv_record(fd, "read");
+	uost_t *up = ost_recv_record(fd);
 	struct iovec iov = { buf, len };
 	struct msghdr msg;
 
@@ -290,15 +295,15 @@ ost_read_call(int fd, void *buf, size_t len)
 	memset(&msg, 0, sizeof (msg));
 	msg.msg_iov = &iov;
 	msg.msg_iovlen = 1;
-	return ost_recvmsg(up, &msg, 0, up->uost_rcvtimeo);
+	return ost_recvmsg(up, &msg, 0, ost_rcvtimeo(up));
 }
 
 /* An iovec array the engine can walk; the kernel answers the others. */
-static boolean_t
+static bool
 ost_msg_ok(const struct msghdr *msg)
 {
 	return msg->msg_iovlen <= IOV_MAX &&
-	    (msg->msg_iov != NULL || msg->msg_iovlen == 0) ? B_TRUE : B_FALSE;
+	    (msg->msg_iov != NULL || msg->msg_iovlen == 0);
 }
 
 /* The X/Open recvmsg, glibc's own shape. */
@@ -308,11 +313,11 @@ ost_recvmsg_call(int fd, struct msghdr *msg, int flags)
 	uost_t *up;
 
 	if (msg == NULL || !ost_msg_ok(msg))
-		return xrecvmsg(fd, msg, flags);
-	up = ost_recv_record(fd, NULL);
+		return real_recvmsg(fd, msg, flags);
+	up = ost_recv_record(fd);
 	if (up == NULL)
-		return xrecvmsg(fd, msg, flags);
-	return ost_recvmsg(up, msg, flags, up->uost_rcvtimeo);
+		return real_recvmsg(fd, msg, flags);
+	return ost_recvmsg(up, msg, flags, ost_rcvtimeo(up));
 }
 
 /*
@@ -329,17 +334,17 @@ ost_recvmmsg_call(int fd, struct mmsghdr *vec, unsigned int vlen, int flags,
 	uost_t *up;
 
 	if (vlen < 1 || vlen > OST_RECV_BATCH_MAX || vec == NULL)
-		return xrecvmmsg(fd, vec, vlen, flags, timeout);
+		return real_recvmmsg(fd, vec, vlen, flags, timeout);
 	for (unsigned int i = 0; i < vlen; i++) {
 		if (!ost_msg_ok(&vec[i].msg_hdr))
-			return xrecvmmsg(fd, vec, vlen, flags, timeout);
+			return real_recvmmsg(fd, vec, vlen, flags, timeout);
 	}
 	if (timeout != NULL && (timeout->tv_sec < 0 || timeout->tv_nsec < 0 ||
 	    timeout->tv_nsec >= NANOSEC))
-		return xrecvmmsg(fd, vec, vlen, flags, timeout);
-	up = ost_recv_record(fd, "recvmmsg");
+		return real_recvmmsg(fd, vec, vlen, flags, timeout);
+	up = ost_recv_record(fd);
 	if (up == NULL)
-		return xrecvmmsg(fd, vec, vlen, flags, timeout);
+		return real_recvmmsg(fd, vec, vlen, flags, timeout);
 	if (timeout != NULL) {
 		t = timeout->tv_sec > (INT64_MAX - NANOSEC) / NANOSEC ?
 		    INT64_MAX - NANOSEC : (hrtime_t)timeout->tv_sec * NANOSEC;
@@ -358,11 +363,7 @@ ost_recvmmsg_call(int fd, struct mmsghdr *vec, unsigned int vlen, int flags,
 		if ((flags & MSG_WAITFORONE) && count >= 1)
 			flags = (flags & ~MSG_WAITFORONE) | MSG_DONTWAIT;
 		/* The engine gives one reference back per datagram. */
-		(void) pthread_mutex_lock(&up->uost_lock);
-		OST_VERIFY(up->uost_refcnt != 0);
-		up->uost_refcnt++;
-		OST_VERIFY(up->uost_refcnt > 1);
-		(void) pthread_mutex_unlock(&up->uost_lock);
+		ost_hold(up);
 		r = ost_recvmsg(up, &vec[count].msg_hdr, flags, t);
 		if (r < 0)
 			break;

@@ -5,7 +5,7 @@
 #ifndef OST_CORE_RECEIVE_H
 #define OST_CORE_RECEIVE_H
 
-#include "ost_impl.h"
+#include "core/ost.h"
 
 /* Bytes from the start of a frame to the UDP payload. */
 #define OST_PKT_OFF_V4 42	/* Ethernet 14 + IPv4 20 + UDP 8 */
@@ -16,7 +16,7 @@
 
 /*
  * What a received frame is to a socket.  The first three let the process
- * go on; the last three end it (ost_parse_pkt_v4, ost_parse_pkt_v6).
+ * go on; the last three end it (ost_parse_pkt).
  */
 typedef enum {
 	OST_PKT_ACCEPT,		/* the socket's: deliver it */
@@ -36,24 +36,22 @@ typedef struct ost_pkt_info {
 } ost_pkt_info_t;
 
 /*
- * Classifies a frame of framelen bytes without acting on it.  Reads
- * nothing beyond the frame, whatever its length fields say.
+ * Classifies a frame of framelen bytes of the socket's family without
+ * acting on it.  Reads nothing beyond the frame, whatever its length fields
+ * say.
  */
-ost_pkt_verdict_t ost_check_pkt_v4(const uost_t *up, const uint8_t *frame,
-    size_t framelen, ost_pkt_info_t *pi);
-ost_pkt_verdict_t ost_check_pkt_v6(const uost_t *up, const uint8_t *frame,
+ost_pkt_verdict_t ost_check_pkt(const uost_t *up, const uint8_t *frame,
     size_t framelen, ost_pkt_info_t *pi);
 
 /*
- * B_TRUE: the frame is the socket's; B_FALSE: drop it.  *len is the frame
+ * true: the frame is the socket's; false: drop it.  *len is the frame
  * length on entry and the payload length once the length check passed.
- * payload, from and fromlen may be null (from and fromlen together).  A
- * frame that cannot be the socket's ends the process.
+ * payload, from and fromlen may be null (from and fromlen together); from
+ * is a sockaddr_in or sockaddr_in6, written only when *fromlen holds it.
+ * A frame that cannot be the socket's ends the process.
  */
-boolean_t ost_parse_pkt_v4(uost_t *up, const void *frame, uint8_t **payload,
-    size_t *len, struct sockaddr_in *from, socklen_t *fromlen);
-boolean_t ost_parse_pkt_v6(uost_t *up, const void *frame, uint8_t **payload,
-    size_t *len, struct sockaddr_in6 *from, socklen_t *fromlen);
+bool ost_parse_pkt(uost_t *up, const void *frame, uint8_t **payload,
+    size_t *len, void *from, socklen_t *fromlen);
 
 /*
  * Validates the frame and scatters its payload over msg_iov; the sender
@@ -64,23 +62,21 @@ ssize_t ost_copy_pkt(uost_t *up, struct msghdr *msg, void *frame,
     size_t len);
 /* The same; *cut says whether part of the payload did not fit. */
 ssize_t ost_copy_pkt_cut(uost_t *up, struct msghdr *msg, const void *frame,
-    size_t len, boolean_t *cut);
+    size_t len, bool *cut);
 
 /*
  * The receive slot: one thread at a time uses the stash and the handle's
- * receive side.  ost_recv_slot_take returns B_FALSE without the slot when
+ * receive side.  ost_recv_slot_take returns false without the slot when
  * leave_if_closing is set and the socket is being torn down.
  */
-boolean_t ost_recv_slot_take(uost_t *up, boolean_t leave_if_closing);
+bool ost_recv_slot_take(uost_t *up, bool leave_if_closing);
 void ost_recv_slot_give(uost_t *up);
 void ost_recv_slot_give_locked(uost_t *up);
 
 /* Whether the socket is being torn down, as far as a look that never
  * waits for the record's lock can tell. */
-boolean_t ost_seen_closing(uost_t *up);
+bool ost_seen_closing(uost_t *up);
 
-/* Busy-waits ns nanoseconds on the clock. */
-void ost_sleep(hrtime_t ns);
 
 /*
  * One datagram into msg; timeout in nanoseconds, 0 for none.  Consumes
@@ -96,7 +92,10 @@ ssize_t ost_recvmsg(uost_t *up, struct msghdr *msg, int flags,
  * is fetched into it.  With validate, a fetched frame is checked first and
  * a dropped one does not count.  Takes and gives back the receive slot.
  */
-boolean_t ost_rx_ready(uost_t *up, boolean_t validate, const char *fn);
+bool ost_rx_ready(uost_t *up, bool validate);
+
+/* Whether the socket has a handle with a filter, the engine's to serve. */
+bool ost_rx_served(uost_t *up);
 
 /* The interposed receive calls. */
 ssize_t ost_recvfrom_call(int fd, void *buf, size_t len, int flags,

@@ -14,8 +14,24 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "ost_impl.h"
-#include "platform/frio_loader.h"
+#include "core/ost.h"
+
+fd_tbl_t fd_tbl_array[OST_NBUCKETS];	/* see fd_tbl_t */
+
+void
+ost_registry_init(void)
+{
+	for (int i = 0; i < OST_NBUCKETS; i++) {
+		fd_tbl_t *ft = &fd_tbl_array[i];
+
+		list_create(&ft->ft_head, sizeof (uost_t),
+		    offsetof(uost_t, uost_list));
+		if (pthread_mutex_init(&ft->ft_lock, NULL) != 0) {
+			ost_debug("cannot init mutex\n");
+			exit(1);
+		}
+	}
+}
 
 static fd_tbl_t *
 ost_bucket(int sd)
@@ -23,56 +39,14 @@ ost_bucket(int sd)
 	return &fd_tbl_array[(unsigned)sd % OST_NBUCKETS];
 }
 
-/* The frame template's constant fields; addresses and ports come later. */
-static void
-ost_template_init(uost_t *up, int family)
-{
-	uint8_t *eth = up->uost_hdr + OST_ETH_OFFSET;
-	uint8_t *ip = eth + sizeof (struct ether_header);
-
-	up->uost_eth = (struct ether_header *)eth;
-	if (family == AF_INET6) {
-		struct ip6_hdr *ip6 = (struct ip6_hdr *)ip;
-
-		up->uost_eth->ether_type = htons(ETHERTYPE_IPV6);
-		up->uost_ip6h = ip6;
-		up->uost_iph = NULL;
-		ip6->ip6_flow = htonl(6U << 28);
-		ip6->ip6_nxt = IPPROTO_UDP;
-		ip6->ip6_hlim = 64;
-		up->uost_udph = (struct udphdr *)(ip + sizeof (struct ip6_hdr));
-		up->uost_hdr_len = 62;
-		up->uost_ip_hdr_len = 48;
-		up->uost_is_v6 = B_TRUE;
-	} else {
-		struct ip *ip4 = (struct ip *)ip;
-
-		up->uost_eth->ether_type = htons(ETHERTYPE_IP);
-		up->uost_iph = ip4;
-		up->uost_ip6h = NULL;
-		ip4->ip_v = 4;
-		ip4->ip_hl = 5;
-		ip4->ip_tos = 0;
-		ip4->ip_id = 0;
-		ip4->ip_off = htons(IP_DF);
-		ip4->ip_ttl = 64;
-		ip4->ip_p = IPPROTO_UDP;
-		ip4->ip_sum = 0;
-		up->uost_udph = (struct udphdr *)(ip + sizeof (struct ip));
-		up->uost_hdr_len = 42;
-		up->uost_ip_hdr_len = 28;
-		up->uost_is_v6 = B_FALSE;
-	}
-}
-
-static boolean_t
+static bool
 ost_add_fail(void)
 {
-	ost_err_exit(ost_gettext("cannot allocate bypass structure"));
-	return B_FALSE;
+	ost_err_exit("cannot allocate bypass structure");
+	return false;
 }
 
-boolean_t
+bool
 ost_add(int sd, int family)
 {
 	uost_t *up;
@@ -80,35 +54,32 @@ ost_add(int sd, int family)
 
 	up = (uost_t *)calloc(1, sizeof (*up));
 	if (up == NULL) {
-		ost_debug("%s: cannot allocate ost entry: %d\n", "ost_add", sd);
+		ost_debug("cannot allocate ost entry: %d\n", sd);
 		return ost_add_fail();
 	}
 	up->uost_recv_buf = (char *)malloc(OST_RECV_BUF_SIZE);
 	if (up->uost_recv_buf == NULL) {
-		ost_debug("%s: cannot allocate ost recv buf: %d\n", "ost_add",
+		ost_debug("cannot allocate ost recv buf: %d\n",
 		    sd);
 		free(up);
 		return ost_add_fail();
 	}
 	up->uost_sd = sd;
-	ost_template_init(up, family);
+	ost_tpl_init(up, family);
 
 	const char *fail = NULL;
 	if (pthread_mutex_init(&up->uost_lock, NULL) != 0) {
-		fail = "%s: cannot init uost_lock %d\n";
+		fail = "uost_lock";
 	} else if (pthread_cond_init(&up->uost_cv, NULL) != 0) {
 		(void) pthread_mutex_destroy(&up->uost_lock);
-		fail = "%s: cannot init uost_cv %d\n";
+		fail = "uost_cv";
 	} else if (pthread_cond_init(&up->uost_recv_cv, NULL) != 0) {
 		(void) pthread_cond_destroy(&up->uost_cv);
 		(void) pthread_mutex_destroy(&up->uost_lock);
-		fail = "%s: cannot init uost_recv_cv %d\n";
+		fail = "uost_recv_cv";
 	}
 	if (fail != NULL) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-		ost_debug(fail, "ost_add", sd);
-#pragma GCC diagnostic pop
+		ost_debug("cannot init %s: %d\n", fail, sd);
 		free(up->uost_recv_buf);
 		free(up);
 		return ost_add_fail();
@@ -116,12 +87,11 @@ ost_add(int sd, int family)
 	up->uost_refcnt = 1;
 
 	ft = ost_bucket(sd);
-	up->uost_list_head = &ft->ft_head;
-	up->uost_list_head_lock = &ft->ft_lock;
+	up->uost_bucket = ft;
 	(void) pthread_mutex_lock(&ft->ft_lock);
 	list_insert_head(&ft->ft_head, up);
 	(void) pthread_mutex_unlock(&ft->ft_lock);
-	return B_TRUE;
+	return true;
 }
 
 uost_t *
@@ -137,15 +107,20 @@ ost_find_sd(int sd)
 		if (up->uost_sd == sd)
 			break;
 	}
-	if (up != NULL) {
-		(void) pthread_mutex_lock(&up->uost_lock);
-		OST_VERIFY((up)->uost_refcnt != 0);
-		up->uost_refcnt++;
-		OST_VERIFY((up)->uost_refcnt > 1);
-		(void) pthread_mutex_unlock(&up->uost_lock);
-	}
+	if (up != NULL)
+		ost_hold(up);
 	(void) pthread_mutex_unlock(&ft->ft_lock);
 	return up;
+}
+
+/* Another reference for a holder of one (or for the registry's walker). */
+void
+ost_hold(uost_t *up)
+{
+	(void) pthread_mutex_lock(&up->uost_lock);
+	OST_VERIFY(up->uost_refcnt != 0);
+	up->uost_refcnt++;
+	(void) pthread_mutex_unlock(&up->uost_lock);
 }
 
 /* For callers that hold uost_lock already; the lock stays held. */
@@ -169,15 +144,13 @@ ost_release(uost_t *up)
  * Frees a record that is off its list and whose only references are the
  * registry's and the caller's.  Called with uost_lock held; it is destroyed.
  */
-void
+static void
 ost_destroy_locked(uost_t *up)
 {
 	(void) pthread_mutex_unlock(&up->uost_lock);
 	(void) pthread_mutex_destroy(&up->uost_lock);
 	(void) pthread_cond_destroy(&up->uost_cv);
 	(void) pthread_cond_destroy(&up->uost_recv_cv);
-	if (up->uost_frio_set)
-		ost_frio->close(up->uost_frio_hdl);
 	free(up->uost_recv_buf);
 	/* Poison before freeing, so that a use after free is loud. */
 	memset(up, 0xa5, sizeof (*up));
@@ -185,57 +158,73 @@ ost_destroy_locked(uost_t *up)
 }
 
 /* Sets uost_closing and waits until only the registry and we hold it. */
-void
+static void
 ost_drain_locked(uost_t *up)
 {
 	OST_VERIFY(up->uost_refcnt >= 2);
-	up->uost_closing = B_TRUE;
+	up->uost_closing = true;
 	/* Wake a receiver that waits for the receive slot: it must leave. */
 	(void) pthread_cond_broadcast(&up->uost_recv_cv);
 	while (up->uost_refcnt > 2)
 		(void) pthread_cond_wait(&up->uost_cv, &up->uost_lock);
 }
 
-/* Takes the kernel's bypass option off the record's socket; 0 or -1. */
-int
-ost_unset_kernel_locked(uost_t *up)
+/*
+ * The one teardown: of an unlinked record, by the thread that unlinked it
+ * and holds a reference.  Waits for every other user, takes the socket off
+ * the bypass and frees the record.
+ */
+static void
+ost_teardown(uost_t *up, bool sd_open)
 {
-	static const so_ost_opt_t off = { B_FALSE, 0, 0 };
-
-	up->uost_kernel_set = B_FALSE;
-	return ost_kernel_bypass_set(up->uost_sd, &off);
+	(void) pthread_mutex_lock(&up->uost_lock);
+	ost_drain_locked(up);
+	ost_detach_locked(up, sd_open && !up->uost_sd_closed);
+	ost_destroy_locked(up);
 }
 
 void
-ost_del(uost_t *up, boolean_t unset_kernel)
+ost_del(uost_t *up, bool sd_open)
 {
-	boolean_t mine;
+	fd_tbl_t *ft = up->uost_bucket;
+	bool mine;
 
-	(void) pthread_mutex_lock(up->uost_list_head_lock);
-	mine = list_link_active(&up->uost_list) ? B_TRUE : B_FALSE;
+	(void) pthread_mutex_lock(&ft->ft_lock);
+	mine = list_link_active(&up->uost_list);
 	if (mine)
-		list_remove(up->uost_list_head, up);
-	(void) pthread_mutex_unlock(up->uost_list_head_lock);
+		list_remove(&ft->ft_head, up);
+	(void) pthread_mutex_unlock(&ft->ft_lock);
 
-	(void) pthread_mutex_lock(&up->uost_lock);
-	if (!mine) {
-		/*
-		 * Another teardown unlinked it first and waits for our
-		 * reference.  If the kernel socket is gone (we are close()),
-		 * say so, lest it take the option off a reused descriptor.
-		 */
-		if (!unset_kernel)
-			up->uost_sd_closed = B_TRUE;
-		ost_release_locked(up);
-		(void) pthread_mutex_unlock(&up->uost_lock);
+	if (mine) {
+		ost_teardown(up, sd_open);
 		return;
 	}
-	ost_drain_locked(up);
-	if (unset_kernel && !up->uost_sd_closed) {
-		if (ost_unset_kernel_locked(up) != 0)
-			ost_debug("%s: cannot unset SO_OSTREL (%d): %d\n",
-			    "ost_del", up->uost_sd, errno);
-	} else
-		ost_kernel_bypass_forget(up->uost_sd);
-	ost_destroy_locked(up);
+	/*
+	 * Another teardown unlinked it first and waits for our reference.
+	 * If the kernel socket is gone (we are close()), say so, lest it take
+	 * the socket off the bypass on a reused descriptor.
+	 */
+	(void) pthread_mutex_lock(&up->uost_lock);
+	if (!sd_open)
+		up->uost_sd_closed = true;
+	ost_release_locked(up);
+	(void) pthread_mutex_unlock(&up->uost_lock);
+}
+
+void
+ost_del_all(void)
+{
+	for (int i = 0; i < OST_NBUCKETS; i++) {
+		fd_tbl_t *ft = &fd_tbl_array[i];
+		uost_t *up;
+
+		(void) pthread_mutex_lock(&ft->ft_lock);
+		while ((up = (uost_t *)list_remove_head(&ft->ft_head)) != NULL) {
+			(void) pthread_mutex_unlock(&ft->ft_lock);
+			ost_hold(up);		/* the teardown's own */
+			ost_teardown(up, true);
+			(void) pthread_mutex_lock(&ft->ft_lock);
+		}
+		(void) pthread_mutex_unlock(&ft->ft_lock);
+	}
 }

@@ -6,33 +6,33 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 
-#include "ost_impl.h"
+#include "core/ost.h"
 
 /*
  * A UDP socket of either family.  Modern runtimes ask for SOCK_CLOEXEC
  * (python3) and SOCK_NONBLOCK (libuv) with every socket, so those two flags
  * are accepted; any other flag leaves the socket to the kernel.
  */
-static boolean_t
+static bool
 ost_wants_record(int domain, int type, int protocol)
 {
 	if (domain != AF_INET && domain != AF_INET6)
-		return B_FALSE;
+		return false;
 	if ((type & ~(SOCK_CLOEXEC | SOCK_NONBLOCK)) != SOCK_DGRAM)
-		return B_FALSE;
-	return protocol == 0 || protocol == IPPROTO_UDP ? B_TRUE : B_FALSE;
+		return false;
+	return protocol == 0 || protocol == IPPROTO_UDP;
 }
 
 int
 ost_socket(int domain, int type, int protocol)
 {
-	int sd = libc_socket(domain, type, protocol);
+	int sd = real_socket(domain, type, protocol);
 
 	if (sd == -1 || !ost_wants_record(domain, type, protocol))
 		return sd;
 	if (!ost_add(sd, domain)) {
 		(void) real_close(sd);
-		ost_debug("%s: bypass socket creation failed\n", "socket");
+		ost_debug("bypass socket creation failed\n");
 		errno = ENOMEM;
 		return -1;
 	}
@@ -41,7 +41,7 @@ ost_socket(int domain, int type, int protocol)
 
 		if (up != NULL) {
 			(void) pthread_mutex_lock(&up->uost_lock);
-			up->uost_nonblock = B_TRUE;
+			__atomic_store_n(&up->uost_nonblock, true, __ATOMIC_RELAXED);
 			ost_release_locked(up);
 			(void) pthread_mutex_unlock(&up->uost_lock);
 		}
@@ -59,21 +59,21 @@ ost_close(int fd)
 	ret = real_close(fd);
 	if (up != NULL) {
 		saved_errno = errno;
-		ost_del(up, B_FALSE);
+		ost_del(up, false);
 		errno = saved_errno;
 	}
 	return ret;
 }
 
 static void
-ost_set_nonblock(int fd, boolean_t on)
+ost_set_nonblock(int fd, bool on)
 {
 	uost_t *up = ost_find_sd(fd);
 
 	if (up == NULL)
 		return;
 	(void) pthread_mutex_lock(&up->uost_lock);
-	up->uost_nonblock = on;
+	__atomic_store_n(&up->uost_nonblock, on, __ATOMIC_RELAXED);
 	ost_release_locked(up);
 	(void) pthread_mutex_unlock(&up->uost_lock);
 }
@@ -88,8 +88,7 @@ ost_note_fl_change(int fd, int cmd, unsigned long arg)
 {
 	if (cmd != F_SETFL)
 		return;
-	ost_set_nonblock(fd, (arg & (O_NONBLOCK | O_NDELAY)) != 0 ?
-	    B_TRUE : B_FALSE);
+	ost_set_nonblock(fd, (arg & (O_NONBLOCK | O_NDELAY)) != 0);
 }
 
 /* ioctl(FIONBIO) is how python3 and others switch non-blocking mode. */
@@ -101,5 +100,5 @@ ost_note_fionbio(int fd, unsigned long request, const void *argp)
 	if (request != FIONBIO || argp == NULL)
 		return;
 	on = *(const int *)argp;
-	ost_set_nonblock(fd, on != 0 ? B_TRUE : B_FALSE);
+	ost_set_nonblock(fd, on != 0);
 }

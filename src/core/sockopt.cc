@@ -14,12 +14,12 @@
 #include <string.h>
 
 #include "core/addr.h"
-#include "ost_impl.h"
+#include "core/ost.h"
 
 typedef enum { OST_OPT_KEEP = 0, OST_OPT_LEAVE = -1 } ost_opt_result_t;
 
 /* Options the bypass path cannot honour, by level. */
-static boolean_t
+static bool
 ost_v4_opt_leaves(int optname)
 {
 	switch (optname) {
@@ -39,13 +39,13 @@ ost_v4_opt_leaves(int optname)
 	case IP_UNICAST_IF: case IP_TRANSPARENT: case IP_MINTTL:
 	case IP_ROUTER_ALERT: case IP_MULTICAST_ALL: case IP_MSFILTER:
 	case MCAST_MSFILTER:
-		return B_TRUE;
+		return true;
 	default:
-		return B_FALSE;
+		return false;
 	}
 }
 
-static boolean_t
+static bool
 ost_v6_opt_leaves(int optname)
 {
 	switch (optname) {
@@ -66,54 +66,43 @@ ost_v6_opt_leaves(int optname)
 	case IPV6_UNICAST_IF: case IPV6_TRANSPARENT: case IPV6_MINHOPCOUNT:
 	case IPV6_ROUTER_ALERT: case IPV6_MULTICAST_ALL:
 	case IPV6_JOIN_ANYCAST: case IPV6_ADDRFORM: case IPV6_AUTOFLOWLABEL:
-		return B_TRUE;
+		return true;
 	default:
-		return B_FALSE;
+		return false;
 	}
 }
 
-static boolean_t
+static bool
 ost_socket_opt_leaves(int level, int optname)
 {
 	if (level == SOL_UDP)
 		return optname == UDP_GRO || optname == UDP_CORK ||
-		    optname == UDP_SEGMENT || optname == UDP_ENCAP ?
-		    B_TRUE : B_FALSE;
+		    optname == UDP_SEGMENT || optname == UDP_ENCAP;
 	if (level != SOL_SOCKET)
-		return B_FALSE;
+		return false;
 	switch (optname) {
 	case SO_TIMESTAMP_OLD: case SO_TIMESTAMP_NEW:
 	case SO_TIMESTAMPNS_OLD: case SO_TIMESTAMPNS_NEW:
 	case SO_TIMESTAMPING_OLD: case SO_TIMESTAMPING_NEW:
 	case SO_RXQ_OVFL: case SO_BINDTODEVICE: case SO_BINDTOIFINDEX:
 	case SO_MARK: case SO_TXTIME: case SO_ATTACH_FILTER: case SO_ATTACH_BPF:
-		return B_TRUE;
+		return true;
 	default:
-		return B_FALSE;
+		return false;
 	}
 }
 
-/* Sets the TTL or hop limit byte of the template; uost_lock held. */
-static void
-ost_set_hops_locked(uost_t *up, uint32_t hops)
-{
-	if (up->uost_is_v6)
-		up->uost_ip6h->ip6_hlim = (uint8_t)hops;
-	else
-		up->uost_iph->ip_ttl = (uint8_t)hops;
-}
-
 /* Whether the cached peer is a group (IPv4 peers are held mapped). */
-static boolean_t
+static bool
 ost_peer_is_group(const uost_t *up)
 {
 	const struct in6_addr *a = &up->uost_faddr_v6;
 
 	if (!up->uost_peer_set)
-		return B_FALSE;
+		return false;
 	if (IN6_IS_ADDR_V4MAPPED(a))
 		return ost_is_multicast_v4(ost_unmap_v4(a));
-	return IN6_IS_ADDR_MULTICAST(a) ? B_TRUE : B_FALSE;
+	return IN6_IS_ADDR_MULTICAST(a);
 }
 
 /*
@@ -139,7 +128,7 @@ ost_set_uc_hops(uost_t *up, int hops)
 	(void) pthread_mutex_lock(&up->uost_lock);
 	up->uost_uc_hops = hops < 0 ? 0 : (uint32_t)hops;
 	if (up->uost_peer_set && !ost_peer_is_group(up))
-		ost_set_hops_locked(up, hops < 0 ? 64 : (uint32_t)hops);
+		ost_tpl_set_hops(up, hops < 0 ? 64 : (uint32_t)hops);
 	(void) pthread_mutex_unlock(&up->uost_lock);
 }
 
@@ -150,7 +139,7 @@ ost_set_mc_hops(uost_t *up, int hops)
 	(void) pthread_mutex_lock(&up->uost_lock);
 	up->uost_mc_hops = hops < 0 ? 0 : (uint32_t)hops;
 	if (ost_peer_is_group(up))
-		ost_set_hops_locked(up, hops < 0 ? 1 : (uint32_t)hops);
+		ost_tpl_set_hops(up, hops < 0 ? 1 : (uint32_t)hops);
 	(void) pthread_mutex_unlock(&up->uost_lock);
 }
 
@@ -158,7 +147,7 @@ ost_set_mc_hops(uost_t *up, int hops)
  * The interface of an IPv4 membership: by index, by one of its addresses,
  * or, for neither, the one the kernel picks: the route to the group.
  */
-static boolean_t
+static bool
 ost_member_if_v4(const struct in_addr *group, uint32_t index,
     const struct in_addr *ifaddr, uint32_t *if_index, char *if_name)
 {
@@ -169,15 +158,15 @@ ost_member_if_v4(const struct in_addr *group, uint32_t index,
 	if (index == 0 && ifaddr != NULL && ifaddr->s_addr != INADDR_ANY)
 		return ost_get_eaddr_v4(ifaddr, &scratch, if_index, if_name);
 	if (index == 0 && !ost_get_route_v4(group, &index, &gw))
-		return B_FALSE;
+		return false;
 	if (if_indextoname(index, name) == NULL)
-		return B_FALSE;
+		return false;
 	if (if_name != NULL) {
 		memset(if_name, 0, OST_IFNAME_SIZE);
 		memcpy(if_name, name, strlen(name));
 	}
 	*if_index = index;
-	return B_TRUE;
+	return true;
 }
 
 /* ip_mreq, or Linux's ip_mreqn (told apart by the length). */
@@ -198,13 +187,14 @@ ost_join_v4(uost_t *up, const struct in_addr *group, uint32_t index,
     const struct in_addr *ifaddr)
 {
 	char name[OST_IFNAME_SIZE];
+	struct in6_addr mapped;
 	uint32_t if_index;
 
 	/* An interface we cannot find: the kernel socket has the group. */
 	if (!ost_member_if_v4(group, index, ifaddr, &if_index, name))
 		return OST_OPT_KEEP;
-	memcpy(up->uost_if_name, name, sizeof (name));
-	return ost_multicast_join_v4(up, if_index, group);
+	ost_map_v4(&mapped, group->s_addr);
+	return ost_multicast_join(up, if_index, name, &mapped);
 }
 
 static int
@@ -230,7 +220,7 @@ ost_process_v4_opt(uost_t *up, int optname, const void *optval,
 	switch (optname) {
 	case IP_TOS:
 		(void) pthread_mutex_lock(&up->uost_lock);
-		up->uost_iph->ip_tos = *(const uint8_t *)optval;
+		ost_tpl_set_tos(up, *(const uint8_t *)optval);
 		(void) pthread_mutex_unlock(&up->uost_lock);
 		return OST_OPT_KEEP;
 	case IP_TTL:
@@ -300,8 +290,8 @@ ost_process_v6_opt(uost_t *up, int optname, const void *optval)
 		const struct ipv6_mreq *mr = (const struct ipv6_mreq *)optval;
 
 		if (optname == IPV6_JOIN_GROUP)
-			return ost_multicast_join_v6(up, mr->ipv6mr_interface,
-			    &mr->ipv6mr_multiaddr);
+			return ost_multicast_join(up, mr->ipv6mr_interface,
+			    NULL, &mr->ipv6mr_multiaddr);
 		return ost_multicast_leave(up, mr->ipv6mr_interface,
 		    &mr->ipv6mr_multiaddr);
 	}
@@ -314,7 +304,8 @@ ost_process_v6_opt(uost_t *up, int optname, const void *optval)
 			return OST_OPT_LEAVE;
 		group = &((const struct sockaddr_in6 *)&gr->gr_group)->sin6_addr;
 		if (optname == MCAST_JOIN_GROUP)
-			return ost_multicast_join_v6(up, gr->gr_interface, group);
+			return ost_multicast_join(up, gr->gr_interface, NULL,
+			    group);
 		return ost_multicast_leave(up, gr->gr_interface, group);
 	}
 	default:
@@ -333,11 +324,10 @@ ost_set_rcvtimeo(uost_t *up, const void *optval)
 	int64_t tv[2];
 
 	memcpy(tv, optval, sizeof (tv));
-	(void) pthread_mutex_lock(&up->uost_lock);
 	/* Beyond about 290 years: no limit, as far as anyone waits. */
-	up->uost_rcvtimeo = tv[0] >= INT64_MAX / NANOSEC - 1 ? 0 :
-	    tv[0] * NANOSEC + tv[1] * 1000;
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	__atomic_store_n(&up->uost_rcvtimeo,
+	    tv[0] >= INT64_MAX / NANOSEC - 1 ? 0 : tv[0] * NANOSEC + tv[1] * 1000,
+	    __ATOMIC_RELAXED);
 	return OST_OPT_KEEP;
 }
 
@@ -366,7 +356,7 @@ ost_setsockopt(int sd, int level, int optname, const void *optval,
 	uost_t *up;
 	int ret;
 
-	ret = libc_setsockopt(sd, level, optname, optval, optlen);
+	ret = real_setsockopt(sd, level, optname, optval, optlen);
 	if (ret != 0 || (up = ost_find_sd(sd)) == NULL)
 		return ret;
 	if (level == IPPROTO_IP && up->uost_is_v6)
@@ -382,9 +372,8 @@ ost_setsockopt(int sd, int level, int optname, const void *optval,
 		ret = ost_socket_opt_leaves(level, optname) ? OST_OPT_LEAVE :
 		    OST_OPT_KEEP;
 	if (ret != 0) {
-		ost_debug("%s: %d leaves the bypass: level %d option %d\n",
-		    "setsockopt", sd, level, optname);
-		ost_del(up, B_TRUE);
+		ost_debug("%d leaves the bypass: level %d option %d\n", sd, level, optname);
+		ost_del(up, true);
 	} else {
 		ost_release(up);
 	}
@@ -399,16 +388,18 @@ ost_getsockopt(int sd, int level, int optname, void *optval,
 
 	if (level == SOL_SOCKET && optname == SO_OSTREL_STATS &&
 	    optlen != NULL && optval != NULL && (up = ost_find_sd(sd)) != NULL) {
+		bool served = false;
+
 		(void) pthread_mutex_lock(&up->uost_lock);
 		if (*optlen >= sizeof (so_ost_stats_t) && up->uost_frio_set) {
 			memcpy(optval, &up->uost_stats, sizeof (so_ost_stats_t));
 			*optlen = sizeof (so_ost_stats_t);
-			ost_release_locked(up);
-			(void) pthread_mutex_unlock(&up->uost_lock);
-			return 0;
+			served = true;
 		}
 		ost_release_locked(up);
 		(void) pthread_mutex_unlock(&up->uost_lock);
+		if (served)
+			return 0;
 	}
-	return xgetsockopt(sd, level, optname, optval, optlen);
+	return real_getsockopt(sd, level, optname, optval, optlen);
 }

@@ -11,8 +11,8 @@
 
 namespace {
 
-const so_ost_opt_t kOn = { B_TRUE, 42, 3 };
-const so_ost_opt_t kOff = { B_FALSE, 0, 0 };
+const so_ost_opt_t kOn = { true, 42, 3 };
+const so_ost_opt_t kOff = { false, 0, 0 };
 
 TEST(BypassOption, SilencesAndRestoresTheKernelPath)
 {
@@ -41,8 +41,8 @@ TEST(BypassOption, SilencesAndRestoresTheKernelPath)
 TEST(BypassOption, RefusesWhatAKernelWouldRefuse)
 {
 	ost_test_init();
-	int unbound = libc_socket(AF_INET, SOCK_DGRAM, 0);
-	int tcp = libc_socket(AF_INET, SOCK_STREAM, 0);
+	int unbound = real_socket(AF_INET, SOCK_DGRAM, 0);
+	int tcp = real_socket(AF_INET, SOCK_STREAM, 0);
 	int pipefd[2];
 	ASSERT_EQ(pipe(pipefd), 0);
 
@@ -69,7 +69,7 @@ TEST(BypassOption, LeavesOtherFiltersAndReusedDescriptorsAlone)
 	int sd = bound_udp_socket(AF_INET, &addr);
 	struct sock_filter drop[] = { BPF_STMT(BPF_RET | BPF_K, 0) };
 	struct sock_fprog prog = { 1, drop };
-	ASSERT_EQ(libc_setsockopt(sd, SOL_SOCKET, SO_ATTACH_FILTER, &prog,
+	ASSERT_EQ(real_setsockopt(sd, SOL_SOCKET, SO_ATTACH_FILTER, &prog,
 	    sizeof (prog)), 0);
 	EXPECT_EQ(ost_kernel_bypass_set(sd, &kOff), 0);
 	EXPECT_FALSE(delivered(sd, addr));	/* still the app's filter */
@@ -80,7 +80,7 @@ TEST(BypassOption, LeavesOtherFiltersAndReusedDescriptorsAlone)
 	/* Another socket takes the same number behind our back. */
 	struct sockaddr_storage addr2;
 	int other = bound_udp_socket(AF_INET, &addr2);
-	ASSERT_EQ(libc_setsockopt(other, SOL_SOCKET, SO_ATTACH_FILTER, &prog,
+	ASSERT_EQ(real_setsockopt(other, SOL_SOCKET, SO_ATTACH_FILTER, &prog,
 	    sizeof (prog)), 0);
 	ASSERT_EQ(dup2(other, sd), sd);
 	close(other);

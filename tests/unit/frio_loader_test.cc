@@ -1,7 +1,7 @@
 /* The frame-access library is loaded at the first open, or reported missing. */
 #include <gtest/gtest.h>
 
-#include "platform/frio_loader.h"
+#include "os/frio_loader.h"
 #include "support.h"
 
 namespace {

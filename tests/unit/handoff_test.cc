@@ -51,7 +51,7 @@ TEST_F(CleanupTest, EmptiesTheRegistryAndGivesSocketsBackToTheKernel)
 	struct sockaddr_storage addr;
 	int sd = bound_udp_socket(AF_INET, &addr);
 	ASSERT_TRUE(ost_add(sd, AF_INET));
-	const so_ost_opt_t on = { B_TRUE, 1, 1 };
+	const so_ost_opt_t on = { true, 1, 1 };
 	ASSERT_EQ(ost_kernel_bypass_set(sd, &on), 0);
 	for (int i = 0; i < 40; i++)
 		ASSERT_TRUE(ost_add(kFakeFd + i, i % 2 ? AF_INET6 : AF_INET));
@@ -95,7 +95,7 @@ TEST_F(CleanupTest, WaitsForThreadsInsideTheLibrary)
 TEST_F(CleanupTest, RacesWithClose)
 {
 	for (int round = 0; round < 300; round++) {
-		int sd = libc_socket(AF_INET, SOCK_DGRAM, 0);
+		int sd = real_socket(AF_INET, SOCK_DGRAM, 0);
 		ASSERT_TRUE(ost_add(sd, AF_INET));
 		std::thread closer([&] { EXPECT_EQ(ost_close(sd), 0); });
 		ost_cleanup();

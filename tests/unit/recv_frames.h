@@ -1,4 +1,4 @@
-/* A bypass socket armed by hand on an in-memory frame handle, and frames
+/* A bypass socket attached to an in-memory frame handle, and frames
  * addressed to it. */
 #ifndef OST_TEST_RECV_FRAMES_H
 #define OST_TEST_RECV_FRAMES_H
@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "frio_mem.h"
-#include "platform/frio_loader.h"
 #include "support.h"
 
 const in_port_t kPeerPort = htons(5000);
@@ -45,23 +44,21 @@ struct BypassSock {
 		ASSERT_GE(fd, 0);
 		ASSERT_EQ(bind_loopback(fd, family, &local), 0);
 		up = record(fd);
-		pthread_mutex_lock(&up->uost_lock);
-		ASSERT_EQ(ost_frio_open("mem0", nullptr, &up->uost_frio_hdl),
-		    FRIO_STATUS_OK);
-		hdl = up->uost_frio_hdl;
-		up->uost_frio_set = up->uost_filter_set = B_TRUE;
-		up->uost_lport = ((struct sockaddr_in *)&local)->sin_port;
+		struct in6_addr laddr;
 		inet_pton(AF_INET6, family == AF_INET ? "::ffff:127.0.0.1" :
-		    "::1", &up->uost_laddr_v6);
-		pthread_mutex_unlock(&up->uost_lock);
+		    "::1", &laddr);
+		ASSERT_TRUE(attach_to_mem(up, "mem0", &laddr,
+		    ((struct sockaddr_in *)&local)->sin_port));
+		hdl = up->uost_frio_hdl;
 	}
 
 	void connect_peer()
 	{
+		struct in6_addr peer = peer_addr(family);
+
 		pthread_mutex_lock(&up->uost_lock);
-		up->uost_connected = B_TRUE;
-		up->uost_faddr_v6 = peer_addr(family);
-		up->uost_fport = kPeerPort;
+		ost_tpl_set_peer(up, &peer, kPeerPort);
+		up->uost_connected = true;
 		pthread_mutex_unlock(&up->uost_lock);
 	}
 

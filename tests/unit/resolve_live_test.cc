@@ -9,8 +9,8 @@
 
 #include <string>
 
-#include "sub/netlink.h"
-#include "sub/resolve.h"
+#include "resolve/netlink.h"
+#include "resolve/resolve.h"
 #include "support.h"
 
 namespace {
@@ -205,13 +205,13 @@ TEST_F(ResolveNs, IPv6AddressChoiceAndScope)
 {
 	struct in6_addr out, ll[8], gl[8];
 	char name[OST_IFNAME_SIZE];
-	boolean_t t = B_TRUE, f = B_FALSE;
+	bool t = true, f = false;
 	int nll = addrs_of(idx_, true, ll), ngl = addrs_of(idx_, false, gl);
 
 	/* Two of each, so that first and last differ. */
 	ASSERT_GE(nll, 2);
 	ASSERT_GE(ngl, 2);
-	for (boolean_t *want_ll : { (boolean_t *)nullptr, &f, &t }) {
+	for (bool *want_ll : { (bool *)nullptr, &f, &t }) {
 		ASSERT_TRUE(ost_get_if_info_v6(idx_, want_ll, &out, name));
 		EXPECT_TRUE(same(want_ll == &t ? ll[0] : gl[0], out));
 		EXPECT_STREQ(if_, name);
@@ -227,11 +227,11 @@ TEST_F(ResolveNs, IPv6AddressChoiceAndScope)
 
 	/* One link-local address on two interfaces: the scope id decides. */
 	struct in6_addr shared = v6("OST_RT_SHARED_LL");
-	ost_lifreq_t lifr;
+	ost_ifref_t ifr;
 	for (uint32_t idx : { idx2_, idx_ }) {
-		ASSERT_TRUE(ost_find_if_v6(&shared, idx, &lifr));
-		EXPECT_EQ(idx, lifr.lifr_index);
-		EXPECT_STREQ(idx == idx_ ? if_ : if2_, lifr.lifr_name);
+		ASSERT_TRUE(ost_find_if_v6(&shared, idx, &ifr));
+		EXPECT_EQ(idx, ifr.ir_index);
+		EXPECT_STREQ(idx == idx_ ? if_ : if2_, ifr.ir_name);
 	}
 	/* An own address under another interface's scope has no owner. */
 	struct in6_addr self = v6("OST_RT_SELF6");
@@ -252,7 +252,7 @@ TEST_F(ResolveNs, NoDescriptorOutlivesThousandsOfCalls)
 	struct in6_addr s6 = v6("OST_RT_STATIC6"), self6 = v6("OST_RT_SELF6"),
 	    silent6 = v6("OST_RT_SILENT6"), gw6;
 	struct ether_addr ea;
-	ost_lifreq_t lifr;
+	ost_ifref_t ifr;
 	int fds = count_fds();
 
 	for (int i = 0; i < 1000; i++) {
@@ -265,7 +265,7 @@ TEST_F(ResolveNs, NoDescriptorOutlivesThousandsOfCalls)
 		    ost_get_eaddr_v4(&s4, &ea, &idx, name) &&
 		    ost_get_eaddr_v4(&self4, &ea, &idx, name) &&
 		    ost_get_if_info_v6(idx_, nullptr, &gw6, name) &&
-		    ost_find_if_v6(&self6, 0, &lifr)) << i;
+		    ost_find_if_v6(&self6, 0, &ifr)) << i;
 		name[0] = '\0';
 		ASSERT_TRUE(ost_get_eaddr_v6(&self6, &ea, &idx, name) &&
 		    ost_get_eaddr_v6(&s6, &ea, nullptr, name) &&

@@ -8,7 +8,7 @@
 
 #include <vector>
 
-#include "sub/netlink.h"
+#include "resolve/netlink.h"
 
 namespace {
 

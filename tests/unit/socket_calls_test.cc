@@ -15,14 +15,14 @@ protected:
 	void TearDown() override { ost_cleanup(); }
 };
 
-boolean_t
+bool
 nonblock_mark(int fd)
 {
 	uost_t *up = ost_find_sd(fd);
 	if (up == nullptr)
-		return B_FALSE;
+		return false;
 	pthread_mutex_lock(&up->uost_lock);
-	boolean_t mark = up->uost_nonblock;
+	bool mark = up->uost_nonblock;
 	ost_release_locked(up);
 	pthread_mutex_unlock(&up->uost_lock);
 	return mark;

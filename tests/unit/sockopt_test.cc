@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "frio_mem.h"
-#include "platform/frio_loader.h"
+#include "os/frio_loader.h"
 #include "support.h"
 
 namespace {
@@ -41,7 +41,7 @@ protected:
 		pthread_mutex_lock(&up->uost_lock);
 		ASSERT_EQ(ost_frio_open("mem0", nullptr, &up->uost_frio_hdl),
 		    FRIO_STATUS_OK);
-		up->uost_frio_set = up->uost_peer_set = B_TRUE;
+		up->uost_frio_set = up->uost_peer_set = true;
 		pthread_mutex_unlock(&up->uost_lock);
 	}
 };

@@ -1,5 +1,7 @@
 #include "support.h"
 
+#include "os/frio_loader.h"
+
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
@@ -12,7 +14,23 @@
 void
 ost_test_init()
 {
+	/* The test build of libfrio, already loaded: its mem double's hooks
+	 * and the library's handles are one copy. */
+	ost_frio_set_path("libfrio_testing.so");
 	ost_init();
+}
+
+bool
+attach_to_mem(uost_t *up, const char *if_name, const struct in6_addr *addr,
+    in_port_t port)
+{
+	pthread_mutex_lock(&up->uost_lock);
+	snprintf(up->uost_if_name, sizeof (up->uost_if_name), "%s", if_name);
+	ost_tpl_set_saddr(up, addr);
+	ost_tpl_set_sport(up, port);
+	bool ok = ost_attach_locked(up);
+	pthread_mutex_unlock(&up->uost_lock);
+	return ok;
 }
 
 std::string
@@ -44,7 +62,7 @@ logged(const std::function<void()> &body)
 {
 	int saved = ost_debug_flag;
 	ost_debug_flag = 1;
-	ost_debug_init(B_FALSE);
+	ost_debug_init(false);
 	std::string out = capture_stderr(
 	    [](void *p) { (*(const std::function<void()> *)p)(); },
 	    (void *)&body);
@@ -124,7 +142,7 @@ bind_loopback(int fd, int family, struct sockaddr_storage *addr)
 		    htonl(INADDR_LOOPBACK);
 	else
 		((struct sockaddr_in6 *)addr)->sin6_addr = in6addr_loopback;
-	if (libc_bind(fd, (struct sockaddr *)addr, family == AF_INET ?
+	if (real_bind(fd, (struct sockaddr *)addr, family == AF_INET ?
 	    sizeof (struct sockaddr_in) : sizeof (struct sockaddr_in6)) != 0 ||
 	    getsockname(fd, (struct sockaddr *)addr, &len) != 0)
 		return -1;
@@ -134,7 +152,7 @@ bind_loopback(int fd, int family, struct sockaddr_storage *addr)
 int
 bound_udp_socket(int family, struct sockaddr_storage *addr)
 {
-	int sd = libc_socket(family, SOCK_DGRAM, 0);
+	int sd = real_socket(family, SOCK_DGRAM, 0);
 	if (bind_loopback(sd, family, addr) != 0) {
 		close(sd);
 		return -1;
@@ -145,13 +163,13 @@ bound_udp_socket(int family, struct sockaddr_storage *addr)
 bool
 delivered(int sd, const struct sockaddr_storage &addr)
 {
-	int tx = libc_socket(addr.ss_family, SOCK_DGRAM, 0);
+	int tx = real_socket(addr.ss_family, SOCK_DGRAM, 0);
 	struct pollfd pfd = { sd, POLLIN, 0 };
 	char buf[16];
-	libc_sendto(tx, "ping", 4, 0, (const struct sockaddr *)&addr,
+	real_sendto(tx, "ping", 4, 0, (const struct sockaddr *)&addr,
 	    addr.ss_family == AF_INET ? sizeof (struct sockaddr_in) :
 	    sizeof (struct sockaddr_in6));
 	close(tx);
-	return poll(&pfd, 1, 200) == 1 && libc_recvfrom(sd, buf, sizeof (buf),
+	return poll(&pfd, 1, 200) == 1 && real_recvfrom(sd, buf, sizeof (buf),
 	    MSG_DONTWAIT, NULL, NULL) == 4;
 }

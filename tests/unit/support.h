@@ -5,7 +5,8 @@
 #include <functional>
 #include <string>
 
-#include "ost_impl.h"
+#include "core/ost.h"
+#include "core/receive.h"
 
 /* A descriptor number far above any the process opens. */
 constexpr int kFakeFd = 1000003;
@@ -28,6 +29,12 @@ std::string mac_str(const void *octets);
 int bind_loopback(int fd, int family, struct sockaddr_storage *addr);
 /* A kernel UDP socket bound that way. */
 int bound_udp_socket(int family, struct sockaddr_storage *addr);
+/*
+ * Points up at mem interface if_name with address addr and port, and
+ * attaches it, as bind does for an interface's own address.
+ */
+bool attach_to_mem(uost_t *up, const char *if_name,
+    const struct in6_addr *addr, in_port_t port);
 /* Sends a datagram to addr; whether sd received it. */
 bool delivered(int sd, const struct sockaddr_storage &addr);
 

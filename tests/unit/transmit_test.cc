@@ -38,28 +38,18 @@ protected:
 		fd_ = ost_socket(GetParam(), SOCK_DGRAM, 0);
 		struct sockaddr_storage local;
 		ASSERT_EQ(bind_loopback(fd_, GetParam(), &local), 0);
-		ASSERT_EQ(libc_connect(fd_, peer(), addr_len()), 0);
+		ASSERT_EQ(real_connect(fd_, peer(), addr_len()), 0);
 		up_ = record(fd_);
-		pthread_mutex_lock(&up_->uost_lock);
-		ASSERT_EQ(ost_frio_open("mem0", nullptr, &up_->uost_frio_hdl),
-		    FRIO_STATUS_OK);
+		struct in6_addr loop;
+		inet_pton(AF_INET6, v6_ ? "::1" : "::ffff:127.0.0.1", &loop);
+		ASSERT_EQ(frio_mem_add_interface("mem0", 7,
+		    (const struct ether_addr *)kSrcMac), 0);
+		ASSERT_TRUE(attach_to_mem(up_, "mem0", &loop, port_of(&local)));
 		hdl_ = up_->uost_frio_hdl;
-		up_->uost_frio_set = B_TRUE;
-		memcpy(up_->uost_eth->ether_shost, kSrcMac, 6);
-		memcpy(up_->uost_eth->ether_dhost, kDstMac, 6);
-		up_->uost_udph->uh_sport = up_->uost_lport = port_of(&local);
-		up_->uost_udph->uh_dport = up_->uost_fport = port_of(&peer_addr_);
-		if (v6_) {
-			up_->uost_faddr_v6 = in6addr_loopback;
-			up_->uost_ip6h->ip6_src = in6addr_loopback;
-			up_->uost_ip6h->ip6_dst = in6addr_loopback;
-		} else {
-			inet_pton(AF_INET6, "::ffff:127.0.0.1", &up_->uost_faddr_v6);
-			up_->uost_iph->ip_src.s_addr = htonl(INADDR_LOOPBACK);
-			up_->uost_iph->ip_dst.s_addr = htonl(INADDR_LOOPBACK);
-		}
+		pthread_mutex_lock(&up_->uost_lock);
 		up_->uost_if_index = 7;
-		up_->uost_bound = up_->uost_peer_set = B_TRUE;
+		ost_tpl_set_dst_mac(up_, (const struct ether_addr *)kDstMac);
+		ost_tpl_set_peer(up_, &loop, port_of(&peer_addr_));
 		pthread_mutex_unlock(&up_->uost_lock);
 	}
 
@@ -106,7 +96,7 @@ protected:
 		struct timeval tv = { 1, 0 };
 		setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof (tv));
 		char buf[2048];
-		ssize_t n = libc_recvfrom(sock, buf, sizeof (buf), 0, nullptr,
+		ssize_t n = real_recvfrom(sock, buf, sizeof (buf), 0, nullptr,
 		    nullptr);
 		return n < 0 ? "<none>" : std::string(buf, (size_t)n);
 	}
@@ -258,7 +248,7 @@ TEST_P(Transmit, OnlyTheCachedPeerTakesTheBypass)
 		if (i == 2)
 			ss.ss_family = v6_ ? AF_INET : AF_INET6;
 		errno = 0;
-		ssize_t want = xsendto(kfd, "s", 1, 0, (struct sockaddr *)&ss,
+		ssize_t want = real_sendto(kfd, "s", 1, 0, (struct sockaddr *)&ss,
 		    len);
 		int want_errno = errno;
 		errno = 0;

@@ -1,0 +1,151 @@
+/*
+ * Attach and detach: the one place that puts a socket on the bypass and the
+ * one place that takes it off.
+ *
+ * The record says what the socket needs: the interface (uost_if_name,
+ * uost_if_index), its own address and port, the groups it joined.  Attach
+ * makes the handle match, whatever order the application's calls came in:
+ * it opens the handle, installs each filter not yet installed, and switches
+ * the kernel socket once there is a filter and a port (Linux refuses the
+ * switch on a socket without one).  It is called again after every change
+ * that may need more (bind, a join, a destination), and does only what is
+ * missing.  Filters are never removed from a handle: a socket whose needs
+ * shrink leaves the bypass instead.
+ */
+#include <errno.h>
+#include <string.h>
+
+#include "core/addr.h"
+#include "core/ost.h"
+#include "os/frio_loader.h"
+
+static bool
+ost_open_handle_locked(uost_t *up)
+{
+	struct ether_addr mac;
+	frio_status_t st;
+	char buf[128];
+
+	st = ost_frio_open(up->uost_if_name, NULL, &up->uost_frio_hdl);
+	if (st != FRIO_STATUS_OK) {
+		ost_debug("frio_open (%s): %s\n", up->uost_if_name,
+		    ost_frio_status2str(st, buf, sizeof (buf)));
+		ost_err_exit(ost_frio_status2str(st, buf, sizeof (buf)));
+		return false;
+	}
+	up->uost_frio_set = true;
+	if (ost_frio->get_mac_addr(up->uost_frio_hdl, &mac) == FRIO_STATUS_OK)
+		ost_tpl_set_src_mac(up, &mac);
+	return true;
+}
+
+/* A filter for datagrams to addr:port carried in frames to mac. */
+static bool
+ost_set_filter(uost_t *up, const struct in6_addr *addr, in_port_t port,
+    const struct ether_addr *mac)
+{
+	frio_filter_args_t args;
+	frio_status_t st;
+	char buf[128];
+
+	memset(&args, 0, sizeof (args));
+	args.uf_type = FRIO_FILTER_MAC_IP_PORT;
+	memcpy(args.uf_macaddr, mac, sizeof (args.uf_macaddr));
+	args.uf_dst_ip = *addr;
+	args.uf_dst_port = port;
+	st = ost_frio->setup_rx(up->uost_frio_hdl, &args);
+	if (st != FRIO_STATUS_OK) {
+		ost_debug("frio_setup_rx: %s\n",
+		    ost_frio_status2str(st, buf, sizeof (buf)));
+		ost_err_exit(ost_frio_status2str(st, buf, sizeof (buf)));
+		return false;
+	}
+	up->uost_filter_set = true;
+	return true;
+}
+
+/* Every filter the record names that the handle lacks; none before bind. */
+static bool
+ost_install_filters_locked(uost_t *up)
+{
+	if (!up->uost_bound)
+		return true;
+	if (!up->uost_laddr_filtered &&
+	    !IN6_IS_ADDR_UNSPECIFIED(&up->uost_laddr_v6)) {
+		if (!ost_set_filter(up, &up->uost_laddr_v6, up->uost_lport,
+		    (const struct ether_addr *)up->uost_eth->ether_shost))
+			return false;
+		up->uost_laddr_filtered = true;
+	}
+	while (up->uost_groups_filtered < up->uost_ngroups) {
+		const struct in6_addr *group =
+		    &up->uost_groups[up->uost_groups_filtered];
+		struct ether_addr mac;
+
+		ost_maddr_ip2e(group, &mac);
+		if (!ost_set_filter(up, group, up->uost_lport, &mac))
+			return false;
+		up->uost_groups_filtered++;
+	}
+	return true;
+}
+
+static bool
+ost_switch_kernel_locked(uost_t *up)
+{
+	so_ost_opt_t opt;
+
+	if (up->uost_kernel_set || !up->uost_filter_set || !up->uost_bound)
+		return true;
+	opt.ost_onoff = true;
+	opt.ost_stat_id = ost_frio->handle2statid(up->uost_frio_hdl);
+	opt.ost_if_id = (int)up->uost_if_index;
+	if (ost_kernel_bypass_set(up->uost_sd, &opt) != 0) {
+		int err = errno;
+
+		ost_debug("cannot switch %d to the bypass: %d\n", up->uost_sd,
+		    err);
+		ost_err_exit(strerror(err));
+		return false;
+	}
+	up->uost_kernel_set = true;
+	return true;
+}
+
+bool
+ost_attach_locked(uost_t *up)
+{
+	ost_errno_keep keep;
+
+	if (!up->uost_frio_set && !ost_open_handle_locked(up))
+		return false;
+	return ost_install_filters_locked(up) && ost_switch_kernel_locked(up);
+}
+
+void
+ost_detach_handle_locked(uost_t *up)
+{
+	OST_VERIFY(!up->uost_filter_set && !up->uost_kernel_set);
+	if (up->uost_frio_set)
+		ost_frio->close(up->uost_frio_hdl);
+	up->uost_frio_set = false;
+}
+
+void
+ost_detach_locked(uost_t *up, bool sd_open)
+{
+	static const so_ost_opt_t off = { false, 0, 0 };
+	ost_errno_keep keep;
+
+	if (up->uost_kernel_set && !sd_open)
+		ost_kernel_bypass_forget(up->uost_sd);
+	else if (up->uost_kernel_set &&
+	    ost_kernel_bypass_set(up->uost_sd, &off) != 0)
+		ost_debug("cannot switch %d back to the kernel: %d\n",
+		    up->uost_sd, errno);
+	up->uost_kernel_set = false;
+	up->uost_filter_set = false;
+	up->uost_laddr_filtered = false;
+	up->uost_groups_filtered = 0;
+	ost_detach_handle_locked(up);
+}

@@ -1,0 +1,223 @@
+/*
+ * Received frames: is this frame the socket's, where is its payload, who
+ * sent it; and the copy of the payload into the application's buffers.
+ *
+ * A frame reaches a socket only through the receive filter of its handle,
+ * so a frame that is not UDP or not addressed to the socket means the
+ * filter or the frame library is broken: the process ends with a message
+ * rather than deliver someone else's data.  A frame whose IP length runs
+ * past the end of the frame ends it too.  A frame that is not even as long
+ * as its own headers, or whose IP length claims less than them, is dropped:
+ * none of its lengths can be trusted to locate a payload.  Whatever the
+ * length fields say, nothing beyond the frame is read.
+ *
+ * IPv4 and IPv6 differ here only in where the fields lie and how long the
+ * addresses are: one table per family says so.
+ */
+#include <arpa/inet.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "core/receive.h"
+
+/* Offsets from the first byte of the Ethernet header. */
+typedef struct ost_pkt_layout {
+	const char *pl_name;
+	size_t pl_payload;	/* the UDP payload */
+	size_t pl_len;		/* the IP length field */
+	size_t pl_len_base;	/* where the IP length field counts from */
+	size_t pl_len_min;	/* the least it may say: the UDP header */
+	size_t pl_proto;	/* protocol or next header */
+	size_t pl_src;
+	size_t pl_dst;
+	size_t pl_addr_len;
+	size_t pl_udp;		/* the UDP header */
+	uint8_t pl_group_mask;	/* a group address's first byte, masked... */
+	uint8_t pl_group;	/* ...is this */
+} ost_pkt_layout_t;
+
+static const ost_pkt_layout_t ost_layout_v4 = {
+	"IPv4", OST_PKT_OFF_V4, 16, 14, 28, 23, 26, 30, 4, 34, 0xf0, 0xe0,
+};
+static const ost_pkt_layout_t ost_layout_v6 = {
+	"IPv6", OST_PKT_OFF_V6, 18, 54, 8, 20, 22, 38, 16, 54, 0xff, 0xff,
+};
+
+static inline const ost_pkt_layout_t *
+ost_layout(const uost_t *up)
+{
+	return up->uost_is_v6 ? &ost_layout_v6 : &ost_layout_v4;
+}
+
+/* The record's addresses as they lie in a frame of the socket's family. */
+static inline const uint8_t *
+ost_addr_bytes(const uost_t *up, const struct in6_addr *a)
+{
+	return up->uost_is_v6 ? a->s6_addr : &a->s6_addr[12];
+}
+
+static inline in_port_t
+port_at(const uint8_t *p)
+{
+	in_port_t port;
+
+	memcpy(&port, p, sizeof (port));
+	return port;
+}
+
+static const uint8_t ost_zero_addr[16] = {};
+
+ost_pkt_verdict_t
+ost_check_pkt(const uost_t *up, const uint8_t *frame, size_t framelen,
+    ost_pkt_info_t *pi)
+{
+	const ost_pkt_layout_t *l = ost_layout(up);
+	const uint8_t *laddr = ost_addr_bytes(up, &up->uost_laddr_v6);
+	size_t iplen;
+
+	if (framelen < l->pl_payload)
+		return OST_PKT_SHORT;
+	pi->pi_proto = frame[l->pl_proto];
+	if (pi->pi_proto != IPPROTO_UDP)
+		return OST_PKT_NOT_UDP;
+	iplen = (size_t)frame[l->pl_len] << 8 | frame[l->pl_len + 1];
+	if (iplen + l->pl_len_base > framelen)
+		return OST_PKT_TRUNCATED;
+	if (iplen < l->pl_len_min)
+		return OST_PKT_SHORT;
+	pi->pi_len = iplen - l->pl_len_min;
+	pi->pi_sport = port_at(frame + l->pl_udp);
+	pi->pi_dport = port_at(frame + l->pl_udp + 2);
+	/* A group's frames carry the group, not the local address; only
+	 * the socket's own group filters bring them here. */
+	if ((memcmp(laddr, ost_zero_addr, l->pl_addr_len) != 0 &&
+	    memcmp(laddr, frame + l->pl_dst, l->pl_addr_len) != 0 &&
+	    (frame[l->pl_dst] & l->pl_group_mask) != l->pl_group) ||
+	    pi->pi_dport != up->uost_lport)
+		return OST_PKT_NOT_FOR_US;
+	if (up->uost_connected && (pi->pi_sport != up->uost_fport ||
+	    memcmp(frame + l->pl_src, ost_addr_bytes(up, &up->uost_faddr_v6),
+	    l->pl_addr_len) != 0))
+		return OST_PKT_FOREIGN;
+	return OST_PKT_ACCEPT;
+}
+
+/* Ends the process for a verdict that means the filter is broken. */
+static void
+ost_pkt_verdict_fatal(ost_pkt_verdict_t v, const uost_t *up,
+    const ost_pkt_info_t *pi, size_t framelen)
+{
+	const char *family = ost_layout(up)->pl_name;
+
+	switch (v) {
+	case OST_PKT_NOT_UDP:
+		(void) fprintf(stderr, "Not %s/UDP packet received: proto %u\n",
+		    family, pi->pi_proto);
+		break;
+	case OST_PKT_TRUNCATED:
+		(void) fprintf(stderr, "Truncated %s packet (len %lu) "
+		    "received\n", family, (unsigned long)framelen);
+		break;
+	case OST_PKT_NOT_FOR_US:
+		(void) fprintf(stderr, "Packet not for us received: my port %d, "
+		    "packet dst port %d, data len %lu\n", ntohs(up->uost_lport),
+		    ntohs(pi->pi_dport), (unsigned long)pi->pi_len);
+		break;
+	default:
+		return;
+	}
+	exit(1);
+}
+
+/* The sender, as the kernel writes it: cut to the caller's length. */
+static void
+ost_pkt_from(const uost_t *up, const uint8_t *frame, in_port_t sport,
+    void *from, socklen_t *fromlen)
+{
+	const ost_pkt_layout_t *l = ost_layout(up);
+
+	if (up->uost_is_v6) {
+		struct sockaddr_in6 *sin6 = (struct sockaddr_in6 *)from;
+
+		if (*fromlen < (socklen_t)sizeof (*sin6))
+			return;
+		*fromlen = sizeof (*sin6);
+		sin6->sin6_family = AF_INET6;
+		sin6->sin6_port = sport;
+		sin6->sin6_flowinfo = 0;
+		memcpy(&sin6->sin6_addr, frame + l->pl_src, l->pl_addr_len);
+		/* As the kernel does: a link-local sender needs its link. */
+		sin6->sin6_scope_id = IN6_IS_ADDR_LINKLOCAL(&sin6->sin6_addr) ?
+		    up->uost_if_index : 0;
+	} else {
+		struct sockaddr_in *sin = (struct sockaddr_in *)from;
+
+		if (*fromlen < (socklen_t)sizeof (*sin))
+			return;
+		*fromlen = sizeof (*sin);
+		sin->sin_family = AF_INET;
+		sin->sin_port = sport;
+		memcpy(&sin->sin_addr, frame + l->pl_src, l->pl_addr_len);
+	}
+}
+
+bool
+ost_parse_pkt(uost_t *up, const void *frame, uint8_t **payload, size_t *len,
+    void *from, socklen_t *fromlen)
+{
+	const uint8_t *f = (const uint8_t *)frame;
+	ost_pkt_info_t pi;
+	ost_pkt_verdict_t v = ost_check_pkt(up, f, *len, &pi);
+
+	ost_pkt_verdict_fatal(v, up, &pi, *len);
+	if (v == OST_PKT_SHORT) {
+		ost_debug("frame shorter than its headers (len %lu): dropped\n",
+		    (unsigned long)*len);
+		return false;
+	}
+	*len = pi.pi_len;
+	if (v == OST_PKT_FOREIGN) {
+		ost_debug("connected socket: fport %d pkt sport %d\n",
+		    ntohs(up->uost_fport), ntohs(pi.pi_sport));
+		return false;
+	}
+	if (from != NULL)
+		ost_pkt_from(up, f, pi.pi_sport, from, fromlen);
+	if (payload != NULL)
+		*payload = const_cast<uint8_t *>(f) + ost_layout(up)->pl_payload;
+	return true;
+}
+
+ssize_t
+ost_copy_pkt_cut(uost_t *up, struct msghdr *msg, const void *frame,
+    size_t len, bool *cut)
+{
+	socklen_t *fromlen = msg->msg_name != NULL ? &msg->msg_namelen : NULL;
+	uint8_t *p;
+	size_t left = len, copied = 0;
+
+	if (!ost_parse_pkt(up, frame, &p, &left, msg->msg_name, fromlen))
+		return -1;
+	for (size_t i = 0; i < msg->msg_iovlen && left != 0; i++) {
+		const struct iovec *iov = &msg->msg_iov[i];
+		size_t n = left < iov->iov_len ? left : iov->iov_len;
+
+		if (n == 0)
+			continue;
+		memcpy(iov->iov_base, p, n);
+		p += n;
+		copied += n;
+		left -= n;
+	}
+	*cut = left != 0;
+	return (ssize_t)copied;
+}
+
+ssize_t
+ost_copy_pkt(uost_t *up, struct msghdr *msg, void *frame, size_t len)
+{
+	bool cut;
+
+	return ost_copy_pkt_cut(up, msg, frame, len, &cut);
+}

@@ -1,0 +1,216 @@
+/*
+ * The core's private declarations: the bypass socket record, the registry,
+ * the configuration, and the functions the core's files share.  Nothing
+ * below the core (src/os, src/resolve) includes this header.  Locking rules
+ * are in docs/threads.md; every global below says what protects it.
+ */
+#ifndef OST_CORE_OST_H
+#define OST_CORE_OST_H
+
+#include <net/ethernet.h>
+#include <netinet/in.h>
+#include <netinet/ip.h>
+#include <netinet/ip6.h>
+#include <netinet/udp.h>
+#include <poll.h>
+#include <pthread.h>
+#include <stdarg.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/socket.h>
+
+#include "frio.h"
+#include "ostrel.h"
+#include "os/clock.h"
+#include "os/kernel_bypass.h"
+#include "os/libc.h"
+#include "os/list.h"
+#include "os/log.h"
+#include "os/verify.h"
+#include "resolve/resolve.h"
+
+typedef enum { RCV_POLL = 0, RCV_BUSY_WAIT = 1 } uost_recv_mode_t;
+
+#define OST_NBUCKETS 11
+#define OST_RECV_BUF_SIZE 2048	/* receive stash: one whole frame */
+#define OST_HDR_SIZE 64		/* 2 bytes of alignment + Ethernet + IPv6 + UDP */
+#define OST_ETH_OFFSET 2	/* puts the IP header on a 4-byte boundary */
+#define OST_MAX_GROUPS 20	/* the kernel's default IP_MAX_MEMBERSHIPS */
+
+/*
+ * One bypass socket.  Fields are read and written under uost_lock unless
+ * said otherwise; uost_list belongs to the bucket lock.  The frame template
+ * (uost_hdr and the pointers into it) is written only by core/template.cc.
+ */
+typedef struct uost_s {
+	int uost_sd;
+	frio_handle_t uost_frio_hdl;		/* valid while uost_frio_set */
+	alignas(8) uint8_t uost_hdr[OST_HDR_SIZE];
+	size_t uost_hdr_len;			/* Ethernet to end of UDP */
+	size_t uost_ip_hdr_len;			/* IP + UDP */
+	struct ether_header *uost_eth;
+	struct ip *uost_iph;			/* null for IPv6 */
+	struct ip6_hdr *uost_ip6h;		/* null for IPv4 */
+	struct udphdr *uost_udph;
+	struct in6_addr uost_laddr_v6;		/* IPv4 as ::ffff:a.b.c.d */
+	struct in6_addr uost_faddr_v6;
+	in_port_t uost_lport;			/* network order */
+	in_port_t uost_fport;			/* network order */
+	uint32_t uost_uc_hops;			/* 0: not set */
+	uint32_t uost_mc_hops;			/* 0: not set */
+	struct in6_addr uost_ip_maddr_v6;	/* the last group joined */
+	struct in6_addr uost_groups[OST_MAX_GROUPS];	/* on the handle's
+							   interface */
+	uint32_t uost_ngroups;
+	uint32_t uost_groups_filtered;	/* uost_groups[0..n) have filters */
+	bool uost_laddr_filtered;	/* the own-address filter is installed */
+	bool uost_is_v6;
+	bool uost_bound;
+	bool uost_mc_bind;		/* group datagrams leave by the handle */
+	bool uost_peer_set;
+	bool uost_filter_set;		/* some filter is installed */
+	bool uost_frio_set;
+	bool uost_connected;
+	bool uost_kernel_set;
+	bool uost_nonblock;	/* read unlocked by waiting receivers */
+	hrtime_t uost_rcvtimeo;	/* SO_RCVTIMEO in ns, 0: none */
+	bool uost_closing;	/* read unlocked, through a trylock */
+	bool uost_receiving;
+	bool uost_want_recv;
+	bool uost_sd_closed;	/* close() ran while another teardown owned
+				   the record: leave the descriptor alone */
+	char *uost_recv_buf;			/* OST_RECV_BUF_SIZE bytes */
+	size_t uost_recv_buf_len;		/* 0: empty; the receive slot */
+	pthread_cond_t uost_recv_cv;
+	uint32_t uost_refcnt;
+	pthread_cond_t uost_cv;
+	pthread_mutex_t uost_lock;
+	uint32_t uost_if_index;
+	char uost_if_name[OST_IFNAME_SIZE];
+	so_ost_stats_t uost_stats;
+	list_node_t uost_list;			/* bucket lock */
+	struct fd_tbl *uost_bucket;		/* immutable */
+} uost_t;
+
+/* One registry bucket, padded so that neighbours' locks do not share a line. */
+typedef struct fd_tbl {
+	pthread_mutex_t ft_lock;
+	list_t ft_head;			/* of uost_t, through uost_list */
+	char ft_pad[32];
+} fd_tbl_t;
+
+/* The registry (core/registry.cc); each bucket by its own ft_lock. */
+extern fd_tbl_t fd_tbl_array[OST_NBUCKETS];
+
+/* Configuration: written by ost_init() only, read without locks. */
+extern uint32_t send_busy_wait_cnt;
+extern uint32_t recv_sleep_time;
+extern int32_t poll_usec;
+extern int recv_mode;
+
+/* Start-up. */
+void ost_init(void);
+void ost_config_read(void);
+extern volatile int ost_initialised;
+
+/* Registry and reference protocol (docs/threads.md). */
+void ost_registry_init(void);
+bool ost_add(int sd, int family);
+uost_t *ost_find_sd(int sd);
+void ost_hold(uost_t *up);
+void ost_release(uost_t *up);
+void ost_release_locked(uost_t *up);
+void ost_del(uost_t *up, bool sd_open);
+/* Unlinks every record and tears each down (the process hand-off). */
+void ost_del_all(void);
+
+/*
+ * Attach and detach (core/attach.cc), uost_lock held.  Attach opens a
+ * handle on uost_if_name if there is none, installs every filter the record
+ * names that the handle lacks (its own address, each group joined), and
+ * switches the kernel socket once the socket has a port and a filter.
+ * false when a step failed (logged); what was done stays for the teardown.
+ * Detach undoes all of it; sd_open false: the descriptor is closed, only
+ * forget it.
+ */
+bool ost_attach_locked(uost_t *up);
+void ost_detach_locked(uost_t *up, bool sd_open);
+/* Closes a handle that carries no filter yet, to open another elsewhere. */
+void ost_detach_handle_locked(uost_t *up);
+
+/* The frame template (core/template.cc), uost_lock held. */
+void ost_tpl_init(uost_t *up, int family);
+void ost_tpl_set_src_mac(uost_t *up, const struct ether_addr *mac);
+void ost_tpl_set_dst_mac(uost_t *up, const struct ether_addr *mac);
+void ost_tpl_set_saddr(uost_t *up, const struct in6_addr *addr);
+void ost_tpl_set_sport(uost_t *up, in_port_t port);
+void ost_tpl_set_peer(uost_t *up, const struct in6_addr *addr, in_port_t port);
+void ost_tpl_set_hops(uost_t *up, uint32_t hops);
+void ost_tpl_set_tos(uost_t *up, uint8_t tos);
+/* Per datagram: lengths and the pseudo-header checksum seed. */
+void ost_tpl_set_payload(uost_t *up, size_t payload);
+void ost_hdr_csum_v4(struct ip *iph, struct udphdr *udph);
+void ost_hdr_csum_v6(struct ip6_hdr *ip6h, struct udphdr *udph);
+
+/* The destination set-up (core/destination.cc), uost_lock held. */
+bool ost_sendto_frio_set_v4(uost_t *up, const struct sockaddr_in *sin,
+    bool do_bind);
+bool ost_sendto_frio_set_v6(uost_t *up, const struct sockaddr_in6 *sin6,
+    bool do_bind);
+bool ost_set_destination(uost_t *up, const struct sockaddr *to, bool do_bind);
+
+/* Socket creation, close and descriptor flags. */
+int ost_socket(int domain, int type, int protocol);
+int ost_close(int fd);
+void ost_note_fl_change(int fd, int cmd, unsigned long arg);
+void ost_note_fionbio(int fd, unsigned long request, const void *argp);
+
+/* Bind and connect. */
+int ost_bind_call(int fd, const struct sockaddr *addr, socklen_t len);
+int ost_bind(uost_t *up);
+int ost_connect_call(int fd, const struct sockaddr *addr, socklen_t len);
+bool ost_connect(uost_t *up, const struct sockaddr *addr, socklen_t len);
+
+/* Transmit: the whole interposed calls. */
+ssize_t ost_sendto(int sd, const void *buf, size_t len, int flags,
+    const struct sockaddr *to, socklen_t tolen);
+ssize_t ost_send_call(int sd, const void *buf, size_t len, int flags);
+ssize_t ost_write_call(int sd, const void *buf, size_t len);
+ssize_t ost_sendmsg_call(int sd, const struct msghdr *msg, int flags);
+int ost_sendmmsg_call(int sd, struct mmsghdr *vec, unsigned int vlen,
+    int flags);
+
+/* Socket options: 0 keeps the socket on the bypass, -1 takes it off. */
+int ost_setsockopt(int sd, int level, int optname, const void *optval,
+    socklen_t optlen);
+int ost_getsockopt(int sd, int level, int optname, void *optval,
+    socklen_t *optlen);
+int ost_process_v4_opt(uost_t *up, int optname, const void *optval,
+    socklen_t optlen);
+int ost_process_v6_opt(uost_t *up, int optname, const void *optval);
+
+/* Multicast membership and the outgoing interface: 0, or -1 to leave. */
+typedef struct ost_mcast_if {
+	struct in_addr omi_addr;	/* an address of the interface... */
+	uint32_t omi_index;		/* ...or its index, when not 0 */
+} ost_mcast_if_t;
+/* group: IPv6, or IPv4-mapped; if_name: null to find it from if_index. */
+int ost_multicast_join(uost_t *up, uint32_t if_index, const char *if_name,
+    const struct in6_addr *group);
+int ost_multicast_leave(uost_t *up, uint32_t if_index,
+    const struct in6_addr *group);
+/* optval: an ost_mcast_if_t for IP_MULTICAST_IF, an index for IPv6. */
+int ost_process_mcast_if(uost_t *up, int optname, const void *optval);
+
+/* Multicast groups to Ethernet addresses. */
+void ost_maddr_ip2e_v4(uint32_t group, struct ether_addr *ether);
+void ost_maddr_ip2e_v6(const struct in6_addr *group, struct ether_addr *ether);
+/* Either family, the group IPv4-mapped for IPv4. */
+void ost_maddr_ip2e(const struct in6_addr *group, struct ether_addr *ether);
+
+/* Process hand-off. */
+extern "C" void ost_cleanup(void);
+void ost_env_cleanup(const char *name);
+char **ost_list_argv(const char *arg0, va_list ap, char *const **envpp);
+
+#endif /* OST_CORE_OST_H */

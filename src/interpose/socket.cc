@@ -1,0 +1,91 @@
+/*
+ * socket, close and the descriptor-flag calls; bind and connect.  The
+ * decisions live in the core (core/socket_calls.cc); these only route.
+ */
+#include <stdarg.h>
+#include <sys/ioctl.h>
+
+#include "interpose/interpose.h"
+
+OST_EXPORT int
+socket(int domain, int type, int protocol)
+{
+	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return real_socket(domain, type, protocol);
+	return ost_socket(domain, type, protocol);
+}
+
+OST_EXPORT int
+close(int fd)
+{
+	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return real_close(fd);
+	return ost_close(fd);
+}
+
+/* The one optional argument is an int or a pointer; both fit a long. */
+OST_EXPORT int
+fcntl(int fd, int cmd, ...)
+{
+	unsigned long arg;
+	va_list ap;
+
+	OST_ENTRY();
+	va_start(ap, cmd);
+	arg = va_arg(ap, unsigned long);
+	va_end(ap);
+	if (!OST_FROM_FRIO())
+		ost_note_fl_change(fd, cmd, arg);
+	return real_fcntl(fd, cmd, arg);
+}
+
+/* What programs built with _FILE_OFFSET_BITS=64 call. */
+OST_EXPORT int
+fcntl64(int fd, int cmd, ...)
+{
+	unsigned long arg;
+	va_list ap;
+
+	OST_ENTRY();
+	va_start(ap, cmd);
+	arg = va_arg(ap, unsigned long);
+	va_end(ap);
+	if (!OST_FROM_FRIO())
+		ost_note_fl_change(fd, cmd, arg);
+	return real_fcntl64(fd, cmd, arg);
+}
+
+OST_EXPORT int
+ioctl(int fd, unsigned long request, ...)
+{
+	void *argp;
+	va_list ap;
+
+	OST_ENTRY();
+	va_start(ap, request);
+	argp = va_arg(ap, void *);
+	va_end(ap);
+	if (!OST_FROM_FRIO())
+		ost_note_fionbio(fd, request, argp);
+	return real_ioctl(fd, request, argp);
+}
+
+OST_EXPORT int
+bind(int fd, const struct sockaddr *addr, socklen_t len)
+{
+	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return real_bind(fd, addr, len);
+	return ost_bind_call(fd, addr, len);
+}
+
+OST_EXPORT int
+connect(int fd, const struct sockaddr *addr, socklen_t len)
+{
+	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return real_connect(fd, addr, len);
+	return ost_connect_call(fd, addr, len);
+}

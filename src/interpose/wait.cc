@@ -1,0 +1,21 @@
+/* poll and select. */
+#include "interpose/interpose.h"
+
+OST_EXPORT int
+poll(struct pollfd *fds, nfds_t nfds, int timeout)
+{
+	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return real_poll(fds, nfds, timeout);
+	return ost_poll(fds, nfds, timeout);
+}
+
+OST_EXPORT int
+select(int nfds, fd_set *rfds, fd_set *wfds, fd_set *efds,
+    struct timeval *timeout)
+{
+	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return real_select(nfds, rfds, wfds, efds, timeout);
+	return ost_select(nfds, rfds, wfds, efds, timeout);
+}
