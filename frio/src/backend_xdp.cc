@@ -68,6 +68,7 @@ extern "C" const unsigned char frio_steer_obj_end[];
 #define XDP_TX_SIZE 512
 #define XDP_AREA_SIZE (static_cast<size_t>(XDP_FRAMES) * XDP_FRAME_SIZE)
 #define XDP_NO_FRAME (~0ULL)
+#define XDP_NO_SLOT (~0U)
 
 /*
  * The kernel releases the sockets of a process that ended up to a second
@@ -125,7 +126,7 @@ typedef struct xdp_handle {
 	xdp_port_t *xh_port;
 	struct xsk_socket *xh_xsk;
 	int xh_fd;
-	uint32_t xh_slot;
+	uint32_t xh_slot;		/* XDP_NO_SLOT until one is taken */
 	bool xh_kick_always;		/* copy mode: sends only when asked */
 	uint64_t xh_tx_frame;		/* allocated, not yet committed */
 	struct xsk_ring_cons xh_rx;
@@ -892,15 +893,18 @@ handle_release(xdp_handle_t *xh)
 {
 	xdp_port_t *xp = xh->xh_port;
 
-	if (xp != NULL && xp->xp_iface != NULL)
+	/* Without a slot of its own, the handle must not touch slot 0's
+	 * map entry or bit: they are another handle's. */
+	if (xp != NULL && xp->xp_iface != NULL && xh->xh_slot != XDP_NO_SLOT)
 		handle_unsteer(xh, xp->xp_iface);
 	if (xh->xh_xsk != NULL) {
 		handle_drain(xh);
 		xsk_socket__delete(xh->xh_xsk);
 	}
 	if (xp != NULL) {
-		xp->xp_slots &=
-		    ~(1U << (xh->xh_slot % FRIO_STEER_SLOTS_PER_QUEUE));
+		if (xh->xh_slot != XDP_NO_SLOT)
+			xp->xp_slots &= ~(1U << (xh->xh_slot %
+			    FRIO_STEER_SLOTS_PER_QUEUE));
 		port_put(xp);
 	}
 	free(xh->xh_keys);
@@ -1062,6 +1066,7 @@ xdp_open(const char *ifname, int ifindex, struct frio_handle **hdlp)
 	if (xh == NULL)
 		return frio_fail(FRIO_STATUS_FAILED, "out of memory");
 	xh->xh_fd = -1;
+	xh->xh_slot = XDP_NO_SLOT;
 	xh->xh_tx_frame = XDP_NO_FRAME;
 	/* Indexes repeat across namespaces, and a thread may have entered
 	 * another one. */
@@ -1312,12 +1317,7 @@ xdp_rx_put(struct frio_handle *hdl, void *frame)
 	(void) pthread_mutex_unlock(&xp->xp_lock);
 	if (!ok)
 		return FRIO_STATUS_FAILED;
-	if (!xh->xh_kick_always && xsk_ring_prod__needs_wakeup(&xp->xp_fill)) {
-		int saved = errno;
-
-		(void) recvfrom(xh->xh_fd, NULL, 0, MSG_DONTWAIT, NULL, NULL);
-		errno = saved;
-	}
+	rx_kick(xh);
 	return FRIO_STATUS_OK;
 }
 
