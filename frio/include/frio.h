@@ -109,7 +109,8 @@ FRIO_ASSERT_LAYOUT(offsetof(frio_filter_args_t, uf_dst_ip) == 28, "uf_dst_ip");
 FRIO_ASSERT_LAYOUT(offsetof(frio_filter_args_t, uf_src_port) == 44, "uf_src_port");
 FRIO_ASSERT_LAYOUT(offsetof(frio_filter_args_t, uf_dst_port) == 46, "uf_dst_port");
 FRIO_ASSERT_LAYOUT(sizeof (frio_tx_args_t) == 6, "tx record size");
-FRIO_ASSERT_LAYOUT(offsetof(frio_tx_args_t, ut_pkt_options) == 0, "ut_pkt_options");
+FRIO_ASSERT_LAYOUT(offsetof(frio_tx_args_t, ut_pkt_options) == 0,
+    "ut_pkt_options");
 FRIO_ASSERT_LAYOUT(sizeof (frio_rx_args_t) == 4, "rx record size");
 #undef FRIO_ASSERT_LAYOUT
 

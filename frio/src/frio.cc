@@ -204,8 +204,9 @@ frio_pick_backend(const frio_backend_ops_t **opsp)
 		name = &frio_xdp_ops != nullptr ? "xdp" : "packet";
 	if (strcmp(name, "xdp") == 0) {
 		if (&frio_xdp_ops == nullptr)
-			return frio_fail(FRIO_STATUS_NOTSUP, "AF_XDP support was "
-			    "not built into libfrio (try FRIO_BACKEND=packet)");
+			return frio_fail(FRIO_STATUS_NOTSUP, "AF_XDP support "
+			    "was not built into libfrio (try "
+			    "FRIO_BACKEND=packet)");
 		*opsp = &frio_xdp_ops;
 	} else if (strcmp(name, "packet") == 0) {
 		*opsp = &frio_packet_ops;
