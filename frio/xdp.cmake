@@ -2,21 +2,40 @@
 # and its object file is linked into libfrio as read-only data, so that the
 # library needs no file of its own at run time.
 find_package(PkgConfig)
+set(frio_xdp_missing)
 if(PkgConfig_FOUND)
-  pkg_check_modules(FRIO_XDP IMPORTED_TARGET libxdp libbpf)
+  pkg_check_modules(FRIO_LIBXDP QUIET libxdp)
+  pkg_check_modules(FRIO_LIBBPF QUIET libbpf)
+  if(NOT FRIO_LIBXDP_FOUND)
+    list(APPEND frio_xdp_missing "libxdp (libxdp-dev)")
+  endif()
+  if(NOT FRIO_LIBBPF_FOUND)
+    list(APPEND frio_xdp_missing "libbpf (libbpf-dev)")
+  endif()
+else()
+  list(APPEND frio_xdp_missing "pkg-config")
 endif()
 find_program(FRIO_BPF_CLANG NAMES clang clang-16 clang-15 clang-14)
+if(NOT FRIO_BPF_CLANG)
+  list(APPEND frio_xdp_missing "clang")
+endif()
 find_program(FRIO_BPF_STRIP NAMES llvm-strip llvm-strip-16 llvm-strip-15
   llvm-strip-14)
 
 set(frio_xdp_src ${CMAKE_CURRENT_LIST_DIR}/src/backend_xdp.cc)
-if(NOT FRIO_XDP_FOUND OR NOT FRIO_BPF_CLANG)
-  message(STATUS "libfrio: no AF_XDP backend (needs libxdp-dev, libbpf-dev "
-    "and clang)")
+if(frio_xdp_missing)
+  # Said loudly: without it every handle uses AF_PACKET, which taps a copy
+  # of each frame rather than taking it from the kernel.
+  string(REPLACE ";" ", " frio_xdp_missing "${frio_xdp_missing}")
+  message(WARNING "libfrio is built WITHOUT its AF_XDP backend: missing "
+    "${frio_xdp_missing}.  The default backend becomes `packet' "
+    "(AF_PACKET); install the missing packages (scripts/setup.sh) and "
+    "configure again for `xdp'.")
   # The source glob picked it up; keep it out of this build.
   set_source_files_properties(${frio_xdp_src} PROPERTIES HEADER_FILE_ONLY ON)
   return()
 endif()
+pkg_check_modules(FRIO_XDP REQUIRED IMPORTED_TARGET libxdp libbpf)
 
 # clang -target bpf does not search the multiarch directory for <asm/...>.
 execute_process(COMMAND ${CMAKE_C_COMPILER} -print-multiarch
@@ -57,8 +76,6 @@ frio_steer_obj_end:
 set_source_files_properties(${frio_bpf_embed} PROPERTIES
   OBJECT_DEPENDS ${frio_bpf_obj})
 
-target_sources(frio PRIVATE ${frio_xdp_src} ${frio_bpf_embed})
-target_include_directories(frio PRIVATE ${CMAKE_CURRENT_LIST_DIR}/bpf)
-target_link_libraries(frio PRIVATE PkgConfig::FRIO_XDP)
-# For the tests that load the program on their own.
-set_property(GLOBAL PROPERTY FRIO_STEER_OBJECT ${frio_bpf_obj})
+target_sources(frio_objects PRIVATE ${frio_xdp_src} ${frio_bpf_embed})
+target_include_directories(frio_objects PRIVATE ${CMAKE_CURRENT_LIST_DIR}/bpf)
+target_link_libraries(frio_objects PUBLIC PkgConfig::FRIO_XDP)

@@ -8,7 +8,8 @@
  *   friodump [-H] [-n COUNT] [-t SECONDS] IFACE ADDR[,ADDR...] PORT[,PORT...]
  *   friodump -s [-n COUNT] [-l LEN] [-i USEC] IFACE SRC DST DSTMAC SPORT DPORT
  *
- * The backend is the library's: FRIO_BACKEND=xdp (default), packet or mem.
+ * The backend is the library's: FRIO_BACKEND=xdp, packet or mem; unset,
+ * xdp when libfrio was built with it, else packet.
  * Exit status: 0 done, 1 usage or failure, 2 timeout, 3 frio_open or
  * frio_setup_rx failed.
  */
@@ -173,7 +174,7 @@ dump(int argc, char **argv, bool per_handle, long count, double timeout)
 	const char *be = getenv("FRIO_BACKEND");
 
 	printf("listening on %s with %d handle%s (backend %s)\n", argv[0],
-	    nh, nh == 1 ? "" : "s", be != nullptr && *be ? be : "xdp");
+	    nh, nh == 1 ? "" : "s", be != nullptr && *be ? be : "the default");
 	fflush(stdout);
 
 	double deadline = timeout > 0 ? now_s() + timeout : 0;

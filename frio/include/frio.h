@@ -13,8 +13,9 @@
  * serialises each.
  *
  * The backend is chosen by the environment variable FRIO_BACKEND when a
- * handle is opened: "xdp" (AF_XDP, the default), "packet" (AF_PACKET) or
- * "mem" (an in-memory double for tests, see frio_mem.h).
+ * handle is opened: "xdp" (AF_XDP), "packet" (AF_PACKET) or "mem" (an
+ * in-memory double for tests, see frio_mem.h).  Unset, it is "xdp" when
+ * libfrio was built with AF_XDP support, else "packet".
  */
 #ifndef FRIO_H
 #define FRIO_H
@@ -50,7 +51,7 @@ typedef enum frio_status {
 typedef struct frio_filter_args {
 	uint32_t uf_type;
 	uint8_t uf_macaddr[6];
-	uint8_t uf_pad[2];
+	uint8_t uf_pad[2];		/* zero: filters are compared whole */
 	struct in6_addr uf_src_ip;	/* zero: any source */
 	struct in6_addr uf_dst_ip;	/* IPv4 in mapped form ::ffff:a.b.c.d */
 	in_port_t uf_src_port;		/* zero: any source port */
@@ -62,18 +63,17 @@ typedef struct frio_filter_args {
 
 typedef struct frio_tx_args {
 	uint16_t ut_pkt_options;
-	uint8_t ut_mac_hdr_len;
-	uint8_t ut_ip_hdr_len;
-	uint16_t ut_pkt_len;
+	/* Ignored: header lengths come from the frame itself.  Keeps the
+	 * record's size and initialisers of the form { options, 0, 0, 0 }. */
+	uint8_t ut_reserved[4];
 } frio_tx_args_t;
 
 typedef struct frio_rx_args {
 	uint32_t ur_pkt_len;	/* bytes from the first byte of the Ethernet header */
 } frio_rx_args_t;
 
-typedef struct frio_open_args {
-	int uo_unused;
-} frio_open_args_t;
+/* No options yet: callers pass NULL. */
+typedef struct frio_open_args frio_open_args_t;
 
 frio_status_t frio_open(const char *ifname, frio_open_args_t *args,
     frio_handle_t *hdlp);
@@ -109,9 +109,8 @@ FRIO_ASSERT_LAYOUT(offsetof(frio_filter_args_t, uf_dst_ip) == 28, "uf_dst_ip");
 FRIO_ASSERT_LAYOUT(offsetof(frio_filter_args_t, uf_src_port) == 44, "uf_src_port");
 FRIO_ASSERT_LAYOUT(offsetof(frio_filter_args_t, uf_dst_port) == 46, "uf_dst_port");
 FRIO_ASSERT_LAYOUT(sizeof (frio_tx_args_t) == 6, "tx record size");
-FRIO_ASSERT_LAYOUT(offsetof(frio_tx_args_t, ut_mac_hdr_len) == 2, "ut_mac_hdr_len");
-FRIO_ASSERT_LAYOUT(offsetof(frio_tx_args_t, ut_ip_hdr_len) == 3, "ut_ip_hdr_len");
-FRIO_ASSERT_LAYOUT(offsetof(frio_tx_args_t, ut_pkt_len) == 4, "ut_pkt_len");
+FRIO_ASSERT_LAYOUT(offsetof(frio_tx_args_t, ut_pkt_options) == 0,
+    "ut_pkt_options");
 FRIO_ASSERT_LAYOUT(sizeof (frio_rx_args_t) == 4, "rx record size");
 #undef FRIO_ASSERT_LAYOUT
 

@@ -1,6 +1,7 @@
 /*
  * The "mem" backend of libfrio (FRIO_BACKEND=mem): an in-memory stand-in
- * for an interface, driven by tests through the functions below.
+ * for an interface, driven by tests through the functions below.  Only
+ * libfrio_testing.so exports them; link it instead of libfrio.so.1.
  *
  * Interfaces.  Until frio_mem_add_interface() names one, frio_open accepts
  * any name and gives the handle index FRIO_MEM_IFINDEX and MAC
@@ -13,8 +14,9 @@
  * frames; frio_mem_deliver() acts as the wire instead and queues a frame on
  * the handle of an interface whose filters name it.  As with the real
  * backends, a filter belongs to one handle per interface: frio_setup_rx
- * refuses (FRIO_STATUS_FAILED) one that another open handle holds.  frio_get_fd() gives
- * an eventfd that polls readable while the handle's queue is not empty.
+ * refuses (FRIO_STATUS_FAILED) one that another open handle holds.
+ * frio_get_fd() gives an eventfd that polls readable while the handle's
+ * queue is not empty.
  * A frame lent by frio_rx_get stays counted until frio_rx_put; putting a
  * frame that is not lent (twice, or a foreign pointer) is a caller bug and
  * aborts the process with a message.

@@ -23,7 +23,7 @@ enum { SLOT_FREE, SLOT_QUEUED, SLOT_LENT };
 typedef struct mem_handle {
 	struct frio_handle mh_base;		/* first: the common part */
 	struct mem_handle *mh_next;		/* newest first */
-	int mh_efd;				/* readable while mh_rxq_count */
+	int mh_efd;			/* readable while mh_rxq_count */
 	bool mh_signalled;
 	frio_filter_set_t mh_filters;
 	/* Receive: slots, the order they were queued in, and free ones. */
@@ -49,14 +49,22 @@ typedef struct mem_if {
 	struct ether_addr mi_mac;
 } mem_if_t;
 
-/* Everything below, and every field of every mem handle after its open:
- * protected by mem_lock.  Tests are not fast paths. */
+/*
+ * Protects every global below and every field of every mem handle after
+ * its open.  Taken by every mem operation and frio_mem_* hook, per frame
+ * too: tests are not fast paths.  Nothing nests under it; it nests under
+ * frio_reg_lock (mem_setup_rx).
+ */
 static pthread_mutex_t mem_lock = PTHREAD_MUTEX_INITIALIZER;
+/* Open mem handles, newest first; protected by mem_lock. */
 static mem_handle_t *mem_handles;
+/* Interfaces that frio_mem_add_interface named; protected by mem_lock. */
 static mem_if_t mem_ifs[MEM_MAX_IFS];
 static int mem_nifs;
+/* Scripted failures of the next open and set-up; protected by mem_lock. */
 static frio_status_t mem_fail_open_status;
 static frio_status_t mem_fail_setup_status;
+/* Transmits on any handle still to fail; protected by mem_lock. */
 static unsigned mem_tx_nomem_any;
 
 static mem_handle_t *
@@ -161,7 +169,8 @@ mem_open(const char *ifname, int ifindex, struct frio_handle **hdlp)
 		return FRIO_STATUS_FAILED;
 	}
 	for (unsigned i = 0; i < FRIO_MEM_RX_DEPTH; i++)
-		m->mh_free[i] = static_cast<uint16_t>(FRIO_MEM_RX_DEPTH - 1 - i);
+		m->mh_free[i] =
+		    static_cast<uint16_t>(FRIO_MEM_RX_DEPTH - 1 - i);
 	m->mh_nfree = FRIO_MEM_RX_DEPTH;
 	(void) pthread_mutex_lock(&mem_lock);
 	m->mh_next = mem_handles;
@@ -308,16 +317,16 @@ mem_get_fd(struct frio_handle *hdl)
 }
 
 const frio_backend_ops_t frio_mem_ops = {
-	"mem",
-	mem_open,
-	mem_close,
-	mem_setup_rx,
-	mem_tx_alloc,
-	mem_tx_commit,
-	mem_rx_get,
-	mem_rx_put,
-	mem_get_fd,
-	mem_identify,
+	.fb_name = "mem",
+	.fb_open = mem_open,
+	.fb_close = mem_close,
+	.fb_setup_rx = mem_setup_rx,
+	.fb_tx_alloc = mem_tx_alloc,
+	.fb_tx_commit = mem_tx_commit,
+	.fb_rx_get = mem_rx_get,
+	.fb_rx_put = mem_rx_put,
+	.fb_get_fd = mem_get_fd,
+	.fb_identify = mem_identify,
 };
 
 EXPORT int
@@ -334,7 +343,8 @@ frio_mem_add_interface(const char *ifname, int ifindex,
 	if (mem_nifs < MEM_MAX_IFS) {
 		mem_if_t *mi = &mem_ifs[mem_nifs++];
 
-		(void) snprintf(mi->mi_name, sizeof (mi->mi_name), "%s", ifname);
+		(void) snprintf(mi->mi_name, sizeof (mi->mi_name), "%s",
+		    ifname);
 		mi->mi_index = ifindex;
 		mi->mi_mac = *mac;
 		rc = 0;

@@ -122,7 +122,8 @@ bb_resolve(bpf_buf_t *b)
 static uint32_t
 be32_at(const uint8_t *p)
 {
-	return static_cast<uint32_t>(p[0]) << 24 | p[1] << 16 | p[2] << 8 | p[3];
+	return static_cast<uint32_t>(p[0]) << 24 | p[1] << 16 | p[2] << 8 |
+	    p[3];
 }
 
 /* Compares the alen-byte field at off with val, else jumps to fail. */
@@ -132,7 +133,8 @@ bb_match(bpf_buf_t *b, uint32_t off, const uint8_t *val, size_t alen,
 {
 	for (size_t i = 0; i + 4 <= alen; i += 4) {
 		bb_emit(b, BPF_LD | BPF_W | BPF_ABS, off + i);
-		bb_jump(b, BPF_JMP | BPF_JEQ | BPF_K, be32_at(val + i), 0, fail);
+		bb_jump(b, BPF_JMP | BPF_JEQ | BPF_K, be32_at(val + i), 0,
+		    fail);
 	}
 	if (alen % 4 == 2) {
 		bb_emit(b, BPF_LD | BPF_H | BPF_ABS, off + alen - 2);
@@ -202,8 +204,8 @@ bb_family(bpf_buf_t *b, const frio_filter_set_t *set, bool v6)
 		next = bb_label(b);
 		bb_match(b, 0, f->uf_macaddr, 6, next);
 		bb_match(b, dst, f->uf_dst_ip.s6_addr + 16 - alen, alen, next);
-		bb_match(b, ports + 2,
-		    reinterpret_cast<const uint8_t *>(&f->uf_dst_port), 2, next);
+		bb_match(b, ports + 2, reinterpret_cast<const uint8_t *>(
+		    &f->uf_dst_port), 2, next);
 		if (memcmp(f->uf_src_ip.s6_addr, zero, 16) != 0)
 			bb_match(b, src, fsrc, alen, next);
 		if (f->uf_src_port != 0)
@@ -530,14 +532,14 @@ pkt_get_fd(struct frio_handle *hdl)
 }
 
 const frio_backend_ops_t frio_packet_ops = {
-	"packet",
-	pkt_open,
-	pkt_close,
-	pkt_setup_rx,
-	pkt_tx_alloc,
-	pkt_tx_commit,
-	pkt_rx_get,
-	pkt_rx_put,
-	pkt_get_fd,
-	NULL,
+	.fb_name = "packet",
+	.fb_open = pkt_open,
+	.fb_close = pkt_close,
+	.fb_setup_rx = pkt_setup_rx,
+	.fb_tx_alloc = pkt_tx_alloc,
+	.fb_tx_commit = pkt_tx_commit,
+	.fb_rx_get = pkt_rx_get,
+	.fb_rx_put = pkt_rx_put,
+	.fb_get_fd = pkt_get_fd,
+	.fb_identify = NULL,
 };

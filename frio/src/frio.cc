@@ -21,16 +21,23 @@
 
 #define EXPORT extern "C" __attribute__((visibility("default")))
 
-/* -1 until the first frio_debug call has read FRIO_DEBUG, then 0 or 1. */
+/* -1 until the first frio_debug call has read FRIO_DEBUG, then 0 or 1;
+ * atomic (racing first calls store the same value). */
 static int frio_debug_on = -1;
 /* Handles opened so far, for the statistics id; atomic. */
 static uint32_t frio_open_count;
 /* Why the calling thread's last open or filter set-up failed: a text that
- * stands for the status's own, more precise. */
+ * stands for the status's own, more precise.  Thread-local. */
 static __thread frio_status_t frio_cause_status;
 static __thread const char *frio_cause;
-/* Every open handle, for the rule that one filter has one handle. */
+/*
+ * Protects frio_handles, each handle's fh_next and fh_filters, and the
+ * backends' fb_setup_rx calls.  Taken by frio_open, frio_close and
+ * frio_setup_rx, never on a per-frame path.  Backend locks nest under it.
+ */
 static pthread_mutex_t frio_reg_lock = PTHREAD_MUTEX_INITIALIZER;
+/* Every open handle, for the rule that one filter has one handle;
+ * protected by frio_reg_lock. */
 static struct frio_handle *frio_handles;
 
 void
@@ -184,15 +191,22 @@ frio_netns(void)
 	return stat("/proc/thread-self/ns/net", &st) == 0 ? st.st_ino : 0;
 }
 
+/*
+ * FRIO_BACKEND names the backend; unset, the best one built: AF_XDP takes
+ * frames from the kernel, AF_PACKET only taps a copy of each.
+ */
 static frio_status_t
 frio_pick_backend(const frio_backend_ops_t **opsp)
 {
 	const char *name = getenv("FRIO_BACKEND");
 
-	if (name == NULL || *name == '\0' || strcmp(name, "xdp") == 0) {
+	if (name == NULL || *name == '\0')
+		name = &frio_xdp_ops != nullptr ? "xdp" : "packet";
+	if (strcmp(name, "xdp") == 0) {
 		if (&frio_xdp_ops == nullptr)
-			return frio_fail(FRIO_STATUS_NOTSUP, "AF_XDP support was "
-			    "not built into libfrio (try FRIO_BACKEND=packet)");
+			return frio_fail(FRIO_STATUS_NOTSUP, "AF_XDP support "
+			    "was not built into libfrio (try "
+			    "FRIO_BACKEND=packet)");
 		*opsp = &frio_xdp_ops;
 	} else if (strcmp(name, "packet") == 0) {
 		*opsp = &frio_packet_ops;

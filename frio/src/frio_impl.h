@@ -1,8 +1,8 @@
 /*
  * libfrio internals: what every backend provides, and the part of a handle
  * that the common code owns.  A backend allocates its own handle structure
- * with struct frio_handle as its first member and fills a static const
- * frio_backend_ops_t.
+ * with struct frio_handle as its first member and fills a const
+ * frio_backend_ops_t, naming each field.
  */
 #ifndef FRIO_IMPL_H
 #define FRIO_IMPL_H

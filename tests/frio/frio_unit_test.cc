@@ -1,7 +1,8 @@
 /*
  * libfrio without an interface: checksum completion against the tests' own
- * sum, the receive rule and the packet backend's socket filter compiled
- * from it, and the mem double.
+ * sum, the checks on transmitted headers and on filters, the receive rule
+ * and the packet backend's socket filter compiled from it, the choice of
+ * backend, and the mem double's queues and lending.
  */
 #include <gtest/gtest.h>
 
@@ -97,7 +98,8 @@ TEST(FrioCsum, WordSumMatchesByteSumAtAnyAlignmentAndLength)
 	bytes buf = pattern(1600, 7);
 
 	for (size_t start = 0; start < 8; start++)
-		for (size_t len : { 0, 1, 2, 3, 5, 7, 8, 9, 15, 63, 1471, 1500 })
+		for (size_t len : { 0, 1, 2, 3, 5, 7, 8, 9, 15, 63, 1471,
+		    1500 })
 			EXPECT_EQ(frio_csum_fold(frio_csum_add(0, &buf[start],
 			    len)), htons(fold(sum_be(&buf[start], len))))
 			    << start << "+" << len;
@@ -108,8 +110,9 @@ TEST(FrioCsum, WordSumMatchesByteSumAtAnyAlignmentAndLength)
  * zero sent as 0xffff. */
 TEST_F(MemTest, CompletesChecksums)
 {
-	frio_tx_args_t ta = { FRIO_TX_OPT_IPV6_CKSUM, 0, 0, 0 };
+	frio_tx_args_t ta = {};
 
+	ta.ut_pkt_options = FRIO_TX_OPT_IPV6_CKSUM;
 	for (bool v6 : { false, true }) {
 		size_t u = v6 ? 54 : 34, max = v6 ? 1452 : 1472;
 		frio_tx_args_t *args = v6 ? &ta : nullptr;
@@ -120,33 +123,93 @@ TEST_F(MemTest, CompletesChecksums)
 			if (len == 10) {
 				/* Last word chosen so the UDP sum is zero. */
 				bytes f = hdr;
-				f.insert(f.end(), payload.begin(), payload.end());
+				f.insert(f.end(), payload.begin(),
+				    payload.end());
 				put16(&f[u + 6], 0);
 				put16(&payload[8], uint16_t(~fold(sum_be(&f[u],
-				    f.size() - u - 2, pseudo_seed(f.data(), 18)))));
+				    f.size() - u - 2,
+				    pseudo_seed(f.data(), 18)))));
 			}
 			bytes f = transmit(hdr, payload, {}, args);
 			ASSERT_EQ(f.size(), u + 8 + len);
-			if (!v6)
-				EXPECT_EQ(fold(sum_be(&f[14], 20)), 0xffff) << len;
+			if (!v6) {
+				EXPECT_EQ(fold(sum_be(&f[14], 20)), 0xffff)
+				    << len;
+			}
 			uint16_t sent = get16(&f[u + 6]);
 			EXPECT_EQ(fold(sum_be(&f[u], f.size() - u, pseudo_seed(
 			    f.data(), uint16_t(8 + len)))), 0xffff) << len;
 			EXPECT_NE(sent, 0) << len;
-			if (len == 10)
+			if (len == 10) {
 				EXPECT_EQ(sent, 0xffff) << "v6 " << v6;
+			}
 			EXPECT_EQ(memcmp(&f[u + 8], payload.data(), len), 0);
-			if (len > 3)
+			if (len > 3) {
 				EXPECT_EQ(transmit(hdr, payload, { 0, 1, 2, 0 },
 				    args), f) << len;
-			if (len == 301)
+			}
+			if (len == 301) {
 				EXPECT_EQ(transmit(hdr, payload,
 				    std::vector<size_t>(300, 1), args), f);
-			if (v6)
+			}
+			if (v6) {
 				EXPECT_EQ(get16(&transmit(hdr, payload, {},
 				    nullptr)[60]), get16(&hdr[60])) << len;
+			}
 		}
 	}
+}
+
+/* Headers frio_tx_vec must refuse before it takes a transmit buffer: a
+ * refused frame leaves nothing on the queue and the next one goes out. */
+TEST_F(MemTest, RefusesMalformedAndOversizeFrames)
+{
+	frio_tx_args_t ta = {};
+	bytes payload = pattern(1500, 1);
+
+	ta.ut_pkt_options = FRIO_TX_OPT_IPV6_CKSUM;
+	struct bad {
+		bool v6;
+		size_t off;		/* byte to change, or hdr_len cut */
+		int val;		/* -1: cut the header at off */
+		size_t payload;
+		frio_status_t want;
+	} cases[] = {
+		{ false, 12, 0x81, 0, FRIO_STATUS_BADHDR },	/* VLAN */
+		{ false, 14, 0x65, 0, FRIO_STATUS_BADHDR },	/* version 6 */
+		{ false, 14, 0x44, 0, FRIO_STATUS_BADHDR },	/* IHL 16 */
+		{ false, 14, 0x46, 0, FRIO_STATUS_BADHDR },	/* options cut */
+		{ false, 20, 0x20, 0, FRIO_STATUS_BADHDR },	/* more frags */
+		{ false, 21, 0x01, 0, FRIO_STATUS_BADHDR },	/* offset */
+		{ false, 23, 6, 0, FRIO_STATUS_BADHDR },	/* TCP */
+		{ false, 41, -1, 0, FRIO_STATUS_BADHDR },
+		{ false, 13, -1, 0, FRIO_STATUS_BADHDR },
+		{ true, 14, 0x40, 0, FRIO_STATUS_BADHDR },
+		{ true, 20, 6, 0, FRIO_STATUS_BADHDR },		/* next header */
+		{ true, 61, -1, 0, FRIO_STATUS_BADHDR },
+		{ false, 0, 0x02, 1473, FRIO_STATUS_TOOBIG },
+		{ true, 0, 0x02, 1453, FRIO_STATUS_TOOBIG },
+	};
+	for (const bad &c : cases) {
+		bytes hdr = udp_hdr(c.v6, c.payload);
+		struct iovec iov = { payload.data(), c.payload };
+
+		if (c.val < 0)
+			hdr.resize(c.off);
+		else
+			hdr[c.off] = uint8_t(c.val);
+		EXPECT_EQ(frio_tx_vec(h_, c.v6 ? &ta : nullptr, hdr.data(),
+		    hdr.size(), &iov, 1), c.want) << c.v6 << " " << c.off;
+	}
+	bytes hdr = udp_hdr(false, 0);
+	struct iovec hole = { nullptr, 1 };
+
+	EXPECT_EQ(frio_tx_vec(h_, nullptr, hdr.data(), hdr.size(), &hole, 1),
+	    FRIO_STATUS_BADARG);
+	EXPECT_EQ(frio_mem_tx_pending(h_), 0);
+	EXPECT_EQ(frio_tx_vec(h_, nullptr, hdr.data(), hdr.size(), nullptr,
+	    0), FRIO_STATUS_OK);
+	EXPECT_EQ(frio_mem_tx_pending(h_), 1);
 }
 
 /* Built exactly to size, so that a read past the end trips ASan. */
@@ -183,7 +246,8 @@ edge_frames()
 		 * IP or UDP length lying, another port, MAC or address, IPv6
 		 * extension header, IPv4 options, fragments, TCP. */
 		std::vector<std::pair<size_t, int>> m = {
-			{ ipl, get16(&ok[ipl]) + 1 }, { ul, get16(&ok[ul]) - 1 },
+			{ ipl, get16(&ok[ipl]) + 1 },
+			{ ul, get16(&ok[ul]) - 1 },
 			{ ul, 4 }, { u + 2, 5679 }, { 4, 0x0003 }, { u - 2, 0 },
 		};
 		if (v6)
@@ -199,7 +263,8 @@ edge_frames()
 		padded.resize(ok.size() + 18);
 		v.push_back({ padded, true });
 		for (size_t n = 0; n < ok.size(); n++)
-			v.push_back({ bytes(ok.begin(), ok.begin() + n), false });
+			v.push_back({ bytes(ok.begin(), ok.begin() + n),
+			    false });
 		for (auto [off, val] : m) {
 			bytes f = ok;
 			put16(&f[off], uint16_t(val));
@@ -226,7 +291,8 @@ TEST(FrioFilter, MatchesPlainDatagramsAndRefusesShortLyingOrOtherFrames)
 uint32_t
 run_cbpf(const struct sock_filter *p, int n, const bytes &pkt)
 {
-	uint32_t a = 0, x = 0, mem[BPF_MEMWORDS] = {}, len = uint32_t(pkt.size());
+	uint32_t a = 0, x = 0, mem[BPF_MEMWORDS] = {};
+	uint32_t len = uint32_t(pkt.size());
 
 	for (int pc = 0; pc < n; pc++) {
 		const struct sock_filter &i = p[pc];
@@ -241,7 +307,8 @@ run_cbpf(const struct sock_filter *p, int n, const bytes &pkt)
 			    BPF_SIZE(i.code) == BPF_H ? 2 : 1;
 			if (k == uint32_t(SKF_AD_OFF + SKF_AD_PKTTYPE))
 				a = PACKET_HOST;
-			else if (k == uint32_t(SKF_AD_OFF + SKF_AD_VLAN_TAG_PRESENT))
+			else if (k == uint32_t(SKF_AD_OFF +
+			    SKF_AD_VLAN_TAG_PRESENT))
 				a = 0;
 			else if (k + sz > len)
 				return 0;
@@ -288,10 +355,13 @@ TEST(FrioFilter, PacketSocketFilterAgreesWithTheRule)
 		ASSERT_GT(n, 0) << nf;
 		for (const auto &c : edge_frames())
 			EXPECT_EQ(run_cbpf(prog, n, c.first) != 0,
-			    matches(s, c.first)) << nf << " filters, case " << i++;
+			    matches(s, c.first)) << nf << " filters, case "
+			    << i++;
 		if (nf == FRIO_MAX_FILTERS) {
-			EXPECT_NE(run_cbpf(prog, n, wire_frame(true, 5, 1015)), 0u);
-			EXPECT_EQ(run_cbpf(prog, n, wire_frame(true, 5, 1014)), 0u);
+			EXPECT_NE(run_cbpf(prog, n, wire_frame(true, 5, 1015)),
+			    0u);
+			EXPECT_EQ(run_cbpf(prog, n, wire_frame(true, 5, 1014)),
+			    0u);
 		}
 	}
 }
@@ -326,6 +396,8 @@ TEST_F(MemTest, DeliversByFilterAndLendsEachFrameOnce)
 	EXPECT_EQ(frio_rx_put(h_, p1), FRIO_STATUS_OK);
 	EXPECT_EQ(frio_rx_put(h_, p2), FRIO_STATUS_OK);
 	EXPECT_EQ(frio_mem_lent(h_), 0);
+	/* A frame put twice is the caller's bug, caught at once. */
+	EXPECT_DEATH(frio_rx_put(h_, p1), "not lent");
 }
 
 TEST_F(MemTest, QueuesFillAndDrain)
@@ -334,7 +406,8 @@ TEST_F(MemTest, QueuesFillAndDrain)
 	frio_rx_args_t ra;
 	bytes hdr = udp_hdr(false, 0), out(64);
 	auto tx = [&] {
-		return frio_tx_vec(h_, nullptr, hdr.data(), hdr.size(), nullptr, 0);
+		return frio_tx_vec(h_, nullptr, hdr.data(), hdr.size(), nullptr,
+		    0);
 	};
 
 	for (int i = 0; i < FRIO_MEM_RX_DEPTH; i++)
@@ -382,6 +455,48 @@ TEST_F(MemTest, FilterBelongsToOneHandlePerInterface)
 	EXPECT_EQ(frio_setup_rx(h3, &f), FRIO_STATUS_OK);
 	frio_close(h3);
 	frio_close(h2);
+}
+
+/* Filters that would name no frame, and the limit of one handle's set. */
+TEST_F(MemTest, SetupRxRefusesWildcardsAndTooManyFilters)
+{
+	frio_filter_args_t f = filter_for(wire_frame(false, 0)), g;
+
+	g = f, g.uf_type = 1;
+	EXPECT_EQ(frio_setup_rx(h_, &g), FRIO_STATUS_BADARG);
+	g = f, g.uf_dst_port = 0;
+	EXPECT_EQ(frio_setup_rx(h_, &g), FRIO_STATUS_BADARG);
+	g = f, memset(&g.uf_dst_ip.s6_addr[12], 0, 4);
+	EXPECT_EQ(frio_setup_rx(h_, &g), FRIO_STATUS_BADARG);
+	g = f, memset(&g.uf_dst_ip, 0, sizeof(g.uf_dst_ip));
+	EXPECT_EQ(frio_setup_rx(h_, &g), FRIO_STATUS_BADARG);
+	EXPECT_EQ(frio_mem_filters(h_, nullptr, 0), 0);
+
+	for (int i = 0; i < FRIO_MAX_FILTERS; i++) {
+		g = filter_for(wire_frame(false, 0, uint16_t(100 + i)));
+		ASSERT_EQ(frio_setup_rx(h_, &g), FRIO_STATUS_OK) << i;
+	}
+	EXPECT_EQ(frio_setup_rx(h_, &g), FRIO_STATUS_OK);
+	g = filter_for(wire_frame(false, 0, 99));
+	EXPECT_EQ(frio_setup_rx(h_, &g), FRIO_STATUS_FAILED);
+	EXPECT_EQ(frio_mem_filters(h_, nullptr, 0), FRIO_MAX_FILTERS);
+}
+
+/* This binary has no AF_XDP backend: unset, FRIO_BACKEND means packet,
+ * which looks the interface up rather than failing at once. */
+TEST(FrioBackend, DefaultIsTheBestOneBuilt)
+{
+	frio_handle_t h = nullptr;
+
+	ASSERT_EQ(&frio_xdp_ops, nullptr);
+	unsetenv("FRIO_BACKEND");
+	EXPECT_EQ(frio_open("nosuch0", nullptr, &h), FRIO_STATUS_NOTFOUND);
+	setenv("FRIO_BACKEND", "xdp", 1);
+	EXPECT_EQ(frio_open("nosuch0", nullptr, &h), FRIO_STATUS_NOTSUP);
+	setenv("FRIO_BACKEND", "bogus", 1);
+	EXPECT_EQ(frio_open("nosuch0", nullptr, &h), FRIO_STATUS_NOTSUP);
+	EXPECT_EQ(h, nullptr);
+	unsetenv("FRIO_BACKEND");
 }
 
 } // namespace
