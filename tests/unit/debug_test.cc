@@ -35,32 +35,38 @@ TEST(Debug, LineNamesItsFunctionAndKeepsErrno)
 	ost_debug_flag = 0;
 }
 
+/* In a child: 0 when the log file is private and close-on-exec. */
+[[noreturn]] void
+check_log_file()
+{
+	std::string path = "/tmp/ost_debug." + std::to_string((long)getpid());
+	struct stat st;
+
+	ost_debug_init(true);
+	if (stat(path.c_str(), &st) != 0 || (st.st_mode & 0777) != 0600)
+		_exit(2);
+	for (int fd = 0; fd < 1024; fd++) {
+		char link[64];
+		char target[256];
+		ssize_t n;
+
+		snprintf(link, sizeof (link), "/proc/self/fd/%d", fd);
+		n = readlink(link, target, sizeof (target) - 1);
+		if (n <= 0)
+			continue;
+		target[n] = '\0';
+		if (path == target) {
+			unlink(path.c_str());
+			_exit(fcntl(fd, F_GETFD) & FD_CLOEXEC ? 0 : 3);
+		}
+	}
+	_exit(4);
+}
+
 /* The file is the process's own: private, and not inherited by exec. */
 TEST(Debug, FileIsPrivateAndCloseOnExec)
 {
-	std::string path = "/tmp/ost_debug." + std::to_string((long)getpid());
-
-	unlink(path.c_str());
-	EXPECT_EXIT({
-		struct stat st;
-		ost_debug_init(true);
-		if (stat(path.c_str(), &st) != 0 || (st.st_mode & 0777) != 0600)
-			_exit(2);
-		for (int fd = 0; fd < 1024; fd++) {
-			char link[64], target[256];
-			ssize_t n;
-
-			snprintf(link, sizeof (link), "/proc/self/fd/%d", fd);
-			n = readlink(link, target, sizeof (target) - 1);
-			if (n <= 0)
-				continue;
-			target[n] = '\0';
-			if (path == target)
-				_exit(fcntl(fd, F_GETFD) & FD_CLOEXEC ? 0 : 3);
-		}
-		_exit(4);
-	}, ::testing::ExitedWithCode(0), "");
-	unlink(path.c_str());
+	EXPECT_EXIT(check_log_file(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(Debug, ErrExitEndsTheProcessOnlyWhenAskedTo)

@@ -1,4 +1,5 @@
 /* Before fork and exec: preload variables edited, every record torn down. */
+#include <arpa/inet.h>
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -8,6 +9,7 @@
 #include <string>
 #include <thread>
 
+#include "frio_mem.h"
 #include "support.h"
 
 namespace {
@@ -50,15 +52,20 @@ TEST_F(CleanupTest, EmptiesTheRegistryAndGivesSocketsBackToTheKernel)
 {
 	struct sockaddr_storage addr;
 	int sd = bound_udp_socket(AF_INET, &addr);
+	struct in6_addr loop;
+	so_ost_opt_t got;
+
 	ASSERT_TRUE(ost_add(sd, AF_INET));
-	const so_ost_opt_t on = { true, 1, 1 };
-	ASSERT_EQ(ost_kernel_bypass_set(sd, &on), 0);
+	inet_pton(AF_INET6, "::ffff:127.0.0.1", &loop);
+	ASSERT_TRUE(attach_to_mem(record(sd), "mem0", &loop,
+	    ((struct sockaddr_in *)&addr)->sin_port));
+	ASSERT_TRUE(ost_kernel_bypass_get(sd, &got));
 	for (int i = 0; i < 40; i++)
 		ASSERT_TRUE(ost_add(kFakeFd + i, i % 2 ? AF_INET6 : AF_INET));
 
 	ost_cleanup();
 	EXPECT_EQ(registry_size(), 0);
-	so_ost_opt_t got;
+	EXPECT_EQ(frio_mem_open_count(), 0);
 	EXPECT_FALSE(ost_kernel_bypass_get(sd, &got));
 
 	EXPECT_TRUE(delivered(sd, addr)) << "the kernel path stayed silent";

@@ -94,7 +94,7 @@ TEST_F(ResolveNs, NeighbourWithoutEntryIsProvokedByAnAttempt)
 		EXPECT_TRUE(ost_get_eaddr_v4(&r, &ea, &idx, name));
 	});
 
-	EXPECT_EQ(1, count(log, std::string("SIOCGXARP no entry: ") +
+	EXPECT_EQ(1, count(log, std::string("no neighbour entry: ") +
 	    env("OST_RT_ROUTER4") + "\n")) << log;
 	EXPECT_EQ(0, count(log, "connect:")) << log;
 	EXPECT_EQ(env("OST_RT_ROUTER_MAC"), mac_str(&ea));
@@ -194,7 +194,7 @@ TEST_F(ResolveNs, SilentAddressGivesUpAfterTheBound)
 	EXPECT_GE(ms, 400);
 	EXPECT_LE(ms, 3000);
 	/* One query, one attempt, nothing else. */
-	EXPECT_EQ(1, count(log, std::string("SIOCGXARP no entry: ") +
+	EXPECT_EQ(1, count(log, std::string("no neighbour entry: ") +
 	    env("OST_RT_SILENT4") + "\n")) << log;
 	EXPECT_EQ(1, count(log, "ost_tmp_connect: connect: ")) << log;
 	EXPECT_EQ(2, count(log, "\n")) << log;

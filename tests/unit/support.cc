@@ -17,6 +17,7 @@ ost_test_init()
 	/* The test build of libfrio, already loaded: its mem double's hooks
 	 * and the library's handles are one copy. */
 	ost_frio_set_path("libfrio_testing.so");
+	setenv("FRIO_BACKEND", "mem", 0);
 	ost_init();
 }
 
