@@ -142,12 +142,11 @@ ost_release(uost_t *up)
 
 /*
  * Frees a record that is off its list and whose only references are the
- * registry's and the caller's.  Called with uost_lock held; it is destroyed.
+ * registry's and the caller's: nobody else can reach it.
  */
 static void
-ost_destroy_locked(uost_t *up)
+ost_destroy(uost_t *up)
 {
-	(void) pthread_mutex_unlock(&up->uost_lock);
 	(void) pthread_mutex_destroy(&up->uost_lock);
 	(void) pthread_cond_destroy(&up->uost_cv);
 	(void) pthread_cond_destroy(&up->uost_recv_cv);
@@ -180,7 +179,8 @@ ost_teardown(uost_t *up, bool sd_open)
 	(void) pthread_mutex_lock(&up->uost_lock);
 	ost_drain_locked(up);
 	ost_detach_locked(up, sd_open && !up->uost_sd_closed);
-	ost_destroy_locked(up);
+	(void) pthread_mutex_unlock(&up->uost_lock);
+	ost_destroy(up);
 }
 
 void

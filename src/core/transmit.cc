@@ -92,12 +92,10 @@ ost_send_peer_locked(uost_t *up, const struct iovec *iov, int iovcnt,
 	return ost_transmit_locked(up, iov, iovcnt, len);
 }
 
-/* Gives the reference back; -1 with EIO for a failed frame. */
+/* The call's result for a datagram the bypass path took. */
 static ssize_t
-ost_tx_done(uost_t *up, ost_tx_t r, size_t len)
+ost_tx_result(ost_tx_t r, size_t len)
 {
-	ost_release_locked(up);
-	(void) pthread_mutex_unlock(&up->uost_lock);
 	if (r == OST_TX_FAILED) {
 		errno = EIO;
 		return -1;
@@ -181,10 +179,10 @@ ost_sendto(int sd, const void *buf, size_t len, int flags,
 	if (ost_addr_fits(up, to, tolen) && len <= ost_max_payload(up) &&
 	    ost_to_peer_locked(up, to, true))
 		r = ost_send_peer_locked(up, &iov, 1, len);
-	if (r != OST_TX_KERNEL)
-		return ost_tx_done(up, r, len);
 	ost_release_locked(up);
 	(void) pthread_mutex_unlock(&up->uost_lock);
+	if (r != OST_TX_KERNEL)
+		return ost_tx_result(r, len);
 	return real_sendto(sd, buf, len, flags, to, tolen);
 }
 
@@ -199,10 +197,10 @@ ost_send_common(int sd, const void *buf, size_t len, int flags, bool is_write)
 	if (up != NULL) {
 		(void) pthread_mutex_lock(&up->uost_lock);
 		r = ost_send_peer_locked(up, &iov, 1, len);
-		if (r != OST_TX_KERNEL)
-			return ost_tx_done(up, r, len);
 		ost_release_locked(up);
 		(void) pthread_mutex_unlock(&up->uost_lock);
+		if (r != OST_TX_KERNEL)
+			return ost_tx_result(r, len);
 	}
 	return is_write ? real_write(sd, buf, len) :
 	    real_send(sd, buf, len, flags);
@@ -257,10 +255,10 @@ ost_sendmsg_call(int sd, const struct msghdr *msg, int flags)
 		return real_sendmsg(sd, msg, flags);
 	(void) pthread_mutex_lock(&up->uost_lock);
 	r = ost_sendmsg_locked(up, msg, &total);
-	if (r != OST_TX_KERNEL)
-		return ost_tx_done(up, r, total);
 	ost_release_locked(up);
 	(void) pthread_mutex_unlock(&up->uost_lock);
+	if (r != OST_TX_KERNEL)
+		return ost_tx_result(r, total);
 	return real_sendmsg(sd, msg, flags);
 }
 

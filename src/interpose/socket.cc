@@ -25,6 +25,20 @@ close(int fd)
 	return ost_close(fd);
 }
 
+/*
+ * fcntl and fcntl64: the non-blocking mark follows F_SETFL.  real is the
+ * table's slot, read only once start-up has filled it.
+ */
+static int
+ost_fcntl(int (*const *real)(int, int, ...), int fd, int cmd,
+    unsigned long arg)
+{
+	OST_ENTRY();
+	if (!OST_FROM_FRIO())
+		ost_note_fl_change(fd, cmd, arg);
+	return (*real)(fd, cmd, arg);
+}
+
 /* The one optional argument is an int or a pointer; both fit a long. */
 OST_EXPORT int
 fcntl(int fd, int cmd, ...)
@@ -32,13 +46,10 @@ fcntl(int fd, int cmd, ...)
 	unsigned long arg;
 	va_list ap;
 
-	OST_ENTRY();
 	va_start(ap, cmd);
 	arg = va_arg(ap, unsigned long);
 	va_end(ap);
-	if (!OST_FROM_FRIO())
-		ost_note_fl_change(fd, cmd, arg);
-	return real_fcntl(fd, cmd, arg);
+	return ost_fcntl(&real_fcntl, fd, cmd, arg);
 }
 
 /* What programs built with _FILE_OFFSET_BITS=64 call. */
@@ -48,13 +59,10 @@ fcntl64(int fd, int cmd, ...)
 	unsigned long arg;
 	va_list ap;
 
-	OST_ENTRY();
 	va_start(ap, cmd);
 	arg = va_arg(ap, unsigned long);
 	va_end(ap);
-	if (!OST_FROM_FRIO())
-		ost_note_fl_change(fd, cmd, arg);
-	return real_fcntl64(fd, cmd, arg);
+	return ost_fcntl(&real_fcntl64, fd, cmd, arg);
 }
 
 OST_EXPORT int
