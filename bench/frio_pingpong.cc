@@ -32,7 +32,8 @@
 #include "frio.h"
 #include "frio_udp.h"
 
-namespace {
+namespace
+{
 
 constexpr uint16_t kServerPort = 7000;
 constexpr uint16_t kClientPort = 7001;
@@ -54,7 +55,7 @@ struct config {
 
 struct run {
 	const config *cfg;
-	const char *backend; /* null: kernel sockets */
+	const char *backend;           /* null: kernel sockets */
 	std::atomic<int> server_state; /* 0 starting, 1 ready, -1 failed */
 	std::atomic<bool> stop;
 	/* Filled by the server before it is ready. */
@@ -83,8 +84,9 @@ enter(const char *ns, int cpu)
 	int fd = open(path, O_RDONLY | O_CLOEXEC);
 
 	if (fd < 0 || setns(fd, CLONE_NEWNET) != 0) {
-		fprintf(stderr, "frio_pingpong: cannot enter namespace %s: %s\n",
-		    ns, strerror(errno));
+		fprintf(stderr,
+		    "frio_pingpong: cannot enter namespace %s: %s\n", ns,
+		    strerror(errno));
 		if (fd >= 0)
 			close(fd);
 		return false;
@@ -103,8 +105,8 @@ udp_socket(const frio_udp::addr &a, uint16_t port, bool drop_all)
 {
 	struct sockaddr_storage ss;
 	socklen_t len;
-	int fd = socket(a.v6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC,
-	    0);
+	int fd =
+	    socket(a.v6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
 
 	memset(&ss, 0, sizeof(ss));
 	if (a.v6) {
@@ -130,7 +132,7 @@ udp_socket(const frio_udp::addr &a, uint16_t port, bool drop_all)
 	}
 	if (drop_all) {
 		struct sock_filter ret0 = BPF_STMT(BPF_RET | BPF_K, 0);
-		struct sock_fprog prog = {1, &ret0};
+		struct sock_fprog prog = { 1, &ret0 };
 
 		(void)setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &prog,
 		    sizeof(prog));
@@ -238,15 +240,16 @@ server_main(void *arg)
 				if (!have_peer) {
 					struct ether_addr cmac;
 
-					memcpy(&cmac, static_cast<uint8_t *>(
-					    frame) + 6, 6);
+					memcpy(&cmac,
+					    static_cast<uint8_t *>(frame) + 6,
+					    6);
 					frio_udp::sender_init(&s, mac, cmac,
 					    c->server.addr, d.src, kServerPort,
 					    d.sport);
 					have_peer = true;
 				}
-				while (frio_udp::send(h, &s, d.payload, d.len) ==
-				    FRIO_STATUS_NOMEM &&
+				while (frio_udp::send(h, &s, d.payload,
+					   d.len) == FRIO_STATUS_NOMEM &&
 				    !r->stop.load(std::memory_order_relaxed))
 					;
 			}
@@ -306,11 +309,11 @@ client_kernel(run *r)
 			return;
 		}
 		for (;;) {
-			ssize_t n = recv(fd, resp.data(), resp.size(),
-			    MSG_DONTWAIT);
+			ssize_t n =
+			    recv(fd, resp.data(), resp.size(), MSG_DONTWAIT);
 
-			if (n >= 0 && seq_of(resp.data(), (size_t)n) ==
-			    (uint64_t)i) {
+			if (n >= 0 &&
+			    seq_of(resp.data(), (size_t)n) == (uint64_t)i) {
 				record(r, i, t0);
 				break;
 			}
@@ -332,8 +335,8 @@ client_frio(run *r)
 	struct ether_addr mac;
 	frio_udp::sender s;
 	int fd = udp_socket(c->client.addr, kClientPort, true);
-	frio_handle_t h = fd < 0 ? nullptr
-	                         : open_handle(c->client, kClientPort, &mac);
+	frio_handle_t h =
+	    fd < 0 ? nullptr : open_handle(c->client, kClientPort, &mac);
 
 	if (h == nullptr) {
 		if (fd >= 0)
@@ -355,9 +358,9 @@ client_frio(run *r)
 			frio_udp::datagram d;
 
 			if (frio_rx_get(h, &ra, &frame) == FRIO_STATUS_OK) {
-				bool mine = frio_udp::parse(frame, ra.ur_pkt_len,
-				    &d) && seq_of(d.payload, d.len) ==
-				    (uint64_t)i;
+				bool mine =
+				    frio_udp::parse(frame, ra.ur_pkt_len, &d) &&
+				    seq_of(d.payload, d.len) == (uint64_t)i;
 
 				frio_rx_put(h, frame);
 				if (mine) {
@@ -470,7 +473,7 @@ main(int argc, char **argv)
 	if (argc - optind != 6 || cfg.count <= 0 || cfg.size < 8 ||
 	    cfg.size > 1400)
 		usage();
-	side *sides[2] = {&cfg.client, &cfg.server};
+	side *sides[2] = { &cfg.client, &cfg.server };
 
 	for (int i = 0; i < 2; i++) {
 		char **a = argv + optind + 3 * i;
@@ -482,12 +485,13 @@ main(int argc, char **argv)
 			usage();
 	}
 	printf("UDP round trip, %zu-byte payload, %ld exchanges after %ld "
-	    "warm-up, both sides busy-polling\n", cfg.size, cfg.count, kWarmup);
+	       "warm-up, both sides busy-polling\n",
+	    cfg.size, cfg.count, kWarmup);
 	printf("%s/%s %s <-> %s/%s %s; times in microseconds\n\n",
 	    cfg.client.ns, cfg.client.ifname, cfg.client.addr_str,
 	    cfg.server.ns, cfg.server.ifname, cfg.server.addr_str);
-	printf("%-16s %9s %8s %8s %8s %8s %9s %6s\n", "path", "samples",
-	    "min", "p50", "p99", "p99.9", "max", "lost");
+	printf("%-16s %9s %8s %8s %8s %8s %9s %6s\n", "path", "samples", "min",
+	    "p50", "p99", "p99.9", "max", "lost");
 
 	int failed = 0;
 	run kr;

@@ -34,7 +34,8 @@ main(int argc, char **argv)
 	int fd, server;
 
 	if (argc < 4 || (strcmp(argv[1], "client") == 0 && argc < 6)) {
-		fprintf(stderr, "usage: udp_pingpong server|client ADDR PORT "
+		fprintf(stderr,
+		    "usage: udp_pingpong server|client ADDR PORT "
 		    "[SIZE SECONDS]\n");
 		return 2;
 	}
@@ -55,29 +56,29 @@ main(int argc, char **argv)
 		}
 		for (;;) {
 			struct sockaddr_storage peer;
-			socklen_t plen = sizeof (peer);
-			ssize_t n = recvfrom(fd, buf, sizeof (buf), 0,
+			socklen_t plen = sizeof(peer);
+			ssize_t n = recvfrom(fd, buf, sizeof(buf), 0,
 			    (struct sockaddr *)&peer, &plen);
 
 			if (n >= 0)
-				(void) sendto(fd, buf, (size_t)n, 0,
+				(void)sendto(fd, buf, (size_t)n, 0,
 				    (struct sockaddr *)&peer, plen);
 		}
 	}
 	size_t size = (size_t)atoi(argv[4]);
 	double end = now_us() + atof(argv[5]) * 1e6;
 
-	if (size > sizeof (buf))
-		size = sizeof (buf);
+	if (size > sizeof(buf))
+		size = sizeof(buf);
 	memset(buf, 'p', size);
 	/* A lost datagram would stall a blocking ping-pong: give up on it. */
 	struct timeval tv = { 0, 200000 };
-	setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof (tv));
+	setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
 	for (int warm = 1000; now_us() < end; warm--) {
 		double t0 = now_us();
 
 		if (sendto(fd, buf, size, 0, ai->ai_addr, ai->ai_addrlen) < 0 ||
-		    recvfrom(fd, buf, sizeof (buf), 0, NULL, NULL) < 0)
+		    recvfrom(fd, buf, sizeof(buf), 0, NULL, NULL) < 0)
 			continue;
 		if (warm <= 0)
 			printf("%.3f\n", (now_us() - t0) / 2);

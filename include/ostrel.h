@@ -25,18 +25,18 @@ extern "C" {
 #define SO_OSTREL_STATS 0x101b
 
 typedef struct so_ost_stats_s {
-	uint64_t osts_ipkts;		/* datagrams delivered to the application */
-	uint64_t osts_ipkts_spin;	/* of those, ones the receiver waited for */
-	uint64_t osts_opkts;		/* frames handed to the interface */
-	uint64_t osts_opkts_spin;	/* of those, ones retried for want of room */
-	uint32_t osts_send_spin_max;	/* most retries one frame needed */
+	uint64_t osts_ipkts;      /* datagrams delivered to the application */
+	uint64_t osts_ipkts_spin; /* of those, ones the receiver waited for */
+	uint64_t osts_opkts;      /* frames handed to the interface */
+	uint64_t osts_opkts_spin; /* of those, ones retried for want of room */
+	uint32_t osts_send_spin_max; /* most retries one frame needed */
 	uint32_t osts_pad;
 } so_ost_stats_t;
 
 #ifdef __cplusplus
-static_assert(sizeof (so_ost_stats_t) == 40, "so_ost_stats_t is 40 bytes");
+static_assert(sizeof(so_ost_stats_t) == 40, "so_ost_stats_t is 40 bytes");
 #else
-_Static_assert(sizeof (so_ost_stats_t) == 40, "so_ost_stats_t is 40 bytes");
+_Static_assert(sizeof(so_ost_stats_t) == 40, "so_ost_stats_t is 40 bytes");
 #endif
 
 #ifdef __cplusplus

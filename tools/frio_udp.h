@@ -19,7 +19,8 @@
 
 #include "frio.h"
 
-namespace frio_udp {
+namespace frio_udp
+{
 
 struct addr {
 	bool v6;
@@ -149,7 +150,7 @@ sender_set_len(sender *s, size_t len)
 inline frio_status_t
 send(frio_handle_t h, sender *s, const void *payload, size_t len)
 {
-	struct iovec iov = {const_cast<void *>(payload), len};
+	struct iovec iov = { const_cast<void *>(payload), len };
 
 	sender_set_len(s, len);
 	return frio_tx_vec(h, s->v6 ? &s->ta : nullptr, s->hdr, s->hlen, &iov,

@@ -26,7 +26,8 @@
 #include "frio.h"
 #include "frio_udp.h"
 
-namespace {
+namespace
+{
 
 constexpr int kMaxHandles = 16;
 constexpr int kMaxList = 8;
@@ -96,8 +97,8 @@ make_payload(uint8_t *buf, size_t len, int n)
 	int hl = snprintf(head, sizeof(head), "tx-%d ", n);
 
 	for (size_t i = 0; i < len; i++)
-		buf[i] = i < (size_t)hl ? (uint8_t)head[i]
-		                        : (uint8_t)('a' + i % 26);
+		buf[i] =
+		    i < (size_t)hl ? (uint8_t)head[i] : (uint8_t)('a' + i % 26);
 	return len;
 }
 
@@ -152,9 +153,10 @@ dump(int argc, char **argv, bool per_handle, long count, double timeout)
 			if (nh == 0 || (per_handle && nh < kMaxHandles)) {
 				st = frio_open(argv[0], nullptr, &h[nh]);
 				if (st != FRIO_STATUS_OK) {
-					fprintf(stderr, "friodump: frio_open "
-					    "%s: %s\n", argv[0],
-					    status_text(st));
+					fprintf(stderr,
+					    "friodump: frio_open "
+					    "%s: %s\n",
+					    argv[0], status_text(st));
 					return 3;
 				}
 				nh++;
@@ -164,17 +166,18 @@ dump(int argc, char **argv, bool per_handle, long count, double timeout)
 			    (uint16_t)atoi(ports[p]));
 			st = frio_setup_rx(h[nh - 1], &f);
 			if (st != FRIO_STATUS_OK) {
-				fprintf(stderr, "friodump: frio_setup_rx %s "
-				    "port %s: %s\n", addrs[a], ports[p],
-				    status_text(st));
+				fprintf(stderr,
+				    "friodump: frio_setup_rx %s "
+				    "port %s: %s\n",
+				    addrs[a], ports[p], status_text(st));
 				return 3;
 			}
 		}
 	}
 	const char *be = getenv("FRIO_BACKEND");
 
-	printf("listening on %s with %d handle%s (backend %s)\n", argv[0],
-	    nh, nh == 1 ? "" : "s", be != nullptr && *be ? be : "the default");
+	printf("listening on %s with %d handle%s (backend %s)\n", argv[0], nh,
+	    nh == 1 ? "" : "s", be != nullptr && *be ? be : "the default");
 	fflush(stdout);
 
 	double deadline = timeout > 0 ? now_s() + timeout : 0;
@@ -210,8 +213,8 @@ dump(int argc, char **argv, bool per_handle, long count, double timeout)
 			frio_rx_args_t ra;
 			void *frame;
 
-			while (frio_rx_get(h[i], &ra, &frame) ==
-			    FRIO_STATUS_OK) {
+			while (
+			    frio_rx_get(h[i], &ra, &frame) == FRIO_STATUS_OK) {
 				frio_udp::datagram d;
 
 				if (frio_udp::parse(frame, ra.ur_pkt_len, &d))
@@ -258,16 +261,18 @@ send_mode(int argc, char **argv, long count, long len, long gap_us)
 		return 3;
 	}
 	frio_get_mac_addr(h, &smac);
-	frio_udp::sender_init(&s, smac, dmac, src, dst,
-	    (uint16_t)atoi(argv[4]), (uint16_t)atoi(argv[5]));
+	frio_udp::sender_init(&s, smac, dmac, src, dst, (uint16_t)atoi(argv[4]),
+	    (uint16_t)atoi(argv[5]));
 	for (long i = 0; i < count && !stop; i++) {
-		size_t n = len >= 0 ? make_payload(payload, (size_t)len, (int)i)
-		                    : (size_t)snprintf((char *)payload,
-		                          sizeof(payload), "tx-%ld", i);
+		size_t n = len >= 0 ?
+		    make_payload(payload, (size_t)len, (int)i) :
+		    (size_t)snprintf((char *)payload, sizeof(payload), "tx-%ld",
+			i);
 		double deadline = now_s() + 2;
 
 		while ((st = frio_udp::send(h, &s, payload, n)) ==
-		    FRIO_STATUS_NOMEM && now_s() < deadline) {
+			FRIO_STATUS_NOMEM &&
+		    now_s() < deadline) {
 			nomem++;
 			usleep(50);
 		}

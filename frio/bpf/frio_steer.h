@@ -9,8 +9,8 @@
 
 #include <linux/types.h>
 
-#define FRIO_STEER_PROG_NAME "frio_steer"
-#define FRIO_STEER_XSKS_NAME "frio_xsks"
+#define FRIO_STEER_PROG_NAME    "frio_steer"
+#define FRIO_STEER_XSKS_NAME    "frio_xsks"
 #define FRIO_STEER_FILTERS_NAME "frio_filters"
 
 /*
@@ -19,8 +19,8 @@
  * UMEM per queue), so whoever holds the queue owns its slots outright.
  */
 #define FRIO_STEER_SLOTS_PER_QUEUE 16
-#define FRIO_STEER_MAX_QUEUES 256
-#define FRIO_STEER_MAX_SLOTS                                                   \
+#define FRIO_STEER_MAX_QUEUES      256
+#define FRIO_STEER_MAX_SLOTS \
 	(FRIO_STEER_SLOTS_PER_QUEUE * FRIO_STEER_MAX_QUEUES)
 #define FRIO_STEER_MAX_FILTERS 4096
 
@@ -28,13 +28,13 @@
 #define FRIO_STEER_MAX_FRAME 1514
 
 struct frio_steer_key {
-	__u8 fk_mac[6];	  /* destination MAC */
-	__u16 fk_port;	  /* destination UDP port, network order */
+	__u8 fk_mac[6];   /* destination MAC */
+	__u16 fk_port;    /* destination UDP port, network order */
 	__u8 fk_addr[16]; /* destination address; IPv4 as ::ffff:a.b.c.d */
 };
 
 struct frio_steer_val {
-	__u32 fv_slot;	/* index into frio_xsks */
+	__u32 fv_slot;  /* index into frio_xsks */
 	__u32 fv_queue; /* the receive queue the slot's socket is bound to */
 };
 

@@ -39,7 +39,7 @@ typedef enum frio_status {
 	FRIO_STATUS_TOOBIG = 3,
 	FRIO_STATUS_NOTFOUND = 4,
 	FRIO_STATUS_NOTSUP = 5,
-	FRIO_STATUS_NOMEM = 6,	/* no transmit room right now: offer again */
+	FRIO_STATUS_NOMEM = 6, /* no transmit room right now: offer again */
 	FRIO_STATUS_DENIED = 7,
 	FRIO_STATUS_DLERR = 8,
 	FRIO_STATUS_FAILED = 9
@@ -51,11 +51,11 @@ typedef enum frio_status {
 typedef struct frio_filter_args {
 	uint32_t uf_type;
 	uint8_t uf_macaddr[6];
-	uint8_t uf_pad[2];		/* zero: filters are compared whole */
-	struct in6_addr uf_src_ip;	/* zero: any source */
-	struct in6_addr uf_dst_ip;	/* IPv4 in mapped form ::ffff:a.b.c.d */
-	in_port_t uf_src_port;		/* zero: any source port */
-	in_port_t uf_dst_port;		/* network order */
+	uint8_t uf_pad[2];         /* zero: filters are compared whole */
+	struct in6_addr uf_src_ip; /* zero: any source */
+	struct in6_addr uf_dst_ip; /* IPv4 in mapped form ::ffff:a.b.c.d */
+	in_port_t uf_src_port;     /* zero: any source port */
+	in_port_t uf_dst_port;     /* network order */
 } frio_filter_args_t;
 
 /* ut_pkt_options: the frame is IPv6; complete its UDP checksum. */
@@ -69,14 +69,15 @@ typedef struct frio_tx_args {
 } frio_tx_args_t;
 
 typedef struct frio_rx_args {
-	uint32_t ur_pkt_len;	/* bytes from the first byte of the Ethernet header */
+	uint32_t
+	    ur_pkt_len; /* bytes from the first byte of the Ethernet header */
 } frio_rx_args_t;
 
 /* No options yet: callers pass NULL. */
 typedef struct frio_open_args frio_open_args_t;
 
-frio_status_t frio_open(const char *ifname, frio_open_args_t *args,
-    frio_handle_t *hdlp);
+frio_status_t
+frio_open(const char *ifname, frio_open_args_t *args, frio_handle_t *hdlp);
 void frio_close(frio_handle_t hdl);
 frio_status_t frio_get_mac_addr(frio_handle_t hdl, struct ether_addr *mac);
 frio_status_t frio_setup_rx(frio_handle_t hdl, frio_filter_args_t *filter);
@@ -90,8 +91,8 @@ uint32_t frio_handle2statid(frio_handle_t hdl);
 frio_status_t frio_tx_vec(frio_handle_t hdl, frio_tx_args_t *args,
     const void *hdr, size_t hdr_len, const struct iovec *iov, int iovcnt);
 /* Never blocks.  On OK, *framep is lent until frio_rx_put(). */
-frio_status_t frio_rx_get(frio_handle_t hdl, frio_rx_args_t *args,
-    void **framep);
+frio_status_t
+frio_rx_get(frio_handle_t hdl, frio_rx_args_t *args, void **framep);
 frio_status_t frio_rx_put(frio_handle_t hdl, void *frame);
 const char *frio_status2str(frio_status_t status, char *buf, size_t len);
 /* A descriptor that polls readable while received frames wait. */
@@ -102,16 +103,18 @@ int frio_get_fd(frio_handle_t hdl);
 #else
 #define FRIO_ASSERT_LAYOUT(c, m) _Static_assert(c, m)
 #endif
-FRIO_ASSERT_LAYOUT(sizeof (frio_filter_args_t) == 48, "filter record size");
+FRIO_ASSERT_LAYOUT(sizeof(frio_filter_args_t) == 48, "filter record size");
 FRIO_ASSERT_LAYOUT(offsetof(frio_filter_args_t, uf_macaddr) == 4, "uf_macaddr");
 FRIO_ASSERT_LAYOUT(offsetof(frio_filter_args_t, uf_src_ip) == 12, "uf_src_ip");
 FRIO_ASSERT_LAYOUT(offsetof(frio_filter_args_t, uf_dst_ip) == 28, "uf_dst_ip");
-FRIO_ASSERT_LAYOUT(offsetof(frio_filter_args_t, uf_src_port) == 44, "uf_src_port");
-FRIO_ASSERT_LAYOUT(offsetof(frio_filter_args_t, uf_dst_port) == 46, "uf_dst_port");
-FRIO_ASSERT_LAYOUT(sizeof (frio_tx_args_t) == 6, "tx record size");
+FRIO_ASSERT_LAYOUT(offsetof(frio_filter_args_t, uf_src_port) == 44,
+    "uf_src_port");
+FRIO_ASSERT_LAYOUT(offsetof(frio_filter_args_t, uf_dst_port) == 46,
+    "uf_dst_port");
+FRIO_ASSERT_LAYOUT(sizeof(frio_tx_args_t) == 6, "tx record size");
 FRIO_ASSERT_LAYOUT(offsetof(frio_tx_args_t, ut_pkt_options) == 0,
     "ut_pkt_options");
-FRIO_ASSERT_LAYOUT(sizeof (frio_rx_args_t) == 4, "rx record size");
+FRIO_ASSERT_LAYOUT(sizeof(frio_rx_args_t) == 4, "rx record size");
 #undef FRIO_ASSERT_LAYOUT
 
 #ifdef __cplusplus

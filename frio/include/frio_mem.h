@@ -39,10 +39,10 @@
 extern "C" {
 #endif
 
-#define FRIO_MEM_IFINDEX 1000		/* default interface index */
-#define FRIO_MEM_MAX_INJECT 4096	/* largest frame a test may inject */
-#define FRIO_MEM_RX_DEPTH 256		/* frames queued or lent per handle */
-#define FRIO_MEM_TX_DEPTH 256		/* transmitted frames kept per handle */
+#define FRIO_MEM_IFINDEX    1000 /* default interface index */
+#define FRIO_MEM_MAX_INJECT 4096 /* largest frame a test may inject */
+#define FRIO_MEM_RX_DEPTH   256  /* frames queued or lent per handle */
+#define FRIO_MEM_TX_DEPTH   256  /* transmitted frames kept per handle */
 
 /* Names an interface; 0, or -1 when the name is bad or 8 are named. */
 int frio_mem_add_interface(const char *ifname, int ifindex,
@@ -54,8 +54,7 @@ int frio_mem_open_count(void);
 
 /* Queues a copy on hdl: NOMEM when the queue is full, TOOBIG over the
  * limit, BADARG for a handle of another backend. */
-frio_status_t frio_mem_inject(frio_handle_t hdl, const void *frame,
-    size_t len);
+frio_status_t frio_mem_inject(frio_handle_t hdl, const void *frame, size_t len);
 /* Queues a copy on each handle of ifname whose filters name the frame;
  * returns how many took it. */
 int frio_mem_deliver(const char *ifname, const void *frame, size_t len);

@@ -18,12 +18,16 @@
 
 #define MEM_MAX_IFS 8
 
-enum { SLOT_FREE, SLOT_QUEUED, SLOT_LENT };
+enum {
+	SLOT_FREE,
+	SLOT_QUEUED,
+	SLOT_LENT
+};
 
 typedef struct mem_handle {
-	struct frio_handle mh_base;		/* first: the common part */
-	struct mem_handle *mh_next;		/* newest first */
-	int mh_efd;			/* readable while mh_rxq_count */
+	struct frio_handle mh_base; /* first: the common part */
+	struct mem_handle *mh_next; /* newest first */
+	int mh_efd;                 /* readable while mh_rxq_count */
 	bool mh_signalled;
 	frio_filter_set_t mh_filters;
 	/* Receive: slots, the order they were queued in, and free ones. */
@@ -82,10 +86,10 @@ mem_sync_fd(mem_handle_t *m)
 	uint64_t v = 1;
 
 	if (m->mh_rxq_count != 0 && !m->mh_signalled) {
-		if (write(m->mh_efd, &v, sizeof (v)) == sizeof (v))
+		if (write(m->mh_efd, &v, sizeof(v)) == sizeof(v))
 			m->mh_signalled = true;
 	} else if (m->mh_rxq_count == 0 && m->mh_signalled) {
-		if (read(m->mh_efd, &v, sizeof (v)) == sizeof (v))
+		if (read(m->mh_efd, &v, sizeof(v)) == sizeof(v))
 			m->mh_signalled = false;
 	}
 }
@@ -113,11 +117,11 @@ mem_queue(mem_handle_t *m, const void *frame, size_t len)
 static frio_status_t
 mem_identify(const char *ifname, int *ifindexp, struct ether_addr *macp)
 {
-	static const struct ether_addr mem_mac = {
-	    { 0x02, 0x00, 0x00, 0x00, 0x00, 0x01 } };
+	static const struct ether_addr mem_mac = { { 0x02, 0x00, 0x00, 0x00,
+	    0x00, 0x01 } };
 	frio_status_t st = FRIO_STATUS_OK;
 
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	if (mem_fail_open_status != FRIO_STATUS_OK) {
 		st = mem_fail_open_status;
 		mem_fail_open_status = FRIO_STATUS_OK;
@@ -135,7 +139,7 @@ mem_identify(const char *ifname, int *ifindexp, struct ether_addr *macp)
 			}
 		}
 	}
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 	return st;
 }
 
@@ -143,7 +147,7 @@ static void
 mem_free(mem_handle_t *m)
 {
 	if (m->mh_efd >= 0)
-		(void) close(m->mh_efd);
+		(void)close(m->mh_efd);
 	free(m->mh_rx_buf);
 	free(m->mh_tx_buf);
 	free(m);
@@ -154,15 +158,15 @@ mem_open(const char *ifname, int ifindex, struct frio_handle **hdlp)
 {
 	mem_handle_t *m;
 
-	(void) ifname;
-	(void) ifindex;
-	m = static_cast<mem_handle_t *>(calloc(1, sizeof (*m)));
+	(void)ifname;
+	(void)ifindex;
+	m = static_cast<mem_handle_t *>(calloc(1, sizeof(*m)));
 	if (m == NULL)
 		return FRIO_STATUS_FAILED;
 	m->mh_efd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-	m->mh_rx_buf = static_cast<uint8_t (*)[FRIO_MEM_MAX_INJECT]>(
+	m->mh_rx_buf = static_cast<uint8_t(*)[FRIO_MEM_MAX_INJECT]>(
 	    calloc(FRIO_MEM_RX_DEPTH, FRIO_MEM_MAX_INJECT));
-	m->mh_tx_buf = static_cast<uint8_t (*)[FRIO_MAX_FRAME]>(
+	m->mh_tx_buf = static_cast<uint8_t(*)[FRIO_MAX_FRAME]>(
 	    calloc(FRIO_MEM_TX_DEPTH + 1, FRIO_MAX_FRAME));
 	if (m->mh_efd < 0 || m->mh_rx_buf == NULL || m->mh_tx_buf == NULL) {
 		mem_free(m);
@@ -172,10 +176,10 @@ mem_open(const char *ifname, int ifindex, struct frio_handle **hdlp)
 		m->mh_free[i] =
 		    static_cast<uint16_t>(FRIO_MEM_RX_DEPTH - 1 - i);
 	m->mh_nfree = FRIO_MEM_RX_DEPTH;
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	m->mh_next = mem_handles;
 	mem_handles = m;
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 	*hdlp = &m->mh_base;
 	return FRIO_STATUS_OK;
 }
@@ -185,15 +189,15 @@ mem_close(struct frio_handle *hdl)
 {
 	mem_handle_t *m = mem_of(hdl);
 
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	for (mem_handle_t **pp = &mem_handles; *pp != NULL;
-	    pp = &(*pp)->mh_next) {
+	     pp = &(*pp)->mh_next) {
 		if (*pp == m) {
 			*pp = m->mh_next;
 			break;
 		}
 	}
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 	if (m->mh_lent != 0)
 		frio_debug("%s: mem: closed with %d frames still lent",
 		    hdl->fh_ifname, m->mh_lent);
@@ -207,8 +211,8 @@ mem_setup_rx(struct frio_handle *hdl, const frio_filter_args_t *filter,
 	mem_handle_t *m = mem_of(hdl);
 	frio_status_t st = FRIO_STATUS_OK;
 
-	(void) filter;
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)filter;
+	(void)pthread_mutex_lock(&mem_lock);
 	if (mem_fail_setup_status != FRIO_STATUS_OK) {
 		st = mem_fail_setup_status;
 		mem_fail_setup_status = FRIO_STATUS_OK;
@@ -216,7 +220,7 @@ mem_setup_rx(struct frio_handle *hdl, const frio_filter_args_t *filter,
 		/* A copy under mem_lock, for frio_mem_deliver. */
 		m->mh_filters = *next;
 	}
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 	return st;
 }
 
@@ -226,7 +230,7 @@ mem_tx_alloc(struct frio_handle *hdl, void **bufp)
 	mem_handle_t *m = mem_of(hdl);
 	frio_status_t st = FRIO_STATUS_OK;
 
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	if (m->mh_tx_nomem != 0) {
 		m->mh_tx_nomem--;
 		st = FRIO_STATUS_NOMEM;
@@ -240,7 +244,7 @@ mem_tx_alloc(struct frio_handle *hdl, void **bufp)
 		*bufp = m->mh_tx_buf[(m->mh_tx_head + m->mh_tx_count) %
 		    (FRIO_MEM_TX_DEPTH + 1)];
 	}
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 	return st;
 }
 
@@ -250,16 +254,17 @@ mem_tx_commit(struct frio_handle *hdl, void *buf, size_t len)
 	mem_handle_t *m = mem_of(hdl);
 	unsigned slot;
 
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	slot = (m->mh_tx_head + m->mh_tx_count) % (FRIO_MEM_TX_DEPTH + 1);
 	if (buf != m->mh_tx_buf[slot]) {
-		(void) fprintf(stderr, "frio: mem: transmit of a buffer that "
+		(void)fprintf(stderr,
+		    "frio: mem: transmit of a buffer that "
 		    "was not allocated\n");
 		abort();
 	}
 	m->mh_tx_len[slot] = static_cast<uint32_t>(len);
 	m->mh_tx_count++;
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 	return FRIO_STATUS_OK;
 }
 
@@ -270,7 +275,7 @@ mem_rx_get(struct frio_handle *hdl, void **framep, uint32_t *lenp)
 	frio_status_t st = FRIO_STATUS_NOMEM;
 	unsigned slot;
 
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	if (m->mh_rxq_count != 0) {
 		slot = m->mh_rxq[m->mh_rxq_head];
 		m->mh_rxq_head = (m->mh_rxq_head + 1) % FRIO_MEM_RX_DEPTH;
@@ -282,7 +287,7 @@ mem_rx_get(struct frio_handle *hdl, void **framep, uint32_t *lenp)
 		mem_sync_fd(m);
 		st = FRIO_STATUS_OK;
 	}
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 	return st;
 }
 
@@ -294,11 +299,12 @@ mem_rx_put(struct frio_handle *hdl, void *frame)
 	uintptr_t p = reinterpret_cast<uintptr_t>(frame);
 	size_t slot = (p - base) / FRIO_MEM_MAX_INJECT;
 
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	if (p < base || slot >= FRIO_MEM_RX_DEPTH ||
 	    p != base + slot * FRIO_MEM_MAX_INJECT ||
 	    m->mh_rx_state[slot] != SLOT_LENT) {
-		(void) fprintf(stderr, "frio: mem: %s: frio_rx_put of a frame "
+		(void)fprintf(stderr,
+		    "frio: mem: %s: frio_rx_put of a frame "
 		    "that is not lent (%p): put twice or never got\n",
 		    hdl->fh_ifname, frame);
 		abort();
@@ -306,7 +312,7 @@ mem_rx_put(struct frio_handle *hdl, void *frame)
 	m->mh_rx_state[slot] = SLOT_FREE;
 	m->mh_free[m->mh_nfree++] = static_cast<uint16_t>(slot);
 	m->mh_lent--;
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 	return FRIO_STATUS_OK;
 }
 
@@ -339,17 +345,16 @@ frio_mem_add_interface(const char *ifname, int ifindex,
 	    strnlen(ifname, IF_NAMESIZE) >= IF_NAMESIZE || ifindex <= 0 ||
 	    mac == NULL)
 		return -1;
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	if (mem_nifs < MEM_MAX_IFS) {
 		mem_if_t *mi = &mem_ifs[mem_nifs++];
 
-		(void) snprintf(mi->mi_name, sizeof (mi->mi_name), "%s",
-		    ifname);
+		(void)snprintf(mi->mi_name, sizeof(mi->mi_name), "%s", ifname);
 		mi->mi_index = ifindex;
 		mi->mi_mac = *mac;
 		rc = 0;
 	}
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 	return rc;
 }
 
@@ -358,12 +363,12 @@ frio_mem_find(const char *ifname)
 {
 	mem_handle_t *m;
 
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	for (m = mem_handles; m != NULL; m = m->mh_next) {
 		if (ifname == NULL || strcmp(m->mh_base.fh_ifname, ifname) == 0)
 			break;
 	}
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 	return m != NULL ? &m->mh_base : NULL;
 }
 
@@ -372,10 +377,10 @@ frio_mem_open_count(void)
 {
 	int n = 0;
 
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	for (mem_handle_t *m = mem_handles; m != NULL; m = m->mh_next)
 		n++;
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 	return n;
 }
 
@@ -387,9 +392,9 @@ frio_mem_inject(frio_handle_t hdl, const void *frame, size_t len)
 
 	if (m == NULL || (frame == NULL && len != 0))
 		return FRIO_STATUS_BADARG;
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	st = mem_queue(m, frame, len);
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 	return st;
 }
 
@@ -400,14 +405,14 @@ frio_mem_deliver(const char *ifname, const void *frame, size_t len)
 
 	if (ifname == NULL || frame == NULL)
 		return 0;
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	for (mem_handle_t *m = mem_handles; m != NULL; m = m->mh_next) {
 		if (strcmp(m->mh_base.fh_ifname, ifname) == 0 &&
 		    frio_filter_match(&m->mh_filters, frame, len) &&
 		    mem_queue(m, frame, len) == FRIO_STATUS_OK)
 			n++;
 	}
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 	return n;
 }
 
@@ -419,9 +424,9 @@ frio_mem_rx_pending(frio_handle_t hdl)
 
 	if (m == NULL)
 		return -1;
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	n = static_cast<int>(m->mh_rxq_count);
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 	return n;
 }
 
@@ -433,9 +438,9 @@ frio_mem_lent(frio_handle_t hdl)
 
 	if (m == NULL)
 		return -1;
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	n = m->mh_lent;
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 	return n;
 }
 
@@ -447,7 +452,7 @@ frio_mem_tx_pop(frio_handle_t hdl, void *buf, size_t len)
 
 	if (m == NULL || (buf == NULL && len != 0))
 		return -1;
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	if (m->mh_tx_count != 0) {
 		unsigned slot = m->mh_tx_head;
 		uint32_t flen = m->mh_tx_len[slot];
@@ -457,7 +462,7 @@ frio_mem_tx_pop(frio_handle_t hdl, void *buf, size_t len)
 		m->mh_tx_count--;
 		n = flen;
 	}
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 	return n;
 }
 
@@ -469,9 +474,9 @@ frio_mem_tx_pending(frio_handle_t hdl)
 
 	if (m == NULL)
 		return -1;
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	n = static_cast<int>(m->mh_tx_count);
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 	return n;
 }
 
@@ -480,28 +485,28 @@ frio_mem_fail_tx(frio_handle_t hdl, unsigned n)
 {
 	mem_handle_t *m = mem_of(hdl);
 
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	if (m != NULL)
 		m->mh_tx_nomem = n;
 	else if (hdl == NULL)
 		mem_tx_nomem_any = n;
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 }
 
 EXPORT void
 frio_mem_fail_open(frio_status_t status)
 {
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	mem_fail_open_status = status;
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 }
 
 EXPORT void
 frio_mem_fail_setup_rx(frio_status_t status)
 {
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	mem_fail_setup_status = status;
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 }
 
 EXPORT int
@@ -512,23 +517,23 @@ frio_mem_filters(frio_handle_t hdl, frio_filter_args_t *out, int max)
 
 	if (m == NULL || max < 0 || (out == NULL && max != 0))
 		return -1;
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	n = m->mh_filters.fs_count;
 	for (int i = 0; i < n && i < max; i++)
 		out[i] = m->mh_filters.fs_filter[i];
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 	return n;
 }
 
 EXPORT void
 frio_mem_reset(void)
 {
-	(void) pthread_mutex_lock(&mem_lock);
+	(void)pthread_mutex_lock(&mem_lock);
 	mem_nifs = 0;
 	mem_fail_open_status = FRIO_STATUS_OK;
 	mem_fail_setup_status = FRIO_STATUS_OK;
 	mem_tx_nomem_any = 0;
 	for (mem_handle_t *m = mem_handles; m != NULL; m = m->mh_next)
 		m->mh_tx_nomem = 0;
-	(void) pthread_mutex_unlock(&mem_lock);
+	(void)pthread_mutex_unlock(&mem_lock);
 }

@@ -25,21 +25,21 @@
 /* A frame slot holds the ring header and one whole frame. */
 #define PKT_FRAME_SIZE 2048
 #define PKT_BLOCK_SIZE (1 << 16)
-#define PKT_BLOCK_NR 16
-#define PKT_FRAME_NR (PKT_BLOCK_SIZE / PKT_FRAME_SIZE * PKT_BLOCK_NR)
+#define PKT_BLOCK_NR   16
+#define PKT_FRAME_NR   (PKT_BLOCK_SIZE / PKT_FRAME_SIZE * PKT_BLOCK_NR)
 
 /* Worst case: all 16 filters IPv6 with source address and port. */
-#define PKT_MAX_INSNS 512
+#define PKT_MAX_INSNS  512
 #define PKT_MAX_LABELS (FRIO_MAX_FILTERS + 8)
 
 typedef struct pkt_handle {
-	struct frio_handle ph_base;	/* first: the common part */
+	struct frio_handle ph_base; /* first: the common part */
 	int ph_fd;
-	uint8_t *ph_ring;		/* PKT_FRAME_NR slots */
-	unsigned ph_rx_next;		/* next slot the kernel fills */
+	uint8_t *ph_ring;    /* PKT_FRAME_NR slots */
+	unsigned ph_rx_next; /* next slot the kernel fills */
 	int ph_lent_count;
 	uint8_t ph_lent[PKT_FRAME_NR];
-	struct sockaddr_ll ph_dst;	/* sendto() address, ifindex set */
+	struct sockaddr_ll ph_dst; /* sendto() address, ifindex set */
 	uint8_t ph_tx_buf[FRIO_MAX_FRAME];
 } pkt_handle_t;
 
@@ -50,7 +50,7 @@ typedef struct pkt_handle {
  */
 typedef struct bpf_buf {
 	struct sock_filter bb_ins[PKT_MAX_INSNS];
-	uint8_t bb_jt[PKT_MAX_INSNS];	/* label, or 0: next instruction */
+	uint8_t bb_jt[PKT_MAX_INSNS]; /* label, or 0: next instruction */
 	uint8_t bb_jf[PKT_MAX_INSNS];
 	int bb_at[PKT_MAX_LABELS];
 	int bb_n;
@@ -128,8 +128,7 @@ be32_at(const uint8_t *p)
 
 /* Compares the alen-byte field at off with val, else jumps to fail. */
 static void
-bb_match(bpf_buf_t *b, uint32_t off, const uint8_t *val, size_t alen,
-    int fail)
+bb_match(bpf_buf_t *b, uint32_t off, const uint8_t *val, size_t alen, int fail)
 {
 	for (size_t i = 0; i + 4 <= alen; i += 4) {
 		bb_emit(b, BPF_LD | BPF_W | BPF_ABS, off + i);
@@ -204,13 +203,15 @@ bb_family(bpf_buf_t *b, const frio_filter_set_t *set, bool v6)
 		next = bb_label(b);
 		bb_match(b, 0, f->uf_macaddr, 6, next);
 		bb_match(b, dst, f->uf_dst_ip.s6_addr + 16 - alen, alen, next);
-		bb_match(b, ports + 2, reinterpret_cast<const uint8_t *>(
-		    &f->uf_dst_port), 2, next);
+		bb_match(b, ports + 2,
+		    reinterpret_cast<const uint8_t *>(&f->uf_dst_port), 2,
+		    next);
 		if (memcmp(f->uf_src_ip.s6_addr, zero, 16) != 0)
 			bb_match(b, src, fsrc, alen, next);
 		if (f->uf_src_port != 0)
-			bb_match(b, ports, reinterpret_cast<const uint8_t *>(
-			    &f->uf_src_port), 2, next);
+			bb_match(b, ports,
+			    reinterpret_cast<const uint8_t *>(&f->uf_src_port),
+			    2, next);
 		bb_emit(b, BPF_RET | BPF_K, 0x40000);
 		bb_place(b, next);
 	}
@@ -255,13 +256,13 @@ frio_packet_filter(const frio_filter_set_t *set, struct sock_filter *prog,
     int max)
 {
 	/* Too big for the stack of an application's thread. */
-	bpf_buf_t *b = static_cast<bpf_buf_t *>(calloc(1, sizeof (*b)));
+	bpf_buf_t *b = static_cast<bpf_buf_t *>(calloc(1, sizeof(*b)));
 	int n = -1;
 
 	if (b == NULL)
 		return -1;
 	if (bb_compile(b, set) && b->bb_n <= max) {
-		memcpy(prog, b->bb_ins, sizeof (prog[0]) * b->bb_n);
+		memcpy(prog, b->bb_ins, sizeof(prog[0]) * b->bb_n);
 		n = b->bb_n;
 	}
 	free(b);
@@ -275,7 +276,7 @@ pkt_attach(pkt_handle_t *p, const frio_filter_set_t *set)
 	int n, err;
 
 	prog.filter = static_cast<struct sock_filter *>(
-	    calloc(PKT_MAX_INSNS, sizeof (struct sock_filter)));
+	    calloc(PKT_MAX_INSNS, sizeof(struct sock_filter)));
 	if (prog.filter == NULL)
 		return frio_fail(FRIO_STATUS_FAILED,
 		    "no memory for the socket filter");
@@ -286,22 +287,23 @@ pkt_attach(pkt_handle_t *p, const frio_filter_set_t *set)
 	}
 	prog.len = static_cast<unsigned short>(n);
 	err = setsockopt(p->ph_fd, SOL_SOCKET, SO_ATTACH_FILTER, &prog,
-	    sizeof (prog));
+	    sizeof(prog));
 	if (err != 0)
 		frio_debug("%s: SO_ATTACH_FILTER (%d instructions): %s",
 		    p->ph_base.fh_ifname, n, strerror(errno));
 	free(prog.filter);
-	return err == 0 ? FRIO_STATUS_OK : frio_fail(FRIO_STATUS_FAILED,
-	    "the kernel refused the AF_PACKET socket filter");
+	return err == 0 ? FRIO_STATUS_OK :
+			  frio_fail(FRIO_STATUS_FAILED,
+			      "the kernel refused the AF_PACKET socket filter");
 }
 
 static void
 pkt_free(pkt_handle_t *p)
 {
 	if (p->ph_ring != NULL)
-		(void) munmap(p->ph_ring, PKT_BLOCK_SIZE * PKT_BLOCK_NR);
+		(void)munmap(p->ph_ring, PKT_BLOCK_SIZE * PKT_BLOCK_NR);
 	if (p->ph_fd >= 0)
-		(void) close(p->ph_fd);
+		(void)close(p->ph_fd);
 	free(p);
 }
 
@@ -316,32 +318,36 @@ pkt_open(const char *ifname, int ifindex, struct frio_handle **hdlp)
 	int one = 1, ver = TPACKET_V2;
 	void *ring;
 
-	p = static_cast<pkt_handle_t *>(calloc(1, sizeof (*p)));
+	p = static_cast<pkt_handle_t *>(calloc(1, sizeof(*p)));
 	if (p == NULL)
 		return frio_fail(FRIO_STATUS_FAILED, "out of memory");
 	/* Protocol 0 receives nothing until bind, by which time the filter
 	 * is in place: no stray frame reaches the ring. */
-	p->ph_fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK,
-	    0);
+	p->ph_fd =
+	    socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
 	if (p->ph_fd < 0) {
 		st = errno == EPERM || errno == EACCES ?
-		    frio_fail(FRIO_STATUS_DENIED, "permission denied: "
-		    "the packet backend needs root or CAP_NET_RAW") :
-		    errno == EAFNOSUPPORT ? frio_fail(FRIO_STATUS_NOTSUP,
-		    "this kernel has no AF_PACKET sockets") :
-		    frio_fail(FRIO_STATUS_FAILED, "cannot open an AF_PACKET "
-		    "socket");
+		    frio_fail(FRIO_STATUS_DENIED,
+			"permission denied: "
+			"the packet backend needs root or CAP_NET_RAW") :
+		    errno == EAFNOSUPPORT ?
+		    frio_fail(FRIO_STATUS_NOTSUP,
+			"this kernel has no AF_PACKET sockets") :
+		    frio_fail(FRIO_STATUS_FAILED,
+			"cannot open an AF_PACKET "
+			"socket");
 		pkt_free(p);
 		return st;
 	}
 	p->ph_base.fh_ifindex = ifindex;
-	(void) snprintf(p->ph_base.fh_ifname, sizeof (p->ph_base.fh_ifname),
-	    "%s", ifname);
+	(void)snprintf(p->ph_base.fh_ifname, sizeof(p->ph_base.fh_ifname), "%s",
+	    ifname);
 	if ((st = pkt_attach(p, &none)) != FRIO_STATUS_OK)
 		goto fail;
 	if (setsockopt(p->ph_fd, SOL_PACKET, PACKET_VERSION, &ver,
-	    sizeof (ver)) != 0) {
-		st = frio_fail(FRIO_STATUS_NOTSUP, "this kernel lacks "
+		sizeof(ver)) != 0) {
+		st = frio_fail(FRIO_STATUS_NOTSUP,
+		    "this kernel lacks "
 		    "TPACKET_V2 rings");
 		goto fail;
 	}
@@ -350,18 +356,20 @@ pkt_open(const char *ifname, int ifindex, struct frio_handle **hdlp)
 	req.tp_frame_size = PKT_FRAME_SIZE;
 	req.tp_frame_nr = PKT_FRAME_NR;
 	if (setsockopt(p->ph_fd, SOL_PACKET, PACKET_RX_RING, &req,
-	    sizeof (req)) != 0) {
+		sizeof(req)) != 0) {
 		frio_debug("%s: PACKET_RX_RING: %s", ifname, strerror(errno));
-		st = frio_fail(FRIO_STATUS_FAILED, "cannot set up the "
+		st = frio_fail(FRIO_STATUS_FAILED,
+		    "cannot set up the "
 		    "AF_PACKET receive ring");
 		goto fail;
 	}
-	ring = mmap(NULL, PKT_BLOCK_SIZE * PKT_BLOCK_NR,
-	    PROT_READ | PROT_WRITE, MAP_SHARED, p->ph_fd, 0);
+	ring = mmap(NULL, PKT_BLOCK_SIZE * PKT_BLOCK_NR, PROT_READ | PROT_WRITE,
+	    MAP_SHARED, p->ph_fd, 0);
 	if (ring == MAP_FAILED) {
 		frio_debug("%s: mmap of the receive ring: %s", ifname,
 		    strerror(errno));
-		st = frio_fail(FRIO_STATUS_FAILED, "cannot map the AF_PACKET "
+		st = frio_fail(FRIO_STATUS_FAILED,
+		    "cannot map the AF_PACKET "
 		    "receive ring");
 		goto fail;
 	}
@@ -369,23 +377,24 @@ pkt_open(const char *ifname, int ifindex, struct frio_handle **hdlp)
 	/* Before 4.20 there is no such option; the filter and the ring
 	 * check drop outgoing frames anyway. */
 	if (setsockopt(p->ph_fd, SOL_PACKET, PACKET_IGNORE_OUTGOING, &one,
-	    sizeof (one)) != 0)
+		sizeof(one)) != 0)
 		frio_debug("%s: PACKET_IGNORE_OUTGOING: %s", ifname,
 		    strerror(errno));
 	if (setsockopt(p->ph_fd, SOL_PACKET, PACKET_QDISC_BYPASS, &one,
-	    sizeof (one)) != 0)
+		sizeof(one)) != 0)
 		frio_debug("%s: PACKET_QDISC_BYPASS: %s", ifname,
 		    strerror(errno));
-	memset(&sll, 0, sizeof (sll));
+	memset(&sll, 0, sizeof(sll));
 	sll.sll_family = AF_PACKET;
 	sll.sll_protocol = htons(ETH_P_ALL);
 	sll.sll_ifindex = ifindex;
 	if (bind(p->ph_fd, reinterpret_cast<struct sockaddr *>(&sll),
-	    sizeof (sll)) != 0) {
+		sizeof(sll)) != 0) {
 		frio_debug("%s: bind: %s", ifname, strerror(errno));
-		st = errno == ENODEV ? frio_fail(FRIO_STATUS_NOTFOUND,
-		    "interface not found") : frio_fail(FRIO_STATUS_FAILED,
-		    "cannot bind the AF_PACKET socket to the interface");
+		st = errno == ENODEV ?
+		    frio_fail(FRIO_STATUS_NOTFOUND, "interface not found") :
+		    frio_fail(FRIO_STATUS_FAILED,
+			"cannot bind the AF_PACKET socket to the interface");
 		goto fail;
 	}
 	p->ph_dst.sll_family = AF_PACKET;
@@ -414,7 +423,7 @@ static frio_status_t
 pkt_setup_rx(struct frio_handle *hdl, const frio_filter_args_t *filter,
     const frio_filter_set_t *next)
 {
-	(void) filter;
+	(void)filter;
 	return pkt_attach(pkt_of(hdl), next);
 }
 
@@ -438,8 +447,8 @@ pkt_tx_commit(struct frio_handle *hdl, void *buf, size_t len)
 	memcpy(&p->ph_dst.sll_protocol, f + 12, 2);
 	memcpy(p->ph_dst.sll_addr, f, ETH_ALEN);
 	if (sendto(p->ph_fd, buf, len, MSG_DONTWAIT,
-	    reinterpret_cast<struct sockaddr *>(&p->ph_dst),
-	    sizeof (p->ph_dst)) >= 0)
+		reinterpret_cast<struct sockaddr *>(&p->ph_dst),
+		sizeof(p->ph_dst)) >= 0)
 		return FRIO_STATUS_OK;
 	switch (errno) {
 	case EAGAIN:
@@ -456,8 +465,8 @@ pkt_tx_commit(struct frio_handle *hdl, void *buf, size_t len)
 static struct tpacket2_hdr *
 pkt_slot(pkt_handle_t *p, unsigned i)
 {
-	return reinterpret_cast<struct tpacket2_hdr *>(p->ph_ring +
-	    static_cast<size_t>(i) * PKT_FRAME_SIZE);
+	return reinterpret_cast<struct tpacket2_hdr *>(
+	    p->ph_ring + static_cast<size_t>(i) * PKT_FRAME_SIZE);
 }
 
 static void
@@ -475,8 +484,8 @@ pkt_rx_get(struct frio_handle *hdl, void **framep, uint32_t *lenp)
 	for (;;) {
 		unsigned i = p->ph_rx_next;
 		struct tpacket2_hdr *h = pkt_slot(p, i);
-		uint32_t status = __atomic_load_n(&h->tp_status,
-		    __ATOMIC_ACQUIRE);
+		uint32_t status =
+		    __atomic_load_n(&h->tp_status, __ATOMIC_ACQUIRE);
 		const struct sockaddr_ll *sll;
 
 		/* A lent slot still reads as the user's: the ring has gone
@@ -486,7 +495,7 @@ pkt_rx_get(struct frio_handle *hdl, void **framep, uint32_t *lenp)
 		p->ph_rx_next = (i + 1) % PKT_FRAME_NR;
 		sll = reinterpret_cast<const struct sockaddr_ll *>(
 		    reinterpret_cast<uint8_t *>(h) +
-		    TPACKET_ALIGN(sizeof (struct tpacket2_hdr)));
+		    TPACKET_ALIGN(sizeof(struct tpacket2_hdr)));
 		if (sll->sll_pkttype == PACKET_OUTGOING ||
 		    (status & TP_STATUS_VLAN_VALID) != 0 ||
 		    h->tp_snaplen != h->tp_len) {
@@ -512,9 +521,11 @@ pkt_rx_put(struct frio_handle *hdl, void *frame)
 	 * order and stops at one that is still the user's. */
 	if (f < p->ph_ring ||
 	    (i = static_cast<size_t>(f - p->ph_ring) / PKT_FRAME_SIZE) >=
-	    PKT_FRAME_NR || !p->ph_lent[i] ||
-	    f != reinterpret_cast<uint8_t *>(pkt_slot(p, i)) +
-	    pkt_slot(p, i)->tp_mac) {
+		PKT_FRAME_NR ||
+	    !p->ph_lent[i] ||
+	    f !=
+		reinterpret_cast<uint8_t *>(pkt_slot(p, i)) +
+		    pkt_slot(p, i)->tp_mac) {
 		frio_debug("%s: frio_rx_put of a frame that is not lent (%p)",
 		    hdl->fh_ifname, frame);
 		return FRIO_STATUS_BADARG;

@@ -59,16 +59,16 @@ extern "C" const unsigned char frio_steer_obj[];
 extern "C" const unsigned char frio_steer_obj_end[];
 
 #define XDP_FRAME_SIZE 2048
-#define XDP_FRAMES 4096
-#define XDP_TX_FRAMES 1024
-#define XDP_RX_FRAMES (XDP_FRAMES - XDP_TX_FRAMES)
-#define XDP_FILL_SIZE 4096	/* holds every receive frame */
-#define XDP_COMP_SIZE 1024	/* holds every transmit frame */
-#define XDP_RX_SIZE 2048
-#define XDP_TX_SIZE 512
-#define XDP_AREA_SIZE (static_cast<size_t>(XDP_FRAMES) * XDP_FRAME_SIZE)
-#define XDP_NO_FRAME (~0ULL)
-#define XDP_NO_SLOT (~0U)
+#define XDP_FRAMES     4096
+#define XDP_TX_FRAMES  1024
+#define XDP_RX_FRAMES  (XDP_FRAMES - XDP_TX_FRAMES)
+#define XDP_FILL_SIZE  4096 /* holds every receive frame */
+#define XDP_COMP_SIZE  1024 /* holds every transmit frame */
+#define XDP_RX_SIZE    2048
+#define XDP_TX_SIZE    512
+#define XDP_AREA_SIZE  (static_cast<size_t>(XDP_FRAMES) * XDP_FRAME_SIZE)
+#define XDP_NO_FRAME   (~0ULL)
+#define XDP_NO_SLOT    (~0U)
 
 /*
  * The kernel releases the sockets of a process that ended up to a second
@@ -76,7 +76,7 @@ extern "C" const unsigned char frio_steer_obj_end[];
  * often, this far apart (a server restarted at once still gets its
  * queue).  Later opens do not wait: a live owner would not go away.
  */
-#define XDP_BUSY_RETRIES 75
+#define XDP_BUSY_RETRIES  75
 #define XDP_BUSY_RETRY_US 20000
 
 /* iface_reuse: the program went away or was replaced; look again. */
@@ -93,11 +93,11 @@ typedef struct xdp_iface {
 	struct xdp_iface *xi_next;
 	uint64_t xi_netns;
 	int xi_ifindex;
-	uint32_t xi_refs;		/* ports using it */
+	uint32_t xi_refs; /* ports using it */
 	int xi_prog_fd;
 	int xi_xsks_fd;
 	int xi_filters_fd;
-	int xi_link_fd;			/* ours: attached as long as it lives */
+	int xi_link_fd; /* ours: attached as long as it lives */
 } xdp_iface_t;
 
 /* One UMEM, bound to one queue of one interface. */
@@ -106,12 +106,12 @@ typedef struct xdp_port {
 	uint64_t xp_netns;
 	int xp_ifindex;
 	uint32_t xp_queue;
-	uint32_t xp_refs;		/* handles */
-	uint32_t xp_slots;		/* bit k: slot queue * 16 + k taken */
+	uint32_t xp_refs;  /* handles */
+	uint32_t xp_slots; /* bit k: slot queue * 16 + k taken */
 	xdp_iface_t *xp_iface;
 	char *xp_area;
 	struct xsk_umem *xp_umem;
-	pthread_mutex_t xp_lock;	/* xp_fill, xp_comp, xp_free */
+	pthread_mutex_t xp_lock; /* xp_fill, xp_comp, xp_free */
 	struct xsk_ring_prod xp_fill;
 	struct xsk_ring_cons xp_comp;
 	uint32_t xp_nfree;
@@ -122,16 +122,16 @@ typedef struct xdp_port {
 } xdp_port_t;
 
 typedef struct xdp_handle {
-	struct frio_handle xh_base;	/* first: the common part */
+	struct frio_handle xh_base; /* first: the common part */
 	xdp_port_t *xh_port;
 	struct xsk_socket *xh_xsk;
 	int xh_fd;
-	uint32_t xh_slot;		/* XDP_NO_SLOT until one is taken */
-	bool xh_kick_always;		/* copy mode: sends only when asked */
-	uint64_t xh_tx_frame;		/* allocated, not yet committed */
+	uint32_t xh_slot;     /* XDP_NO_SLOT until one is taken */
+	bool xh_kick_always;  /* copy mode: sends only when asked */
+	uint64_t xh_tx_frame; /* allocated, not yet committed */
 	struct xsk_ring_cons xh_rx;
 	struct xsk_ring_prod xh_tx;
-	frio_steer_key *xh_keys;	/* the filters this handle entered */
+	frio_steer_key *xh_keys; /* the filters this handle entered */
 	uint32_t xh_nkeys;
 } xdp_handle_t;
 
@@ -174,7 +174,7 @@ xdp_libbpf_print(enum libbpf_print_level level, const char *fmt, va_list ap)
 
 	if (level == LIBBPF_DEBUG || !xdp_debug_on())
 		return 0;
-	n = vsnprintf(line, sizeof (line), fmt, ap);
+	n = vsnprintf(line, sizeof(line), fmt, ap);
 	len = strlen(line);
 	if (len != 0 && line[len - 1] == '\n')
 		line[len - 1] = '\0';
@@ -213,7 +213,7 @@ static void
 xdp_close_fd(int *fdp)
 {
 	if (*fdp >= 0)
-		(void) close(*fdp);
+		(void)close(*fdp);
 	*fdp = -1;
 }
 
@@ -227,9 +227,9 @@ map_fd_by_name(int prog_fd, const char *name, uint32_t type, uint32_t key,
     uint32_t value, uint32_t entries)
 {
 	struct bpf_prog_info pinfo;
-	uint32_t ids[8], n, len = sizeof (pinfo);
+	uint32_t ids[8], n, len = sizeof(pinfo);
 
-	memset(&pinfo, 0, sizeof (pinfo));
+	memset(&pinfo, 0, sizeof(pinfo));
 	pinfo.nr_map_ids = 8;
 	pinfo.map_ids = reinterpret_cast<uintptr_t>(ids);
 	if (bpf_obj_get_info_by_fd(prog_fd, &pinfo, &len) != 0)
@@ -237,18 +237,18 @@ map_fd_by_name(int prog_fd, const char *name, uint32_t type, uint32_t key,
 	n = pinfo.nr_map_ids < 8 ? pinfo.nr_map_ids : 8;
 	for (uint32_t i = 0; i < n; i++) {
 		struct bpf_map_info minfo;
-		uint32_t mlen = sizeof (minfo);
+		uint32_t mlen = sizeof(minfo);
 		int fd = bpf_map_get_fd_by_id(ids[i]);
 
 		if (fd < 0)
 			continue;
-		memset(&minfo, 0, sizeof (minfo));
+		memset(&minfo, 0, sizeof(minfo));
 		if (bpf_obj_get_info_by_fd(fd, &minfo, &mlen) == 0 &&
 		    strcmp(minfo.name, name) == 0 && minfo.type == type &&
 		    minfo.key_size == key && minfo.value_size == value &&
 		    minfo.max_entries == entries)
 			return fd;
-		(void) close(fd);
+		(void)close(fd);
 	}
 	return -1;
 }
@@ -261,8 +261,8 @@ iface_adopt_maps(xdp_iface_t *xi, int prog_fd)
 	xi->xi_xsks_fd = map_fd_by_name(prog_fd, FRIO_STEER_XSKS_NAME,
 	    BPF_MAP_TYPE_XSKMAP, 4, 4, FRIO_STEER_MAX_SLOTS);
 	xi->xi_filters_fd = map_fd_by_name(prog_fd, FRIO_STEER_FILTERS_NAME,
-	    BPF_MAP_TYPE_HASH, sizeof (frio_steer_key),
-	    sizeof (frio_steer_val), FRIO_STEER_MAX_FILTERS);
+	    BPF_MAP_TYPE_HASH, sizeof(frio_steer_key), sizeof(frio_steer_val),
+	    FRIO_STEER_MAX_FILTERS);
 	if (xi->xi_xsks_fd < 0 || xi->xi_filters_fd < 0) {
 		xdp_close_fd(&xi->xi_xsks_fd);
 		xdp_close_fd(&xi->xi_filters_fd);
@@ -358,14 +358,15 @@ iface_is_veth(int ifindex)
 
 	if (fd < 0)
 		return false;
-	memset(&ifr, 0, sizeof (ifr));
-	memset(&info, 0, sizeof (info));
+	memset(&ifr, 0, sizeof(ifr));
+	memset(&info, 0, sizeof(info));
 	info.cmd = ETHTOOL_GDRVINFO;
 	ifr.ifr_data = reinterpret_cast<char *>(&info);
 	if (if_indextoname(static_cast<unsigned>(ifindex), ifr.ifr_name) !=
-	    NULL && ioctl(fd, SIOCETHTOOL, &ifr) == 0)
+		NULL &&
+	    ioctl(fd, SIOCETHTOOL, &ifr) == 0)
 		veth = strcmp(info.driver, "veth") == 0;
-	(void) close(fd);
+	(void)close(fd);
 	return veth;
 }
 
@@ -412,12 +413,12 @@ iface_attach(xdp_iface_t *xi)
 
 		if (fd >= 0) {
 			xi->xi_link_fd = xdp_dup_cloexec(fd);
-			(void) close(fd);
+			(void)close(fd);
 			if (xi->xi_link_fd < 0)
 				return EMFILE;
 			frio_debug("xdp: steering program attached on ifindex "
-			    "%d in %s mode", xi->xi_ifindex,
-			    mode_name(modes[i]));
+				   "%d in %s mode",
+			    xi->xi_ifindex, mode_name(modes[i]));
 			return 0;
 		}
 		err = errno;
@@ -439,22 +440,22 @@ iface_reuse(xdp_iface_t *xi, uint32_t prog_id, uint8_t attach_mode)
 {
 	LIBBPF_OPTS(bpf_xdp_attach_opts, ao);
 	struct bpf_prog_info info;
-	uint32_t len = sizeof (info);
+	uint32_t len = sizeof(info);
 	int fd, err;
 
 	if ((fd = bpf_prog_get_fd_by_id(prog_id)) < 0)
 		return errno == ENOENT ? XDP_AGAIN : errno;
-	memset(&info, 0, sizeof (info));
+	memset(&info, 0, sizeof(info));
 	if (bpf_obj_get_info_by_fd(fd, &info, &len) != 0) {
 		err = errno;
-		(void) close(fd);
+		(void)close(fd);
 		return err;
 	}
 	if (attach_mode == XDP_ATTACHED_MULTI ||
 	    strcmp(info.name, FRIO_STEER_PROG_NAME) != 0) {
 		frio_debug("xdp: interface %d runs another XDP program (%s)",
 		    xi->xi_ifindex, info.name);
-		(void) close(fd);
+		(void)close(fd);
 		return EEXIST;
 	}
 	if (iface_adopt_maps(xi, fd)) {
@@ -464,9 +465,11 @@ iface_reuse(xdp_iface_t *xi, uint32_t prog_id, uint8_t attach_mode)
 		return 0;
 	}
 	ao.old_prog_fd = fd;
-	err = bpf_xdp_detach(xi->xi_ifindex, mode_flags(attach_mode), &ao) ==
-	    0 ? 0 : errno;
-	(void) close(fd);
+	err =
+	    bpf_xdp_detach(xi->xi_ifindex, mode_flags(attach_mode), &ao) == 0 ?
+	    0 :
+	    errno;
+	(void)close(fd);
 	if (err != 0) {
 		frio_debug("xdp: cannot detach an older steering program: %s",
 		    strerror(err));
@@ -526,13 +529,15 @@ iface_put(xdp_iface_t *xi)
 		    .old_prog_fd = xi->xi_prog_fd);
 
 		if (bpf_xdp_query(xi->xi_ifindex, 0, &qo) == 0 &&
-		    qo.prog_id != 0 && bpf_xdp_detach(xi->xi_ifindex,
-		    mode_flags(qo.attach_mode), &ao) == 0)
+		    qo.prog_id != 0 &&
+		    bpf_xdp_detach(xi->xi_ifindex, mode_flags(qo.attach_mode),
+			&ao) == 0)
 			frio_debug("xdp: steering program detached from "
-			    "ifindex %d", xi->xi_ifindex);
+				   "ifindex %d",
+			    xi->xi_ifindex);
 	}
 	for (xdp_iface_t **pp = &xdp_ifaces; *pp != NULL;
-	    pp = &(*pp)->xi_next) {
+	     pp = &(*pp)->xi_next) {
 		if (*pp == xi) {
 			*pp = xi->xi_next;
 			break;
@@ -556,7 +561,7 @@ iface_get(uint64_t netns, int ifindex, xdp_iface_t **xip)
 			return 0;
 		}
 	}
-	xi = static_cast<xdp_iface_t *>(calloc(1, sizeof (*xi)));
+	xi = static_cast<xdp_iface_t *>(calloc(1, sizeof(*xi)));
 	if (xi == NULL)
 		return ENOMEM;
 	xi->xi_ifindex = ifindex;
@@ -595,7 +600,7 @@ queue_forget(xdp_iface_t *xi, uint32_t queue)
 			continue;
 		if (nstale == cap) {
 			size_t ncap = cap != 0 ? cap * 2 : 16;
-			void *p = realloc(stale, ncap * sizeof (*stale));
+			void *p = realloc(stale, ncap * sizeof(*stale));
 
 			if (p == NULL)
 				break;
@@ -606,16 +611,16 @@ queue_forget(xdp_iface_t *xi, uint32_t queue)
 	}
 	/* Deleting while walking would restart the walk. */
 	for (size_t i = 0; i < nstale; i++)
-		(void) bpf_map_delete_elem(xi->xi_filters_fd, &stale[i]);
+		(void)bpf_map_delete_elem(xi->xi_filters_fd, &stale[i]);
 	free(stale);
 	for (uint32_t k = 0; k < FRIO_STEER_SLOTS_PER_QUEUE; k++) {
 		uint32_t slot = queue * FRIO_STEER_SLOTS_PER_QUEUE + k;
 
-		(void) bpf_map_delete_elem(xi->xi_xsks_fd, &slot);
+		(void)bpf_map_delete_elem(xi->xi_xsks_fd, &slot);
 	}
 	if (nstale != 0)
-		frio_debug("xdp: dropped %zu stale filters of queue %u",
-		    nstale, queue);
+		frio_debug("xdp: dropped %zu stale filters of queue %u", nstale,
+		    queue);
 }
 
 /*
@@ -653,10 +658,10 @@ static void
 port_destroy(xdp_port_t *xp)
 {
 	if (xp->xp_umem != NULL)
-		(void) xsk_umem__delete(xp->xp_umem);
+		(void)xsk_umem__delete(xp->xp_umem);
 	if (xp->xp_area != NULL)
-		(void) munmap(xp->xp_area, XDP_AREA_SIZE);
-	(void) pthread_mutex_destroy(&xp->xp_lock);
+		(void)munmap(xp->xp_area, XDP_AREA_SIZE);
+	(void)pthread_mutex_destroy(&xp->xp_lock);
 	free(xp);
 }
 
@@ -684,7 +689,7 @@ port_prime(xdp_port_t *xp)
 static int
 port_create(int ifindex, uint32_t queue, xdp_port_t **xpp)
 {
-	xdp_port_t *xp = static_cast<xdp_port_t *>(calloc(1, sizeof (*xp)));
+	xdp_port_t *xp = static_cast<xdp_port_t *>(calloc(1, sizeof(*xp)));
 	struct xsk_umem_config cfg;
 	void *area;
 	int err;
@@ -693,7 +698,7 @@ port_create(int ifindex, uint32_t queue, xdp_port_t **xpp)
 		return ENOMEM;
 	xp->xp_ifindex = ifindex;
 	xp->xp_queue = queue;
-	(void) pthread_mutex_init(&xp->xp_lock, NULL);
+	(void)pthread_mutex_init(&xp->xp_lock, NULL);
 	area = mmap(NULL, XDP_AREA_SIZE, PROT_READ | PROT_WRITE,
 	    MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
 	if (area == MAP_FAILED) {
@@ -702,13 +707,13 @@ port_create(int ifindex, uint32_t queue, xdp_port_t **xpp)
 		return err;
 	}
 	xp->xp_area = static_cast<char *>(area);
-	memset(&cfg, 0, sizeof (cfg));
+	memset(&cfg, 0, sizeof(cfg));
 	cfg.fill_size = XDP_FILL_SIZE;
 	cfg.comp_size = XDP_COMP_SIZE;
 	cfg.frame_size = XDP_FRAME_SIZE;
 	cfg.frame_headroom = 0;
-	err = -xsk_umem__create(&xp->xp_umem, area, XDP_AREA_SIZE,
-	    &xp->xp_fill, &xp->xp_comp, &cfg);
+	err = -xsk_umem__create(&xp->xp_umem, area, XDP_AREA_SIZE, &xp->xp_fill,
+	    &xp->xp_comp, &cfg);
 	if (err != 0) {
 		xp->xp_umem = NULL;
 		frio_debug("xdp: cannot register UMEM: %s", strerror(err));
@@ -780,8 +785,8 @@ tx_kick(xdp_handle_t *xh)
 		return;
 	saved = errno;
 	for (uint32_t i = 0; i <= XDP_TX_SIZE / 32; i++) {
-		uint32_t before = __atomic_load_n(xh->xh_tx.consumer,
-		    __ATOMIC_ACQUIRE);
+		uint32_t before =
+		    __atomic_load_n(xh->xh_tx.consumer, __ATOMIC_ACQUIRE);
 		bool failed = xsk_wake(xh->xh_fd, SYS_sendto) < 0;
 
 		if (!tx_ring_busy(xh))
@@ -800,10 +805,10 @@ tx_kick(xdp_handle_t *xh)
 static void
 free_frame(xdp_port_t *xp, uint64_t addr)
 {
-	(void) pthread_mutex_lock(&xp->xp_lock);
+	(void)pthread_mutex_lock(&xp->xp_lock);
 	if (xp->xp_nfree < XDP_TX_FRAMES)
 		xp->xp_free[xp->xp_nfree++] = addr;
-	(void) pthread_mutex_unlock(&xp->xp_lock);
+	(void)pthread_mutex_unlock(&xp->xp_lock);
 }
 
 /*
@@ -824,29 +829,28 @@ handle_drain(xdp_handle_t *xh)
 	}
 	if (tx_ring_busy(xh))
 		tx_kick(xh);
-	(void) pthread_mutex_lock(&xp->xp_lock);
+	(void)pthread_mutex_lock(&xp->xp_lock);
 	n = xsk_ring_cons__peek(&xh->xh_rx, XDP_RX_SIZE, &idx);
 	for (uint32_t i = 0; i < n; i++) {
-		uint64_t addr = xsk_ring_cons__rx_desc(&xh->xh_rx,
-		    idx + i)->addr;
+		uint64_t addr =
+		    xsk_ring_cons__rx_desc(&xh->xh_rx, idx + i)->addr;
 
-		(void) port_fill(xp, addr & ~static_cast<uint64_t>(
-		    XDP_FRAME_SIZE - 1));
+		(void)port_fill(xp,
+		    addr & ~static_cast<uint64_t>(XDP_FRAME_SIZE - 1));
 	}
 	xsk_ring_cons__release(&xh->xh_rx, n);
 	if (xh->xh_kick_always) {
-		uint32_t cons = __atomic_load_n(xh->xh_tx.consumer,
-		    __ATOMIC_ACQUIRE);
+		uint32_t cons =
+		    __atomic_load_n(xh->xh_tx.consumer, __ATOMIC_ACQUIRE);
 
 		for (uint32_t i = cons; i != xh->xh_tx.cached_prod; i++) {
 			if (xp->xp_nfree < XDP_TX_FRAMES)
 				xp->xp_free[xp->xp_nfree++] =
-				    xsk_ring_prod__tx_desc(&xh->xh_tx,
-				    i)->addr;
+				    xsk_ring_prod__tx_desc(&xh->xh_tx, i)->addr;
 		}
 	}
 	port_reclaim(xp);
-	(void) pthread_mutex_unlock(&xp->xp_lock);
+	(void)pthread_mutex_unlock(&xp->xp_lock);
 }
 
 /* xdp_lock held.  Drops a handle's reference to xp, the last one with
@@ -858,8 +862,7 @@ port_put(xdp_port_t *xp)
 
 	if (--xp->xp_refs != 0)
 		return;
-	for (xdp_port_t **pp = &xdp_ports; *pp != NULL;
-	    pp = &(*pp)->xp_next) {
+	for (xdp_port_t **pp = &xdp_ports; *pp != NULL; pp = &(*pp)->xp_next) {
 		if (*pp == xp) {
 			*pp = xp->xp_next;
 			break;
@@ -879,11 +882,12 @@ handle_unsteer(xdp_handle_t *xh, xdp_iface_t *xi)
 
 		/* Another handle's, when ours failed to replace it. */
 		if (bpf_map_lookup_elem(xi->xi_filters_fd, &xh->xh_keys[i],
-		    &val) == 0 && val.fv_slot == xh->xh_slot)
-			(void) bpf_map_delete_elem(xi->xi_filters_fd,
+			&val) == 0 &&
+		    val.fv_slot == xh->xh_slot)
+			(void)bpf_map_delete_elem(xi->xi_filters_fd,
 			    &xh->xh_keys[i]);
 	}
-	(void) bpf_map_delete_elem(xi->xi_xsks_fd, &xh->xh_slot);
+	(void)bpf_map_delete_elem(xi->xi_xsks_fd, &xh->xh_slot);
 }
 
 /* xdp_lock held.  Releases everything a handle holds, in reverse order of
@@ -903,8 +907,8 @@ handle_release(xdp_handle_t *xh)
 	}
 	if (xp != NULL) {
 		if (xh->xh_slot != XDP_NO_SLOT)
-			xp->xp_slots &= ~(1U << (xh->xh_slot %
-			    FRIO_STEER_SLOTS_PER_QUEUE));
+			xp->xp_slots &=
+			    ~(1U << (xh->xh_slot % FRIO_STEER_SLOTS_PER_QUEUE));
 		port_put(xp);
 	}
 	free(xh->xh_keys);
@@ -934,8 +938,10 @@ open_port(xdp_handle_t *xh, uint64_t netns, int ifindex, uint32_t queue,
 	if (xp == NULL) {
 		if ((err = port_create(ifindex, queue, &xp)) != 0)
 			return err == ENOBUFS || err == ENOMEM ?
-			    frio_fail(FRIO_STATUS_FAILED, "cannot register "
-			    "UMEM: locked-memory limit (needs CAP_IPC_LOCK)") :
+			    frio_fail(FRIO_STATUS_FAILED,
+				"cannot register "
+				"UMEM: locked-memory limit (needs "
+				"CAP_IPC_LOCK)") :
 			    xdp_errno_status(err);
 		*newp = true;
 		xp->xp_netns = netns;
@@ -956,7 +962,8 @@ open_slot(xdp_handle_t *xh)
 	while (k < FRIO_STEER_SLOTS_PER_QUEUE && (xp->xp_slots & (1U << k)))
 		k++;
 	if (k == FRIO_STEER_SLOTS_PER_QUEUE)
-		return frio_fail(FRIO_STATUS_FAILED, "too many handles on "
+		return frio_fail(FRIO_STATUS_FAILED,
+		    "too many handles on "
 		    "one queue (at most 16)");
 	xp->xp_slots |= 1U << k;
 	xh->xh_slot = xp->xp_queue * FRIO_STEER_SLOTS_PER_QUEUE + k;
@@ -970,10 +977,10 @@ open_socket(xdp_handle_t *xh, const char *ifname)
 	xdp_port_t *xp = xh->xh_port;
 	struct xsk_socket_config cfg;
 	struct xdp_options opts;
-	socklen_t len = sizeof (opts);
+	socklen_t len = sizeof(opts);
 	int err;
 
-	memset(&cfg, 0, sizeof (cfg));
+	memset(&cfg, 0, sizeof(cfg));
 	cfg.rx_size = XDP_RX_SIZE;
 	cfg.tx_size = XDP_TX_SIZE;
 	cfg.libxdp_flags = XSK_LIBXDP_FLAGS__INHIBIT_PROG_LOAD;
@@ -983,26 +990,29 @@ open_socket(xdp_handle_t *xh, const char *ifname)
 		    xp->xp_umem, &xh->xh_rx, &xh->xh_tx, &cfg);
 		if (err != EBUSY || xdp_waited || tries == XDP_BUSY_RETRIES)
 			break;
-		(void) usleep(XDP_BUSY_RETRY_US);
+		(void)usleep(XDP_BUSY_RETRY_US);
 	}
 	xdp_waited = true;
 	if (err != 0) {
 		xh->xh_xsk = NULL;
 		if (err == EBUSY)
-			return frio_fail(FRIO_STATUS_FAILED, "queue busy: "
+			return frio_fail(FRIO_STATUS_FAILED,
+			    "queue busy: "
 			    "another process has AF_XDP sockets on it "
 			    "(FRIO_QUEUE picks another)");
 		frio_debug("xdp: %s: cannot bind an AF_XDP socket to queue "
-		    "%u: %s", ifname, xp->xp_queue, strerror(err));
+			   "%u: %s",
+		    ifname, xp->xp_queue, strerror(err));
 		return xdp_errno_status(err);
 	}
 	xh->xh_fd = xsk_socket__fd(xh->xh_xsk);
 	/* libxdp opens it without close-on-exec; a program this process
 	 * starts must not keep the socket (and its traffic) alive. */
-	(void) fcntl(xh->xh_fd, F_SETFD, FD_CLOEXEC);
-	memset(&opts, 0, sizeof (opts));
-	xh->xh_kick_always = getsockopt(xh->xh_fd, SOL_XDP, XDP_OPTIONS,
-	    &opts, &len) != 0 || (opts.flags & XDP_OPTIONS_ZEROCOPY) == 0;
+	(void)fcntl(xh->xh_fd, F_SETFD, FD_CLOEXEC);
+	memset(&opts, 0, sizeof(opts));
+	xh->xh_kick_always =
+	    getsockopt(xh->xh_fd, SOL_XDP, XDP_OPTIONS, &opts, &len) != 0 ||
+	    (opts.flags & XDP_OPTIONS_ZEROCOPY) == 0;
 	return FRIO_STATUS_OK;
 }
 
@@ -1018,11 +1028,13 @@ open_steering(xdp_handle_t *xh, const char *ifname, uint64_t netns)
 		frio_debug("xdp: %s: cannot set up the steering program: %s",
 		    ifname, strerror(err));
 		if (err == EEXIST || err == EBUSY)
-			return frio_fail(FRIO_STATUS_FAILED, "another XDP "
+			return frio_fail(FRIO_STATUS_FAILED,
+			    "another XDP "
 			    "program is attached to the interface; remove it "
 			    "or use FRIO_BACKEND=packet");
 		if (err == EOPNOTSUPP)
-			return frio_fail(FRIO_STATUS_NOTSUP, "interface "
+			return frio_fail(FRIO_STATUS_NOTSUP,
+			    "interface "
 			    "without XDP support; use FRIO_BACKEND=packet");
 		return xdp_errno_status(err);
 	}
@@ -1036,12 +1048,12 @@ open_enter(xdp_handle_t *xh, const char *ifname)
 {
 	int err;
 
-	if (bpf_map_update_elem(xh->xh_port->xp_iface->xi_xsks_fd,
-	    &xh->xh_slot, &xh->xh_fd, BPF_ANY) == 0)
+	if (bpf_map_update_elem(xh->xh_port->xp_iface->xi_xsks_fd, &xh->xh_slot,
+		&xh->xh_fd, BPF_ANY) == 0)
 		return FRIO_STATUS_OK;
 	err = errno;
-	frio_debug("xdp: %s: cannot enter the socket into the map: %s",
-	    ifname, strerror(err));
+	frio_debug("xdp: %s: cannot enter the socket into the map: %s", ifname,
+	    strerror(err));
 	return xdp_errno_status(err);
 }
 
@@ -1060,9 +1072,10 @@ xdp_open(const char *ifname, int ifindex, struct frio_handle **hdlp)
 	bool new_port;
 
 	if (!env_queue(&queue))
-		return frio_fail(FRIO_STATUS_BADARG, "FRIO_QUEUE must be a "
+		return frio_fail(FRIO_STATUS_BADARG,
+		    "FRIO_QUEUE must be a "
 		    "receive queue number below 256");
-	xh = static_cast<xdp_handle_t *>(calloc(1, sizeof (*xh)));
+	xh = static_cast<xdp_handle_t *>(calloc(1, sizeof(*xh)));
 	if (xh == NULL)
 		return frio_fail(FRIO_STATUS_FAILED, "out of memory");
 	xh->xh_fd = -1;
@@ -1072,14 +1085,14 @@ xdp_open(const char *ifname, int ifindex, struct frio_handle **hdlp)
 	 * another one. */
 	netns = frio_netns();
 
-	(void) pthread_mutex_lock(&xdp_lock);
+	(void)pthread_mutex_lock(&xdp_lock);
 	old_print = libbpf_set_print(xdp_libbpf_print);
 	if ((st = open_port(xh, netns, ifindex, queue, &new_port)) ==
-	    FRIO_STATUS_OK &&
+		FRIO_STATUS_OK &&
 	    (st = open_slot(xh)) == FRIO_STATUS_OK &&
 	    (st = open_socket(xh, ifname)) == FRIO_STATUS_OK &&
 	    (!new_port ||
-	    (st = open_steering(xh, ifname, netns)) == FRIO_STATUS_OK))
+		(st = open_steering(xh, ifname, netns)) == FRIO_STATUS_OK))
 		st = open_enter(xh, ifname);
 	if (st == FRIO_STATUS_OK) {
 		frio_debug("xdp: %s: handle on queue %u, slot %u, %s mode",
@@ -1089,8 +1102,8 @@ xdp_open(const char *ifname, int ifindex, struct frio_handle **hdlp)
 	} else {
 		handle_release(xh);
 	}
-	(void) libbpf_set_print(old_print);
-	(void) pthread_mutex_unlock(&xdp_lock);
+	(void)libbpf_set_print(old_print);
+	(void)pthread_mutex_unlock(&xdp_lock);
 	return st;
 }
 
@@ -1099,11 +1112,11 @@ xdp_close(struct frio_handle *hdl)
 {
 	libbpf_print_fn_t old_print;
 
-	(void) pthread_mutex_lock(&xdp_lock);
+	(void)pthread_mutex_lock(&xdp_lock);
 	old_print = libbpf_set_print(xdp_libbpf_print);
 	handle_release(xdp_of(hdl));
-	(void) libbpf_set_print(old_print);
-	(void) pthread_mutex_unlock(&xdp_lock);
+	(void)libbpf_set_print(old_print);
+	(void)pthread_mutex_unlock(&xdp_lock);
 }
 
 /* The steering key of a filter: the program matches only destinations. */
@@ -1112,14 +1125,15 @@ filter_key(const frio_filter_args_t *f, frio_steer_key *key)
 {
 	static const struct in6_addr any = IN6ADDR_ANY_INIT;
 
-	if (memcmp(&f->uf_src_ip, &any, sizeof (any)) != 0 ||
+	if (memcmp(&f->uf_src_ip, &any, sizeof(any)) != 0 ||
 	    f->uf_src_port != 0)
-		return frio_fail(FRIO_STATUS_NOTSUP, "the xdp backend cannot "
+		return frio_fail(FRIO_STATUS_NOTSUP,
+		    "the xdp backend cannot "
 		    "filter on the source address or port");
-	memset(key, 0, sizeof (*key));
-	memcpy(key->fk_mac, f->uf_macaddr, sizeof (key->fk_mac));
+	memset(key, 0, sizeof(*key));
+	memcpy(key->fk_mac, f->uf_macaddr, sizeof(key->fk_mac));
 	key->fk_port = f->uf_dst_port;
-	memcpy(key->fk_addr, &f->uf_dst_ip, sizeof (key->fk_addr));
+	memcpy(key->fk_addr, &f->uf_dst_ip, sizeof(key->fk_addr));
 	return FRIO_STATUS_OK;
 }
 
@@ -1132,8 +1146,7 @@ filter_key(const frio_filter_args_t *f, frio_steer_key *key)
  * queue.  Either keeps its traffic.
  */
 static frio_status_t
-filter_free(xdp_handle_t *xh, int fd, const frio_steer_key *key,
-    bool *mine)
+filter_free(xdp_handle_t *xh, int fd, const frio_steer_key *key, bool *mine)
 {
 	xdp_port_t *xp = xh->xh_port;
 	frio_steer_val cur;
@@ -1147,7 +1160,8 @@ filter_free(xdp_handle_t *xh, int fd, const frio_steer_key *key,
 	}
 	if (cur.fv_queue != xp->xp_queue ||
 	    (xp->xp_slots & (1U << (cur.fv_slot % FRIO_STEER_SLOTS_PER_QUEUE))))
-		return frio_fail(FRIO_STATUS_FAILED, "another handle already "
+		return frio_fail(FRIO_STATUS_FAILED,
+		    "another handle already "
 		    "receives for this address and port");
 	return FRIO_STATUS_OK;
 }
@@ -1160,7 +1174,7 @@ filter_enter(xdp_handle_t *xh, int fd, const frio_steer_key *key)
 	void *p;
 	int err;
 
-	p = realloc(xh->xh_keys, (xh->xh_nkeys + 1) * sizeof (*xh->xh_keys));
+	p = realloc(xh->xh_keys, (xh->xh_nkeys + 1) * sizeof(*xh->xh_keys));
 	if (p == NULL)
 		return frio_fail(FRIO_STATUS_FAILED, "out of memory");
 	xh->xh_keys = static_cast<frio_steer_key *>(p);
@@ -1170,8 +1184,10 @@ filter_enter(xdp_handle_t *xh, int fd, const frio_steer_key *key)
 		err = errno;
 		frio_debug("xdp: cannot install a filter: %s", strerror(err));
 		return err == E2BIG || err == ENOMEM ?
-		    frio_fail(FRIO_STATUS_FAILED, "the interface's filter "
-		    "table is full") : xdp_errno_status(err);
+		    frio_fail(FRIO_STATUS_FAILED,
+			"the interface's filter "
+			"table is full") :
+		    xdp_errno_status(err);
 	}
 	xh->xh_keys[xh->xh_nkeys++] = *key;
 	return FRIO_STATUS_OK;
@@ -1187,14 +1203,14 @@ xdp_setup_rx(struct frio_handle *hdl, const frio_filter_args_t *f,
 	bool mine;
 	int fd;
 
-	(void) next;
+	(void)next;
 	if ((st = filter_key(f, &key)) != FRIO_STATUS_OK)
 		return st;
-	(void) pthread_mutex_lock(&xdp_lock);
+	(void)pthread_mutex_lock(&xdp_lock);
 	fd = xh->xh_port->xp_iface->xi_filters_fd;
 	if ((st = filter_free(xh, fd, &key, &mine)) == FRIO_STATUS_OK && !mine)
 		st = filter_enter(xh, fd, &key);
-	(void) pthread_mutex_unlock(&xdp_lock);
+	(void)pthread_mutex_unlock(&xdp_lock);
 	return st;
 }
 
@@ -1206,12 +1222,12 @@ xdp_tx_alloc(struct frio_handle *hdl, void **bufp)
 
 	for (int attempt = 0; xh->xh_tx_frame == XDP_NO_FRAME; attempt++) {
 		if (xsk_prod_nb_free(&xh->xh_tx, 1) >= 1) {
-			(void) pthread_mutex_lock(&xp->xp_lock);
+			(void)pthread_mutex_lock(&xp->xp_lock);
 			if (xp->xp_nfree == 0)
 				port_reclaim(xp);
 			if (xp->xp_nfree != 0)
 				xh->xh_tx_frame = xp->xp_free[--xp->xp_nfree];
-			(void) pthread_mutex_unlock(&xp->xp_lock);
+			(void)pthread_mutex_unlock(&xp->xp_lock);
 			if (xh->xh_tx_frame != XDP_NO_FRAME)
 				break;
 		}
@@ -1265,7 +1281,7 @@ rx_kick(xdp_handle_t *xh)
 	    !xsk_ring_prod__needs_wakeup(&xh->xh_port->xp_fill))
 		return;
 	saved = errno;
-	(void) xsk_wake(xh->xh_fd, SYS_recvfrom);
+	(void)xsk_wake(xh->xh_fd, SYS_recvfrom);
 	errno = saved;
 }
 
@@ -1300,8 +1316,9 @@ xdp_rx_put(struct frio_handle *hdl, void *frame)
 	uint8_t *lent;
 	bool ok;
 
-	if (p < xp->xp_area || p >= xp->xp_area +
-	    static_cast<size_t>(XDP_RX_FRAMES) * XDP_FRAME_SIZE)
+	if (p < xp->xp_area ||
+	    p >= xp->xp_area +
+		    static_cast<size_t>(XDP_RX_FRAMES) * XDP_FRAME_SIZE)
 		return FRIO_STATUS_BADARG;
 	addr = static_cast<uint64_t>(p - xp->xp_area) &
 	    ~static_cast<uint64_t>(XDP_FRAME_SIZE - 1);
@@ -1312,9 +1329,9 @@ xdp_rx_put(struct frio_handle *hdl, void *frame)
 		return FRIO_STATUS_BADARG;
 	}
 	*lent = 0;
-	(void) pthread_mutex_lock(&xp->xp_lock);
+	(void)pthread_mutex_lock(&xp->xp_lock);
 	ok = port_fill(xp, addr);
-	(void) pthread_mutex_unlock(&xp->xp_lock);
+	(void)pthread_mutex_unlock(&xp->xp_lock);
 	if (!ok)
 		return FRIO_STATUS_FAILED;
 	rx_kick(xh);

@@ -58,9 +58,9 @@ frio_debug(const char *fmt, ...)
 
 		/* One write per line, so lines of threads do not mingle. */
 		va_start(ap, fmt);
-		(void) vsnprintf(line, sizeof (line), fmt, ap);
+		(void)vsnprintf(line, sizeof(line), fmt, ap);
 		va_end(ap);
-		(void) fprintf(stderr, "frio: %s\n", line);
+		(void)fprintf(stderr, "frio: %s\n", line);
 	}
 	errno = saved;
 }
@@ -84,7 +84,7 @@ frio_status_t
 frio_filter_add(frio_filter_set_t *set, const frio_filter_args_t *filter)
 {
 	for (int i = 0; i < set->fs_count; i++) {
-		if (memcmp(&set->fs_filter[i], filter, sizeof (*filter)) == 0)
+		if (memcmp(&set->fs_filter[i], filter, sizeof(*filter)) == 0)
 			return FRIO_STATUS_OK;
 	}
 	if (set->fs_count == FRIO_MAX_FILTERS)
@@ -163,7 +163,7 @@ frio_filter_match(const frio_filter_set_t *set, const void *frame, size_t len)
 		    memcmp(f + dst, fdst, alen) != 0 ||
 		    memcmp(f + ports + 2, &fl->uf_dst_port, 2) != 0)
 			continue;
-		if (!frio_is_zero(&fl->uf_src_ip, sizeof (fl->uf_src_ip)) &&
+		if (!frio_is_zero(&fl->uf_src_ip, sizeof(fl->uf_src_ip)) &&
 		    memcmp(f + src, fsrc, alen) != 0)
 			continue;
 		if (fl->uf_src_port != 0 &&
@@ -204,7 +204,8 @@ frio_pick_backend(const frio_backend_ops_t **opsp)
 		name = &frio_xdp_ops != nullptr ? "xdp" : "packet";
 	if (strcmp(name, "xdp") == 0) {
 		if (&frio_xdp_ops == nullptr)
-			return frio_fail(FRIO_STATUS_NOTSUP, "AF_XDP support "
+			return frio_fail(FRIO_STATUS_NOTSUP,
+			    "AF_XDP support "
 			    "was not built into libfrio (try "
 			    "FRIO_BACKEND=packet)");
 		*opsp = &frio_xdp_ops;
@@ -213,7 +214,8 @@ frio_pick_backend(const frio_backend_ops_t **opsp)
 	} else if (strcmp(name, "mem") == 0) {
 		*opsp = &frio_mem_ops;
 	} else {
-		return frio_fail(FRIO_STATUS_NOTSUP, "FRIO_BACKEND must be "
+		return frio_fail(FRIO_STATUS_NOTSUP,
+		    "FRIO_BACKEND must be "
 		    "xdp, packet or mem");
 	}
 	return FRIO_STATUS_OK;
@@ -228,25 +230,29 @@ frio_identify(const char *ifname, int *ifindexp, struct ether_addr *macp)
 
 	*ifindexp = static_cast<int>(if_nametoindex(ifname));
 	if (*ifindexp == 0)
-		return frio_fail(FRIO_STATUS_NOTFOUND, "interface not found "
+		return frio_fail(FRIO_STATUS_NOTFOUND,
+		    "interface not found "
 		    "in this network namespace");
 	fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
 	if (fd < 0)
 		fd = socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
 	if (fd < 0)
-		return frio_fail(FRIO_STATUS_FAILED, "cannot open a socket "
+		return frio_fail(FRIO_STATUS_FAILED,
+		    "cannot open a socket "
 		    "to read the interface's MAC address");
-	memset(&ifr, 0, sizeof (ifr));
-	(void) strncpy(ifr.ifr_name, ifname, sizeof (ifr.ifr_name) - 1);
+	memset(&ifr, 0, sizeof(ifr));
+	(void)strncpy(ifr.ifr_name, ifname, sizeof(ifr.ifr_name) - 1);
 	err = ioctl(fd, SIOCGIFHWADDR, &ifr);
-	(void) close(fd);
+	(void)close(fd);
 	if (err != 0)
-		return frio_fail(FRIO_STATUS_NOTFOUND, "interface not found "
+		return frio_fail(FRIO_STATUS_NOTFOUND,
+		    "interface not found "
 		    "(cannot read its MAC address)");
 	if (ifr.ifr_hwaddr.sa_family != ARPHRD_ETHER)
-		return frio_fail(FRIO_STATUS_NOTSUP, "not an Ethernet "
+		return frio_fail(FRIO_STATUS_NOTSUP,
+		    "not an Ethernet "
 		    "interface; frame access needs one");
-	memcpy(macp, ifr.ifr_hwaddr.sa_data, sizeof (*macp));
+	memcpy(macp, ifr.ifr_hwaddr.sa_data, sizeof(*macp));
 	return FRIO_STATUS_OK;
 }
 
@@ -260,7 +266,7 @@ frio_open(const char *ifname, frio_open_args_t *args, frio_handle_t *hdlp)
 	uint32_t n;
 	int ifindex;
 
-	(void) args;
+	(void)args;
 	frio_cause_clear();
 	if (hdlp == NULL || ifname == NULL || *ifname == '\0' ||
 	    strnlen(ifname, IF_NAMESIZE) >= IF_NAMESIZE)
@@ -279,7 +285,7 @@ frio_open(const char *ifname, frio_open_args_t *args, frio_handle_t *hdlp)
 		return st;
 	}
 	h->fh_ops = ops;
-	(void) snprintf(h->fh_ifname, sizeof (h->fh_ifname), "%s", ifname);
+	(void)snprintf(h->fh_ifname, sizeof(h->fh_ifname), "%s", ifname);
 	h->fh_ifindex = ifindex;
 	h->fh_netns = frio_netns();
 	h->fh_mac = mac;
@@ -290,10 +296,10 @@ frio_open(const char *ifname, frio_open_args_t *args, frio_handle_t *hdlp)
 	} while ((n & 0xffff) == 0);
 	h->fh_statid = static_cast<uint32_t>(ifindex) << 16 | (n & 0xffff);
 	h->fh_filters.fs_count = 0;
-	(void) pthread_mutex_lock(&frio_reg_lock);
+	(void)pthread_mutex_lock(&frio_reg_lock);
 	h->fh_next = frio_handles;
 	frio_handles = h;
-	(void) pthread_mutex_unlock(&frio_reg_lock);
+	(void)pthread_mutex_unlock(&frio_reg_lock);
 	frio_debug("%s: opened with the %s backend, index %d, statid %#x",
 	    ifname, ops->fb_name, ifindex, h->fh_statid);
 	*hdlp = h;
@@ -305,15 +311,15 @@ frio_close(frio_handle_t hdl)
 {
 	if (hdl == NULL)
 		return;
-	(void) pthread_mutex_lock(&frio_reg_lock);
+	(void)pthread_mutex_lock(&frio_reg_lock);
 	for (struct frio_handle **pp = &frio_handles; *pp != NULL;
-	    pp = &(*pp)->fh_next) {
+	     pp = &(*pp)->fh_next) {
 		if (*pp == hdl) {
 			*pp = hdl->fh_next;
 			break;
 		}
 	}
-	(void) pthread_mutex_unlock(&frio_reg_lock);
+	(void)pthread_mutex_unlock(&frio_reg_lock);
 	hdl->fh_ops->fb_close(hdl);
 }
 
@@ -330,7 +336,8 @@ EXPORT frio_status_t
 frio_setup_rx(frio_handle_t hdl, frio_filter_args_t *filter)
 {
 	static const struct in6_addr mapped_any = {
-	    { { 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 0, 0, 0, 0 } } };
+		{ { 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 0, 0, 0, 0 } }
+	};
 
 	frio_cause_clear();
 	if (hdl == NULL || filter == NULL)
@@ -341,16 +348,17 @@ frio_setup_rx(frio_handle_t hdl, frio_filter_args_t *filter)
 	if (filter->uf_dst_port == 0 ||
 	    IN6_IS_ADDR_UNSPECIFIED(&filter->uf_dst_ip) ||
 	    IN6_ARE_ADDR_EQUAL(&filter->uf_dst_ip, &mapped_any))
-		return frio_fail(FRIO_STATUS_BADARG, "a filter needs a "
+		return frio_fail(FRIO_STATUS_BADARG,
+		    "a filter needs a "
 		    "destination address and port");
 
 	frio_filter_set_t next;
 	frio_status_t st = FRIO_STATUS_OK;
 
-	(void) pthread_mutex_lock(&frio_reg_lock);
+	(void)pthread_mutex_lock(&frio_reg_lock);
 	next = hdl->fh_filters;
 	for (int i = 0; i < next.fs_count; i++) {
-		if (memcmp(&next.fs_filter[i], filter, sizeof (*filter)) == 0)
+		if (memcmp(&next.fs_filter[i], filter, sizeof(*filter)) == 0)
 			goto out;
 	}
 	/* Two sockets on one address and port: the first keeps its
@@ -360,8 +368,10 @@ frio_setup_rx(frio_handle_t hdl, frio_filter_args_t *filter)
 		    o->fh_netns != hdl->fh_netns)
 			continue;
 		for (int i = 0; i < o->fh_filters.fs_count; i++) {
-			if (frio_same_dst(&o->fh_filters.fs_filter[i], filter)) {
-				st = frio_fail(FRIO_STATUS_FAILED, "another "
+			if (frio_same_dst(&o->fh_filters.fs_filter[i],
+				filter)) {
+				st = frio_fail(FRIO_STATUS_FAILED,
+				    "another "
 				    "handle already receives for this address "
 				    "and port");
 				goto out;
@@ -374,7 +384,7 @@ frio_setup_rx(frio_handle_t hdl, frio_filter_args_t *filter)
 	if (st == FRIO_STATUS_OK)
 		hdl->fh_filters = next;
 out:
-	(void) pthread_mutex_unlock(&frio_reg_lock);
+	(void)pthread_mutex_unlock(&frio_reg_lock);
 	return st;
 }
 
@@ -406,8 +416,9 @@ frio_tx_vec(frio_handle_t hdl, frio_tx_args_t *args, const void *hdr,
 			return FRIO_STATUS_BADARG;
 		total += iov[i].iov_len;
 	}
-	st = frio_tx_plan(hdr, hdr_len, args != NULL &&
-	    args->ut_pkt_options == FRIO_TX_OPT_IPV6_CKSUM, &plan);
+	st = frio_tx_plan(hdr, hdr_len,
+	    args != NULL && args->ut_pkt_options == FRIO_TX_OPT_IPV6_CKSUM,
+	    &plan);
 	if (st != FRIO_STATUS_OK)
 		return st;
 	/* From here on nothing may fail: a taken buffer must be committed. */
@@ -457,20 +468,20 @@ frio_status_text(frio_status_t status)
 		return "invalid argument to the frame-access library";
 	case FRIO_STATUS_BADHDR:
 		return "frame headers are not Ethernet with IPv4 or IPv6 "
-		    "and UDP";
+		       "and UDP";
 	case FRIO_STATUS_TOOBIG:
 		return "frame larger than 1514 bytes; send less per datagram";
 	case FRIO_STATUS_NOTFOUND:
 		return "interface not found";
 	case FRIO_STATUS_NOTSUP:
 		return "interface or kernel does not support this backend "
-		    "(try FRIO_BACKEND=packet)";
+		       "(try FRIO_BACKEND=packet)";
 	case FRIO_STATUS_NOMEM:
 		return "no transmit room (or no received frame) right now; "
-		    "retry";
+		       "retry";
 	case FRIO_STATUS_DENIED:
 		return "permission denied: run as root or grant "
-		    "CAP_NET_ADMIN, CAP_NET_RAW and CAP_BPF";
+		       "CAP_NET_ADMIN, CAP_NET_RAW and CAP_BPF";
 	case FRIO_STATUS_DLERR:
 		return "frame-access library cannot be loaded";
 	case FRIO_STATUS_FAILED:
@@ -487,12 +498,12 @@ frio_status2str(frio_status_t status, char *buf, size_t len)
 	if (buf == NULL || len == 0)
 		return text != NULL ? text : "unknown frame-access status";
 	if (text == NULL)
-		(void) snprintf(buf, len, "unknown frame-access status %d",
+		(void)snprintf(buf, len, "unknown frame-access status %d",
 		    static_cast<int>(status));
 	else if (frio_cause != NULL && frio_cause_status == status)
-		(void) snprintf(buf, len, "%s", frio_cause);
+		(void)snprintf(buf, len, "%s", frio_cause);
 	else
-		(void) snprintf(buf, len, "%s", text);
+		(void)snprintf(buf, len, "%s", text);
 	return buf;
 }
 

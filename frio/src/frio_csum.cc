@@ -10,12 +10,12 @@
 
 #include <string.h>
 
-#define ETH_HLEN_ 14
-#define ETHERTYPE_IP_ 0x0800
+#define ETH_HLEN_       14
+#define ETHERTYPE_IP_   0x0800
 #define ETHERTYPE_IPV6_ 0x86dd
-#define IPPROTO_UDP_ 17
-#define UDP_HLEN 8
-#define UDP_CSUM_OFF 6
+#define IPPROTO_UDP_    17
+#define UDP_HLEN        8
+#define UDP_CSUM_OFF    6
 
 uint64_t
 frio_csum_add(uint64_t sum, const void *data, size_t len)
@@ -114,8 +114,8 @@ frio_tx_finish(void *frame, size_t len, const frio_tx_plan_t *plan)
 		uint8_t *ip = f + plan->tp_ip4_off;
 
 		memset(ip + 10, 0, 2);
-		c = static_cast<uint16_t>(~frio_csum_fold(
-		    frio_csum_add(0, ip, plan->tp_ip4_len)));
+		c = static_cast<uint16_t>(
+		    ~frio_csum_fold(frio_csum_add(0, ip, plan->tp_ip4_len)));
 		memcpy(ip + 10, &c, 2);
 	}
 	if (plan->tp_udp_off != 0) {
@@ -124,8 +124,8 @@ frio_tx_finish(void *frame, size_t len, const frio_tx_plan_t *plan)
 
 		memcpy(&seed, udp + UDP_CSUM_OFF, 2);
 		memset(udp + UDP_CSUM_OFF, 0, 2);
-		c = static_cast<uint16_t>(~frio_csum_fold(frio_csum_add(seed,
-		    udp, len - plan->tp_udp_off)));
+		c = static_cast<uint16_t>(~frio_csum_fold(
+		    frio_csum_add(seed, udp, len - plan->tp_udp_off)));
 		/* Zero on the wire means "no checksum" (and is invalid for
 		 * IPv6); its one's-complement twin is sent instead. */
 		if (c == 0)

@@ -17,9 +17,9 @@
  * every check happens before.
  */
 typedef struct frio_tx_plan {
-	uint16_t tp_ip4_off;	/* IPv4 header, or 0: no header checksum */
+	uint16_t tp_ip4_off; /* IPv4 header, or 0: no header checksum */
 	uint16_t tp_ip4_len;
-	uint16_t tp_udp_off;	/* UDP header, or 0: leave its checksum */
+	uint16_t tp_udp_off; /* UDP header, or 0: leave its checksum */
 } frio_tx_plan_t;
 
 /*

@@ -29,7 +29,7 @@ struct frio_handle {
 	const struct frio_backend_ops *fh_ops;
 	char fh_ifname[IF_NAMESIZE];
 	int fh_ifindex;
-	uint64_t fh_netns;	/* with fh_ifindex, names the interface */
+	uint64_t fh_netns; /* with fh_ifindex, names the interface */
 	struct ether_addr fh_mac;
 	uint32_t fh_statid;
 	/* The common code's list of open handles and each one's filters,
@@ -56,10 +56,10 @@ typedef struct frio_backend_ops {
 	frio_status_t (*fb_tx_alloc)(struct frio_handle *hdl, void **bufp);
 	/* Queues the built frame and wakes the kernel; the buffer is the
 	 * backend's again. */
-	frio_status_t (*fb_tx_commit)(struct frio_handle *hdl, void *buf,
-	    size_t len);
-	frio_status_t (*fb_rx_get)(struct frio_handle *hdl, void **framep,
-	    uint32_t *lenp);
+	frio_status_t (
+	    *fb_tx_commit)(struct frio_handle *hdl, void *buf, size_t len);
+	frio_status_t (
+	    *fb_rx_get)(struct frio_handle *hdl, void **framep, uint32_t *lenp);
 	frio_status_t (*fb_rx_put)(struct frio_handle *hdl, void *frame);
 	int (*fb_get_fd)(struct frio_handle *hdl);
 	/* Optional, for a backend without a real interface behind it: gives
@@ -75,12 +75,12 @@ extern const frio_backend_ops_t frio_packet_ops;
 extern const frio_backend_ops_t frio_xdp_ops __attribute__((weak));
 
 /* OK, or FRIO_STATUS_FAILED when the set is full. */
-frio_status_t frio_filter_add(frio_filter_set_t *set,
-    const frio_filter_args_t *filter);
+frio_status_t
+frio_filter_add(frio_filter_set_t *set, const frio_filter_args_t *filter);
 /* True when the frame is one that a filter of the set names: the rule
  * that every backend applies (see frio_filter_match in frio.cc). */
-bool frio_filter_match(const frio_filter_set_t *set, const void *frame,
-    size_t len);
+bool
+frio_filter_match(const frio_filter_set_t *set, const void *frame, size_t len);
 
 /*
  * The packet backend's socket filter for a set (classic BPF, the rule of

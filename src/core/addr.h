@@ -9,7 +9,6 @@
 #include <netinet/in.h>
 #include <string.h>
 
-
 static inline bool
 ost_is_loopback_v4(in_addr_t a)
 {

@@ -29,8 +29,8 @@ ost_open_handle_locked(uost_t *up)
 	st = ost_frio_open(up->uost_if_name, NULL, &up->uost_frio_hdl);
 	if (st != FRIO_STATUS_OK) {
 		ost_debug("frio_open (%s): %s\n", up->uost_if_name,
-		    ost_frio_status2str(st, buf, sizeof (buf)));
-		ost_err_exit(ost_frio_status2str(st, buf, sizeof (buf)));
+		    ost_frio_status2str(st, buf, sizeof(buf)));
+		ost_err_exit(ost_frio_status2str(st, buf, sizeof(buf)));
 		return false;
 	}
 	up->uost_frio_set = true;
@@ -48,16 +48,16 @@ ost_set_filter(uost_t *up, const struct in6_addr *addr, in_port_t port,
 	frio_status_t st;
 	char buf[128];
 
-	memset(&args, 0, sizeof (args));
+	memset(&args, 0, sizeof(args));
 	args.uf_type = FRIO_FILTER_MAC_IP_PORT;
-	memcpy(args.uf_macaddr, mac, sizeof (args.uf_macaddr));
+	memcpy(args.uf_macaddr, mac, sizeof(args.uf_macaddr));
 	args.uf_dst_ip = *addr;
 	args.uf_dst_port = port;
 	st = ost_frio->setup_rx(up->uost_frio_hdl, &args);
 	if (st != FRIO_STATUS_OK) {
 		ost_debug("frio_setup_rx: %s\n",
-		    ost_frio_status2str(st, buf, sizeof (buf)));
-		ost_err_exit(ost_frio_status2str(st, buf, sizeof (buf)));
+		    ost_frio_status2str(st, buf, sizeof(buf)));
+		ost_err_exit(ost_frio_status2str(st, buf, sizeof(buf)));
 		return false;
 	}
 	up->uost_filter_set = true;
@@ -73,7 +73,7 @@ ost_install_filters_locked(uost_t *up)
 	if (!up->uost_laddr_filtered &&
 	    !IN6_IS_ADDR_UNSPECIFIED(&up->uost_laddr_v6)) {
 		if (!ost_set_filter(up, &up->uost_laddr_v6, up->uost_lport,
-		    (const struct ether_addr *)up->uost_eth->ether_shost))
+			(const struct ether_addr *)up->uost_eth->ether_shost))
 			return false;
 		up->uost_laddr_filtered = true;
 	}

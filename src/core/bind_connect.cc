@@ -11,9 +11,9 @@
 #include "core/ost.h"
 
 typedef enum {
-	OST_BIND_GIVE_UP,	/* the bypass cannot serve this socket */
-	OST_BIND_KEEP,		/* nothing to attach yet */
-	OST_BIND_ATTACH		/* attach on uost_if_name */
+	OST_BIND_GIVE_UP, /* the bypass cannot serve this socket */
+	OST_BIND_KEEP,    /* nothing to attach yet */
+	OST_BIND_ATTACH   /* attach on uost_if_name */
 } ost_bind_next_t;
 
 /*
@@ -62,7 +62,7 @@ ost_bind_v6(uost_t *up, const struct sockaddr_in6 *sin6, uint32_t *if_index)
 	if (IN6_IS_ADDR_MULTICAST(a))
 		return OST_BIND_KEEP;
 	ost_tpl_set_saddr(up, a);
-	*if_index = sin6->sin6_scope_id;	/* which link, when it is scoped */
+	*if_index = sin6->sin6_scope_id; /* which link, when it is scoped */
 	up->uost_if_name[0] = '\0';
 	if (!ost_get_eaddr_v6(a, &mac, if_index, up->uost_if_name))
 		return OST_BIND_GIVE_UP;
@@ -74,7 +74,7 @@ static bool
 ost_bind_locked(uost_t *up)
 {
 	struct sockaddr_storage ss;
-	socklen_t len = sizeof (ss);
+	socklen_t len = sizeof(ss);
 	ost_bind_next_t next = OST_BIND_GIVE_UP;
 	uint32_t if_index = up->uost_if_index;
 
@@ -105,9 +105,9 @@ ost_bind(uost_t *up)
 {
 	bool ok;
 
-	(void) pthread_mutex_lock(&up->uost_lock);
+	(void)pthread_mutex_lock(&up->uost_lock);
 	ok = ost_bind_locked(up);
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	(void)pthread_mutex_unlock(&up->uost_lock);
 	if (ok)
 		return 0;
 	ost_del(up, true);
@@ -139,21 +139,24 @@ ost_connect(uost_t *up, const struct sockaddr *addr, socklen_t len)
 	 * peer.  Anything else (AF_UNSPEC dissolving the association, a
 	 * short address) leaves the kernel to decide what the socket is.
 	 */
-	if (addr == NULL || len < (up->uost_is_v6 ?
-	    sizeof (struct sockaddr_in6) : sizeof (struct sockaddr_in)) ||
+	if (addr == NULL ||
+	    len < (up->uost_is_v6 ? sizeof(struct sockaddr_in6) :
+				    sizeof(struct sockaddr_in)) ||
 	    addr->sa_family != (up->uost_is_v6 ? AF_INET6 : AF_INET)) {
 		ost_debug("%d leaves the bypass: family %d, length %u\n",
-		    up->uost_sd, addr != NULL &&
-		    len >= sizeof (sa_family_t) ? addr->sa_family : -1,
+		    up->uost_sd,
+		    addr != NULL && len >= sizeof(sa_family_t) ?
+			addr->sa_family :
+			-1,
 		    (unsigned)len);
 		ost_del(up, true);
 		return false;
 	}
-	(void) pthread_mutex_lock(&up->uost_lock);
+	(void)pthread_mutex_lock(&up->uost_lock);
 	ok = ost_set_destination(up, addr, false);
 	if (ok)
 		up->uost_connected = true;
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	(void)pthread_mutex_unlock(&up->uost_lock);
 	if (!ok)
 		ost_del(up, true);
 	return ok;

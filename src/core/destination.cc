@@ -46,7 +46,8 @@ ost_learn_port(uost_t *up, struct sockaddr *sa, socklen_t salen, bool do_bind)
 static bool
 ost_keeps_source(const uost_t *up)
 {
-	return up->uost_frio_set && !IN6_IS_ADDR_UNSPECIFIED(&up->uost_laddr_v6);
+	return up->uost_frio_set &&
+	    !IN6_IS_ADDR_UNSPECIFIED(&up->uost_laddr_v6);
 }
 
 /* A group destination: handle, source MAC and address came with the
@@ -94,10 +95,10 @@ ost_sendto_frio_set_v4(uost_t *up, const struct sockaddr_in *sin, bool do_bind)
 	if (!up->uost_bound) {
 		struct sockaddr_in any;
 
-		memset(&any, 0, sizeof (any));
+		memset(&any, 0, sizeof(any));
 		any.sin_family = AF_INET;
-		if (!ost_learn_port(up, (struct sockaddr *)&any,
-		    sizeof (any), do_bind))
+		if (!ost_learn_port(up, (struct sockaddr *)&any, sizeof(any),
+			do_bind))
 			return false;
 	}
 	ost_map_v4(&mapped, dst);
@@ -121,8 +122,8 @@ ost_sendto_frio_set_v4(uost_t *up, const struct sockaddr_in *sin, bool do_bind)
 	 * tables changed under us, and the kernel knows better.
 	 */
 	if (eaddr_if != route_if) {
-		ost_debug("neighbour if (%d) != route if (%d)\n",
-		    (int)eaddr_if, (int)route_if);
+		ost_debug("neighbour if (%d) != route if (%d)\n", (int)eaddr_if,
+		    (int)route_if);
 		return false;
 	}
 	ost_tpl_set_dst_mac(up, &mac);
@@ -159,7 +160,7 @@ ost_sendto_frio_set_v6(uost_t *up, const struct sockaddr_in6 *sin6,
 	if (!up->uost_bound) {
 		struct sockaddr_in6 local;
 
-		memset(&local, 0, sizeof (local));
+		memset(&local, 0, sizeof(local));
 		local.sin6_family = AF_INET6;
 		if (do_bind && ost_is_scoped_v6(dst) &&
 		    sin6->sin6_scope_id != 0) {
@@ -167,15 +168,16 @@ ost_sendto_frio_set_v6(uost_t *up, const struct sockaddr_in6 *sin6,
 			char scratch[OST_IFNAME_SIZE];
 
 			if (!ost_get_if_info_v6(sin6->sin6_scope_id, &want_ll,
-			    &local.sin6_addr, scratch)) {
+				&local.sin6_addr, scratch)) {
 				ost_debug("cannot find link local address "
-				    "on scope id: %u\n", sin6->sin6_scope_id);
+					  "on scope id: %u\n",
+				    sin6->sin6_scope_id);
 				return false;
 			}
 			local.sin6_scope_id = sin6->sin6_scope_id;
 		}
 		if (!ost_learn_port(up, (struct sockaddr *)&local,
-		    sizeof (local), do_bind))
+			sizeof(local), do_bind))
 			return false;
 	}
 	if (IN6_IS_ADDR_MULTICAST(dst))
@@ -219,6 +221,6 @@ ost_set_destination(uost_t *up, const struct sockaddr *to, bool do_bind)
 {
 	return up->uost_is_v6 ?
 	    ost_sendto_frio_set_v6(up, (const struct sockaddr_in6 *)to,
-	    do_bind) :
+		do_bind) :
 	    ost_sendto_frio_set_v4(up, (const struct sockaddr_in *)to, do_bind);
 }

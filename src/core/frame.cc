@@ -24,24 +24,46 @@
 /* Offsets from the first byte of the Ethernet header. */
 typedef struct ost_pkt_layout {
 	const char *pl_name;
-	size_t pl_payload;	/* the UDP payload */
-	size_t pl_len;		/* the IP length field */
-	size_t pl_len_base;	/* where the IP length field counts from */
-	size_t pl_len_min;	/* the least it may say: the UDP header */
-	size_t pl_proto;	/* protocol or next header */
+	size_t pl_payload;  /* the UDP payload */
+	size_t pl_len;      /* the IP length field */
+	size_t pl_len_base; /* where the IP length field counts from */
+	size_t pl_len_min;  /* the least it may say: the UDP header */
+	size_t pl_proto;    /* protocol or next header */
 	size_t pl_src;
 	size_t pl_dst;
 	size_t pl_addr_len;
-	size_t pl_udp;		/* the UDP header */
-	uint8_t pl_group_mask;	/* a group address's first byte, masked... */
-	uint8_t pl_group;	/* ...is this */
+	size_t pl_udp;         /* the UDP header */
+	uint8_t pl_group_mask; /* a group address's first byte, masked... */
+	uint8_t pl_group;      /* ...is this */
 } ost_pkt_layout_t;
 
 static const ost_pkt_layout_t ost_layout_v4 = {
-	"IPv4", OST_PKT_OFF_V4, 16, 14, 28, 23, 26, 30, 4, 34, 0xf0, 0xe0,
+	.pl_name = "IPv4",
+	.pl_payload = OST_PKT_OFF_V4,
+	.pl_len = 16,
+	.pl_len_base = 14,
+	.pl_len_min = 28,
+	.pl_proto = 23,
+	.pl_src = 26,
+	.pl_dst = 30,
+	.pl_addr_len = 4,
+	.pl_udp = 34,
+	.pl_group_mask = 0xf0,
+	.pl_group = 0xe0,
 };
 static const ost_pkt_layout_t ost_layout_v6 = {
-	"IPv6", OST_PKT_OFF_V6, 18, 54, 8, 20, 22, 38, 16, 54, 0xff, 0xff,
+	.pl_name = "IPv6",
+	.pl_payload = OST_PKT_OFF_V6,
+	.pl_len = 18,
+	.pl_len_base = 54,
+	.pl_len_min = 8,
+	.pl_proto = 20,
+	.pl_src = 22,
+	.pl_dst = 38,
+	.pl_addr_len = 16,
+	.pl_udp = 54,
+	.pl_group_mask = 0xff,
+	.pl_group = 0xff,
 };
 
 static inline const ost_pkt_layout_t *
@@ -62,7 +84,7 @@ port_at(const uint8_t *p)
 {
 	in_port_t port;
 
-	memcpy(&port, p, sizeof (port));
+	memcpy(&port, p, sizeof(port));
 	return port;
 }
 
@@ -92,13 +114,15 @@ ost_check_pkt(const uost_t *up, const uint8_t *frame, size_t framelen,
 	/* A group's frames carry the group, not the local address; only
 	 * the socket's own group filters bring them here. */
 	if ((memcmp(laddr, ost_zero_addr, l->pl_addr_len) != 0 &&
-	    memcmp(laddr, frame + l->pl_dst, l->pl_addr_len) != 0 &&
-	    (frame[l->pl_dst] & l->pl_group_mask) != l->pl_group) ||
+		memcmp(laddr, frame + l->pl_dst, l->pl_addr_len) != 0 &&
+		(frame[l->pl_dst] & l->pl_group_mask) != l->pl_group) ||
 	    pi->pi_dport != up->uost_lport)
 		return OST_PKT_NOT_FOR_US;
-	if (up->uost_connected && (pi->pi_sport != up->uost_fport ||
-	    memcmp(frame + l->pl_src, ost_addr_bytes(up, &up->uost_faddr_v6),
-	    l->pl_addr_len) != 0))
+	if (up->uost_connected &&
+	    (pi->pi_sport != up->uost_fport ||
+		memcmp(frame + l->pl_src,
+		    ost_addr_bytes(up, &up->uost_faddr_v6),
+		    l->pl_addr_len) != 0))
 		return OST_PKT_FOREIGN;
 	return OST_PKT_ACCEPT;
 }
@@ -112,17 +136,21 @@ ost_pkt_verdict_fatal(ost_pkt_verdict_t v, const uost_t *up,
 
 	switch (v) {
 	case OST_PKT_NOT_UDP:
-		(void) fprintf(stderr, "Not %s/UDP packet received: proto %u\n",
+		(void)fprintf(stderr, "Not %s/UDP packet received: proto %u\n",
 		    family, pi->pi_proto);
 		break;
 	case OST_PKT_TRUNCATED:
-		(void) fprintf(stderr, "Truncated %s packet (len %lu) "
-		    "received\n", family, (unsigned long)framelen);
+		(void)fprintf(stderr,
+		    "Truncated %s packet (len %lu) "
+		    "received\n",
+		    family, (unsigned long)framelen);
 		break;
 	case OST_PKT_NOT_FOR_US:
-		(void) fprintf(stderr, "Packet not for us received: my port %d, "
-		    "packet dst port %d, data len %lu\n", ntohs(up->uost_lport),
-		    ntohs(pi->pi_dport), (unsigned long)pi->pi_len);
+		(void)fprintf(stderr,
+		    "Packet not for us received: my port %d, "
+		    "packet dst port %d, data len %lu\n",
+		    ntohs(up->uost_lport), ntohs(pi->pi_dport),
+		    (unsigned long)pi->pi_len);
 		break;
 	default:
 		return;
@@ -140,22 +168,23 @@ ost_pkt_from(const uost_t *up, const uint8_t *frame, in_port_t sport,
 	if (up->uost_is_v6) {
 		struct sockaddr_in6 *sin6 = (struct sockaddr_in6 *)from;
 
-		if (*fromlen < (socklen_t)sizeof (*sin6))
+		if (*fromlen < (socklen_t)sizeof(*sin6))
 			return;
-		*fromlen = sizeof (*sin6);
+		*fromlen = sizeof(*sin6);
 		sin6->sin6_family = AF_INET6;
 		sin6->sin6_port = sport;
 		sin6->sin6_flowinfo = 0;
 		memcpy(&sin6->sin6_addr, frame + l->pl_src, l->pl_addr_len);
 		/* As the kernel does: a link-local sender needs its link. */
 		sin6->sin6_scope_id = IN6_IS_ADDR_LINKLOCAL(&sin6->sin6_addr) ?
-		    up->uost_if_index : 0;
+		    up->uost_if_index :
+		    0;
 	} else {
 		struct sockaddr_in *sin = (struct sockaddr_in *)from;
 
-		if (*fromlen < (socklen_t)sizeof (*sin))
+		if (*fromlen < (socklen_t)sizeof(*sin))
 			return;
-		*fromlen = sizeof (*sin);
+		*fromlen = sizeof(*sin);
 		sin->sin_family = AF_INET;
 		sin->sin_port = sport;
 		memcpy(&sin->sin_addr, frame + l->pl_src, l->pl_addr_len);
@@ -185,13 +214,14 @@ ost_parse_pkt(uost_t *up, const void *frame, uint8_t **payload, size_t *len,
 	if (from != NULL)
 		ost_pkt_from(up, f, pi.pi_sport, from, fromlen);
 	if (payload != NULL)
-		*payload = const_cast<uint8_t *>(f) + ost_layout(up)->pl_payload;
+		*payload =
+		    const_cast<uint8_t *>(f) + ost_layout(up)->pl_payload;
 	return true;
 }
 
 ssize_t
-ost_copy_pkt_cut(uost_t *up, struct msghdr *msg, const void *frame,
-    size_t len, bool *cut)
+ost_copy_pkt_cut(uost_t *up, struct msghdr *msg, const void *frame, size_t len,
+    bool *cut)
 {
 	socklen_t *fromlen = msg->msg_name != NULL ? &msg->msg_namelen : NULL;
 	uint8_t *p;

@@ -26,7 +26,7 @@ ost_env_cleanup(const char *name)
 		return;
 	copy = strdup(value);
 	if (copy == NULL) {
-		(void) unsetenv(name);
+		(void)unsetenv(name);
 		return;
 	}
 	start = strstr(copy, "ostrel.so");
@@ -39,7 +39,7 @@ ost_env_cleanup(const char *name)
 	for (end = start; *end != '\0' && *end != ' '; end++)
 		*end = ' ';
 	if (setenv(name, copy, 1) != 0)
-		(void) unsetenv(name);
+		(void)unsetenv(name);
 	free(copy);
 }
 
@@ -70,14 +70,14 @@ ost_list_argv(const char *arg0, va_list ap, char *const **envpp)
 		n++;
 	va_end(count);
 
-	argv = (char **)malloc((n + 2) * sizeof (char *));
+	argv = (char **)malloc((n + 2) * sizeof(char *));
 	if (argv == NULL)
 		return NULL;
 	argv[0] = (char *)arg0;
 	for (size_t i = 1; i <= n; i++)
 		argv[i] = va_arg(ap, char *);
 	argv[n + 1] = NULL;
-	(void) va_arg(ap, char *);	/* the terminating null */
+	(void)va_arg(ap, char *); /* the terminating null */
 	if (envpp != NULL)
 		*envpp = va_arg(ap, char *const *);
 	return argv;

@@ -8,12 +8,12 @@
 
 #include "core/ost.h"
 
-uint32_t send_busy_wait_cnt = 15;	/* immutable after start-up */
-uint32_t recv_sleep_time = 500;		/* immutable after start-up */
-int32_t poll_usec;			/* immutable after start-up */
-int recv_mode = RCV_BUSY_WAIT;		/* immutable after start-up */
+uint32_t send_busy_wait_cnt = 15; /* immutable after start-up */
+uint32_t recv_sleep_time = 500;   /* immutable after start-up */
+int32_t poll_usec;                /* immutable after start-up */
+int recv_mode = RCV_BUSY_WAIT;    /* immutable after start-up */
 
-volatile int ost_initialised;		/* set last by ost_init() */
+volatile int ost_initialised; /* set last by ost_init() */
 
 static int
 env_int(const char *name, int absent)

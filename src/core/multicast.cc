@@ -39,7 +39,7 @@ ost_join_if_name(uost_t *up, uint32_t if_index, const char *if_name)
 	}
 	/* IPv6 groups live on links that have a link-local address. */
 	if (!ost_get_if_info_v6(if_index, &want_ll, &scratch,
-	    up->uost_if_name)) {
+		up->uost_if_name)) {
 		ost_debug("cannot get IPv6 multicast interface: idx %d\n",
 		    (int)if_index);
 		return false;
@@ -74,9 +74,9 @@ ost_multicast_join(uost_t *up, uint32_t if_index, const char *if_name,
 {
 	bool ok;
 
-	(void) pthread_mutex_lock(&up->uost_lock);
+	(void)pthread_mutex_lock(&up->uost_lock);
 	ok = ost_multicast_join_locked(up, if_index, if_name, group);
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	(void)pthread_mutex_unlock(&up->uost_lock);
 	return ok ? 0 : -1;
 }
 
@@ -87,17 +87,17 @@ ost_multicast_join(uost_t *up, uint32_t if_index, const char *if_name,
  * teardown waits for.  Leaving anything else changes nothing.
  */
 int
-ost_multicast_leave(uost_t *up, uint32_t if_index,
-    const struct in6_addr *group)
+ost_multicast_leave(uost_t *up, uint32_t if_index, const struct in6_addr *group)
 {
 	bool recorded = false;
 
-	(void) pthread_mutex_lock(&up->uost_lock);
+	(void)pthread_mutex_lock(&up->uost_lock);
 	if (up->uost_frio_set && if_index == up->uost_if_index) {
 		for (uint32_t i = 0; i < up->uost_ngroups && !recorded; i++)
-			recorded = IN6_ARE_ADDR_EQUAL(group, &up->uost_groups[i]);
+			recorded =
+			    IN6_ARE_ADDR_EQUAL(group, &up->uost_groups[i]);
 	}
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	(void)pthread_mutex_unlock(&up->uost_lock);
 	return recorded ? -1 : 0;
 }
 
@@ -136,7 +136,7 @@ ost_mcast_if_locked(uost_t *up, uint32_t if_index, const char *name,
 			/* Filters cannot follow to another interface. */
 			if (up->uost_filter_set || up->uost_bound) {
 				ost_debug("receive filter set on different "
-				    "interface (%d vs %d)\n",
+					  "interface (%d vs %d)\n",
 				    (int)up->uost_if_index, (int)if_index);
 				return false;
 			}
@@ -159,7 +159,7 @@ ost_process_mcast_if(uost_t *up, int optname, const void *optval)
 	bool ok;
 
 	OST_VERIFY(optname == IP_MULTICAST_IF || optname == IPV6_MULTICAST_IF);
-	memset(name, 0, sizeof (name));
+	memset(name, 0, sizeof(name));
 	if (optname == IP_MULTICAST_IF) {
 		ok = ost_mcast_if_v4((const ost_mcast_if_t *)optval, &if_index,
 		    name, &addr);
@@ -169,8 +169,8 @@ ost_process_mcast_if(uost_t *up, int optname, const void *optval)
 	}
 	if (!ok)
 		return -1;
-	(void) pthread_mutex_lock(&up->uost_lock);
+	(void)pthread_mutex_lock(&up->uost_lock);
 	ok = ost_mcast_if_locked(up, if_index, name, &addr);
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	(void)pthread_mutex_unlock(&up->uost_lock);
 	return ok ? 0 : -1;
 }

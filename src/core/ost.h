@@ -29,13 +29,16 @@
 #include "os/verify.h"
 #include "resolve/resolve.h"
 
-typedef enum { RCV_POLL = 0, RCV_BUSY_WAIT = 1 } uost_recv_mode_t;
+typedef enum {
+	RCV_POLL = 0,
+	RCV_BUSY_WAIT = 1
+} uost_recv_mode_t;
 
-#define OST_NBUCKETS 11
-#define OST_RECV_BUF_SIZE 2048	/* receive stash: one whole frame */
-#define OST_HDR_SIZE 64		/* 2 bytes of alignment + Ethernet + IPv6 + UDP */
-#define OST_ETH_OFFSET 2	/* puts the IP header on a 4-byte boundary */
-#define OST_MAX_GROUPS 20	/* the kernel's default IP_MAX_MEMBERSHIPS */
+#define OST_NBUCKETS      11
+#define OST_RECV_BUF_SIZE 2048 /* receive stash: one whole frame */
+#define OST_HDR_SIZE      64 /* 2 bytes of alignment + Ethernet + IPv6 + UDP */
+#define OST_ETH_OFFSET    2  /* puts the IP header on a 4-byte boundary */
+#define OST_MAX_GROUPS    20 /* the kernel's default IP_MAX_MEMBERSHIPS */
 
 /*
  * One bypass socket.  Fields are read and written under uost_lock unless
@@ -44,43 +47,43 @@ typedef enum { RCV_POLL = 0, RCV_BUSY_WAIT = 1 } uost_recv_mode_t;
  */
 typedef struct uost_s {
 	int uost_sd;
-	frio_handle_t uost_frio_hdl;		/* valid while uost_frio_set */
+	frio_handle_t uost_frio_hdl; /* valid while uost_frio_set */
 	alignas(8) uint8_t uost_hdr[OST_HDR_SIZE];
-	size_t uost_hdr_len;			/* Ethernet to end of UDP */
-	size_t uost_ip_hdr_len;			/* IP + UDP */
+	size_t uost_hdr_len;    /* Ethernet to end of UDP */
+	size_t uost_ip_hdr_len; /* IP + UDP */
 	struct ether_header *uost_eth;
-	struct ip *uost_iph;			/* null for IPv6 */
-	struct ip6_hdr *uost_ip6h;		/* null for IPv4 */
+	struct ip *uost_iph;       /* null for IPv6 */
+	struct ip6_hdr *uost_ip6h; /* null for IPv4 */
 	struct udphdr *uost_udph;
-	struct in6_addr uost_laddr_v6;		/* IPv4 as ::ffff:a.b.c.d */
+	struct in6_addr uost_laddr_v6; /* IPv4 as ::ffff:a.b.c.d */
 	struct in6_addr uost_faddr_v6;
-	in_port_t uost_lport;			/* network order */
-	in_port_t uost_fport;			/* network order */
-	uint32_t uost_uc_hops;			/* 0: not set */
-	uint32_t uost_mc_hops;			/* 0: not set */
-	struct in6_addr uost_ip_maddr_v6;	/* the last group joined */
-	struct in6_addr uost_groups[OST_MAX_GROUPS];	/* on the handle's
+	in_port_t uost_lport;                        /* network order */
+	in_port_t uost_fport;                        /* network order */
+	uint32_t uost_uc_hops;                       /* 0: not set */
+	uint32_t uost_mc_hops;                       /* 0: not set */
+	struct in6_addr uost_ip_maddr_v6;            /* the last group joined */
+	struct in6_addr uost_groups[OST_MAX_GROUPS]; /* on the handle's
 							   interface */
 	uint32_t uost_ngroups;
-	uint32_t uost_groups_filtered;	/* uost_groups[0..n) have filters */
-	bool uost_laddr_filtered;	/* the own-address filter is installed */
+	uint32_t uost_groups_filtered; /* uost_groups[0..n) have filters */
+	bool uost_laddr_filtered;      /* the own-address filter is installed */
 	bool uost_is_v6;
 	bool uost_bound;
-	bool uost_mc_bind;		/* group datagrams leave by the handle */
+	bool uost_mc_bind; /* group datagrams leave by the handle */
 	bool uost_peer_set;
-	bool uost_filter_set;		/* some filter is installed */
+	bool uost_filter_set; /* some filter is installed */
 	bool uost_frio_set;
 	bool uost_connected;
 	bool uost_kernel_set;
-	bool uost_nonblock;	/* read unlocked by waiting receivers */
-	hrtime_t uost_rcvtimeo;	/* SO_RCVTIMEO in ns, 0: none */
-	bool uost_closing;	/* read unlocked, through a trylock */
+	bool uost_nonblock;     /* read unlocked by waiting receivers */
+	hrtime_t uost_rcvtimeo; /* SO_RCVTIMEO in ns, 0: none */
+	bool uost_closing;      /* read unlocked, through a trylock */
 	bool uost_receiving;
 	bool uost_want_recv;
-	bool uost_sd_closed;	/* close() ran while another teardown owned
+	bool uost_sd_closed;      /* close() ran while another teardown owned
 				   the record: leave the descriptor alone */
-	char *uost_recv_buf;			/* OST_RECV_BUF_SIZE bytes */
-	size_t uost_recv_buf_len;		/* 0: empty; the receive slot */
+	char *uost_recv_buf;      /* OST_RECV_BUF_SIZE bytes */
+	size_t uost_recv_buf_len; /* 0: empty; the receive slot */
 	pthread_cond_t uost_recv_cv;
 	uint32_t uost_refcnt;
 	pthread_cond_t uost_cv;
@@ -88,14 +91,14 @@ typedef struct uost_s {
 	uint32_t uost_if_index;
 	char uost_if_name[OST_IFNAME_SIZE];
 	so_ost_stats_t uost_stats;
-	list_node_t uost_list;			/* bucket lock */
-	struct fd_tbl *uost_bucket;		/* immutable */
+	list_node_t uost_list;      /* bucket lock */
+	struct fd_tbl *uost_bucket; /* immutable */
 } uost_t;
 
 /* One registry bucket, padded so that neighbours' locks do not share a line. */
 typedef struct fd_tbl {
 	pthread_mutex_t ft_lock;
-	list_t ft_head;			/* of uost_t, through uost_list */
+	list_t ft_head; /* of uost_t, through uost_list */
 	char ft_pad[32];
 } fd_tbl_t;
 
@@ -153,8 +156,8 @@ void ost_hdr_csum_v4(struct ip *iph, struct udphdr *udph);
 void ost_hdr_csum_v6(struct ip6_hdr *ip6h, struct udphdr *udph);
 
 /* The destination set-up (core/destination.cc), uost_lock held. */
-bool ost_sendto_frio_set_v4(uost_t *up, const struct sockaddr_in *sin,
-    bool do_bind);
+bool
+ost_sendto_frio_set_v4(uost_t *up, const struct sockaddr_in *sin, bool do_bind);
 bool ost_sendto_frio_set_v6(uost_t *up, const struct sockaddr_in6 *sin6,
     bool do_bind);
 bool ost_set_destination(uost_t *up, const struct sockaddr *to, bool do_bind);
@@ -177,22 +180,22 @@ ssize_t ost_sendto(int sd, const void *buf, size_t len, int flags,
 ssize_t ost_send_call(int sd, const void *buf, size_t len, int flags);
 ssize_t ost_write_call(int sd, const void *buf, size_t len);
 ssize_t ost_sendmsg_call(int sd, const struct msghdr *msg, int flags);
-int ost_sendmmsg_call(int sd, struct mmsghdr *vec, unsigned int vlen,
-    int flags);
+int
+ost_sendmmsg_call(int sd, struct mmsghdr *vec, unsigned int vlen, int flags);
 
 /* Socket options: 0 keeps the socket on the bypass, -1 takes it off. */
 int ost_setsockopt(int sd, int level, int optname, const void *optval,
     socklen_t optlen);
-int ost_getsockopt(int sd, int level, int optname, void *optval,
-    socklen_t *optlen);
+int
+ost_getsockopt(int sd, int level, int optname, void *optval, socklen_t *optlen);
 int ost_process_v4_opt(uost_t *up, int optname, const void *optval,
     socklen_t optlen);
 int ost_process_v6_opt(uost_t *up, int optname, const void *optval);
 
 /* Multicast membership and the outgoing interface: 0, or -1 to leave. */
 typedef struct ost_mcast_if {
-	struct in_addr omi_addr;	/* an address of the interface... */
-	uint32_t omi_index;		/* ...or its index, when not 0 */
+	struct in_addr omi_addr; /* an address of the interface... */
+	uint32_t omi_index;      /* ...or its index, when not 0 */
 } ost_mcast_if_t;
 /* group: IPv6, or IPv4-mapped; if_name: null to find it from if_index. */
 int ost_multicast_join(uost_t *up, uint32_t if_index, const char *if_name,

@@ -27,7 +27,7 @@
 #include "os/frio_loader.h"
 
 #define OST_POLL_SLICE_MS 50
-#define OST_NEVER INT64_MAX
+#define OST_NEVER         INT64_MAX
 
 #define OST_POLL_READ (POLLIN | POLLRDNORM)
 
@@ -38,7 +38,7 @@ ost_rx_ready(uost_t *up, bool validate)
 	void *frame;
 	bool ready = false;
 
-	(void) ost_recv_slot_take(up, false);
+	(void)ost_recv_slot_take(up, false);
 	if (up->uost_recv_buf_len != 0) {
 		ready = true;
 	} else {
@@ -52,14 +52,14 @@ ost_rx_ready(uost_t *up, bool validate)
 				/* dropped: not readable */
 			} else if (rx.ur_pkt_len > OST_RECV_BUF_SIZE) {
 				ost_debug("frame too long for the receive "
-				    "stash (len %lu): dropped\n",
+					  "stash (len %lu): dropped\n",
 				    (unsigned long)rx.ur_pkt_len);
 			} else if (rx.ur_pkt_len != 0) {
 				memcpy(up->uost_recv_buf, frame, rx.ur_pkt_len);
 				up->uost_recv_buf_len = rx.ur_pkt_len;
 				ready = true;
 			}
-			(void) ost_frio->rx_put(up->uost_frio_hdl, frame);
+			(void)ost_frio->rx_put(up->uost_frio_hdl, frame);
 		}
 	}
 	ost_recv_slot_give(up);
@@ -108,7 +108,10 @@ ost_release_tbl(fd_uost_t *tbl, nfds_t n)
 		ost_release(tbl[i].up);
 }
 
-typedef enum { OST_WAIT_DONE, OST_WAIT_RESTART } ost_wait_t;
+typedef enum {
+	OST_WAIT_DONE,
+	OST_WAIT_RESTART
+} ost_wait_t;
 
 /*
  * After a pass or a slice that found nothing: DONE when self is being torn
@@ -116,8 +119,7 @@ typedef enum { OST_WAIT_DONE, OST_WAIT_RESTART } ost_wait_t;
  * sockets is, so that its teardown need not wait for this call.
  */
 static bool
-ost_any_closing(uost_t *self, const fd_uost_t *tbl, nfds_t n,
-    ost_wait_t *what)
+ost_any_closing(uost_t *self, const fd_uost_t *tbl, nfds_t n, ost_wait_t *what)
 {
 	if (self != NULL && ost_seen_closing(self)) {
 		*what = OST_WAIT_DONE;
@@ -140,7 +142,7 @@ ost_any_closing(uost_t *self, const fd_uost_t *tbl, nfds_t n,
 typedef struct ost_pollset {
 	fd_uost_t *ps_tbl;
 	nfds_t ps_nb;
-	struct pollfd *ps_kfds;		/* the caller's array when ps_nb is 0 */
+	struct pollfd *ps_kfds; /* the caller's array when ps_nb is 0 */
 	bool *ps_ready;
 } ost_pollset_t;
 
@@ -160,7 +162,7 @@ ost_pollset_close(ost_pollset_t *ps, struct pollfd *fds)
 static int
 ost_pollset_open(ost_pollset_t *ps, struct pollfd *fds, nfds_t nfds)
 {
-	memset(ps, 0, sizeof (*ps));
+	memset(ps, 0, sizeof(*ps));
 	ps->ps_kfds = fds;
 	for (nfds_t i = 0; i < nfds; i++) {
 		uost_t *up = ost_find_sd(fds[i].fd);
@@ -171,8 +173,9 @@ ost_pollset_open(ost_pollset_t *ps, struct pollfd *fds, nfds_t nfds)
 			ost_release(up);
 			continue;
 		}
-		if (ps->ps_tbl == NULL && (ps->ps_tbl =
-		    (fd_uost_t *)calloc(nfds, sizeof (fd_uost_t))) == NULL) {
+		if (ps->ps_tbl == NULL &&
+		    (ps->ps_tbl = (fd_uost_t *)calloc(nfds,
+			 sizeof(fd_uost_t))) == NULL) {
 			ost_release(up);
 			return -1;
 		}
@@ -183,7 +186,7 @@ ost_pollset_open(ost_pollset_t *ps, struct pollfd *fds, nfds_t nfds)
 	if (ps->ps_nb == 0)
 		return 0;
 	ps->ps_kfds = (struct pollfd *)calloc(nfds + ps->ps_nb,
-	    sizeof (struct pollfd) + sizeof (bool));
+	    sizeof(struct pollfd) + sizeof(bool));
 	if (ps->ps_kfds == NULL) {
 		ps->ps_kfds = fds;
 		ost_pollset_close(ps, fds);
@@ -205,7 +208,7 @@ ost_pollset_arm(ost_pollset_t *ps, const struct pollfd *fds, nfds_t nfds)
 	}
 	if (ps->ps_nb == 0)
 		return false;
-	memcpy(ps->ps_kfds, fds, nfds * sizeof (struct pollfd));
+	memcpy(ps->ps_kfds, fds, nfds * sizeof(struct pollfd));
 	for (nfds_t j = 0; j < ps->ps_nb; j++) {
 		struct pollfd *k = &ps->ps_kfds[nfds + j];
 
@@ -252,7 +255,8 @@ ost_pollset_collect(ost_pollset_t *ps, struct pollfd *fds, nfds_t nfds,
 static int
 ost_poll_kernel(uost_t *self, struct pollfd *fds, nfds_t nfds, int timeout)
 {
-	hrtime_t deadline = timeout < 0 ? OST_NEVER :
+	hrtime_t deadline = timeout < 0 ?
+	    OST_NEVER :
 	    ost_deadline_after((hrtime_t)timeout * 1000000);
 	ost_pollset_t ps;
 	int ret;
@@ -290,15 +294,14 @@ restart:
 }
 
 static int
-ost_busy_poll(uost_t *self, struct pollfd *fds, nfds_t nfds,
-    hrtime_t timeout)
+ost_busy_poll(uost_t *self, struct pollfd *fds, nfds_t nfds, hrtime_t timeout)
 {
 	hrtime_t deadline = ost_deadline_after(timeout);
 
 	if (nfds == 0)
 		return ost_poll_kernel(self, fds, 0, ost_ns_to_ms(timeout));
 restart:
-	fd_uost_t *tbl = (fd_uost_t *)calloc(nfds, sizeof (*tbl));
+	fd_uost_t *tbl = (fd_uost_t *)calloc(nfds, sizeof(*tbl));
 	int n = 0;
 
 	if (tbl == NULL)
@@ -342,15 +345,15 @@ restart:
 				break;
 			ost_release_tbl(tbl, nfds);
 			free(tbl);
-			timeout = deadline == OST_NEVER ? -1 :
-			    deadline - gethrtime();
+			timeout =
+			    deadline == OST_NEVER ? -1 : deadline - gethrtime();
 			if (timeout < 0 && deadline != OST_NEVER)
 				timeout = 0;
 			goto restart;
 		}
 		ost_sleep(recv_sleep_time);
 	}
-	ost_release_tbl(tbl, nfds);	/* each asserts the count is above 1 */
+	ost_release_tbl(tbl, nfds); /* each asserts the count is above 1 */
 	free(tbl);
 	return n;
 }
@@ -368,11 +371,13 @@ ost_poll_wait(uost_t *self, struct pollfd *fds, nfds_t nfds, int timeout)
 	int r;
 
 	if (usec == -1)
-		return ost_busy_poll(self, fds, nfds, (hrtime_t)timeout * 1000000);
+		return ost_busy_poll(self, fds, nfds,
+		    (hrtime_t)timeout * 1000000);
 	if (usec == 0)
 		return ost_poll_kernel(self, fds, nfds, timeout);
 	if (timeout > 0 && (hrtime_t)timeout * 1000 <= usec)
-		return ost_busy_poll(self, fds, nfds, (hrtime_t)timeout * 1000000);
+		return ost_busy_poll(self, fds, nfds,
+		    (hrtime_t)timeout * 1000000);
 	r = ost_busy_poll(self, fds, nfds, (hrtime_t)usec * 1000);
 	if (r != 0)
 		return r;
@@ -404,14 +409,14 @@ ost_poll(struct pollfd *fds, nfds_t nfds, int timeout)
  * deadline 0: no limit.
  */
 static int
-ost_select_by_poll(int lim, fd_set *readfds, fd_set *writefds,
-    fd_set *errorfds, hrtime_t deadline)
+ost_select_by_poll(int lim, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
+    hrtime_t deadline)
 {
 	struct pollfd *pfds;
 	nfds_t n = 0;
 	int ms = -1, r, k = 0;
 
-	pfds = (struct pollfd *)calloc((size_t)lim + 1, sizeof (*pfds));
+	pfds = (struct pollfd *)calloc((size_t)lim + 1, sizeof(*pfds));
 	if (pfds == NULL)
 		return -1;
 	for (int fd = 0; fd < lim; fd++) {
@@ -431,8 +436,9 @@ ost_select_by_poll(int lim, fd_set *readfds, fd_set *writefds,
 	if (deadline != 0) {
 		hrtime_t left = deadline - gethrtime();
 
-		ms = left <= 0 ? 0 : left / 1000000 + 1 > INT_MAX ? INT_MAX :
-		    (int)(left / 1000000 + 1);
+		ms = left <= 0                   ? 0 :
+		    left / 1000000 + 1 > INT_MAX ? INT_MAX :
+						   (int)(left / 1000000 + 1);
 	}
 	r = ost_poll(pfds, n, ms);
 	if (r < 0) {
@@ -474,10 +480,10 @@ ost_select_by_poll(int lim, fd_set *readfds, fd_set *writefds,
 
 /* What one pass of select found on the bypass sockets of the sets. */
 typedef struct ost_select_pass {
-	fd_set sp_rd;		/* readable bypass sockets */
-	fd_set sp_wr;		/* writable bypass sockets */
-	int sp_n;		/* bits set in both */
-	bool sp_any_bypass;	/* the sets name a bypass socket */
+	fd_set sp_rd;       /* readable bypass sockets */
+	fd_set sp_wr;       /* writable bypass sockets */
+	int sp_n;           /* bits set in both */
+	bool sp_any_bypass; /* the sets name a bypass socket */
 } ost_select_pass_t;
 
 /*
@@ -514,8 +520,7 @@ ost_select_bypass(int lim, fd_set *readfds, fd_set *writefds,
 
 /* The bypass sockets found ready, added to the kernel's answer k. */
 static int
-ost_select_merge(int lim, fd_set *sets[3], const ost_select_pass_t *sp,
-    int k)
+ost_select_merge(int lim, fd_set *sets[3], const ost_select_pass_t *sp, int k)
 {
 	/* A failed kernel pass says nothing of the others. */
 	if (k == -1) {
@@ -544,9 +549,11 @@ ost_select_deadline(const struct timeval *timeout)
 		return 0;
 	if (timeout->tv_sec < 0 || timeout->tv_usec < 0)
 		return -1;
-	t = timeout->tv_sec > OST_NEVER / NANOSEC - 1 ? OST_NEVER - NANOSEC :
+	t = timeout->tv_sec > OST_NEVER / NANOSEC - 1 ?
+	    OST_NEVER - NANOSEC :
 	    (hrtime_t)timeout->tv_sec * NANOSEC;
-	t += timeout->tv_usec > (OST_NEVER - t) / 1000 ? OST_NEVER - t :
+	t += timeout->tv_usec > (OST_NEVER - t) / 1000 ?
+	    OST_NEVER - t :
 	    (hrtime_t)timeout->tv_usec * 1000;
 	return ost_deadline_after(t);
 }
@@ -570,7 +577,7 @@ ost_select_spin(int nfds, fd_set *sets[3], fd_set *const saved[3],
 		ost_select_pass_t sp;
 		int k;
 
-		memset(&sp, 0, sizeof (sp));
+		memset(&sp, 0, sizeof(sp));
 		FD_ZERO(&sp.sp_rd);
 		FD_ZERO(&sp.sp_wr);
 		ost_select_bypass(lim, sets[0], sets[1], &sp);
@@ -600,7 +607,7 @@ ost_select_spin(int nfds, fd_set *sets[3], fd_set *const saved[3],
 			return k;
 		for (int s = 0; s < 3; s++) {
 			if (sets[s] != NULL)
-				memcpy(sets[s], saved[s], sizeof (fd_set));
+				memcpy(sets[s], saved[s], sizeof(fd_set));
 		}
 		if (spin_end == 0)
 			spin_end = gethrtime() + OST_SELECT_SPIN_NS;
@@ -628,7 +635,7 @@ ost_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
 	for (int s = 0; s < 3; s++) {
 		saved[s] = sets[s] != NULL ? &saved_sets[s] : NULL;
 		if (sets[s] != NULL)
-			memcpy(saved[s], sets[s], sizeof (fd_set));
+			memcpy(saved[s], sets[s], sizeof(fd_set));
 	}
 	k = ost_select_spin(nfds, sets, saved, timeout, &deadline);
 	err = errno;

@@ -26,20 +26,20 @@
 bool
 ost_recv_slot_take(uost_t *up, bool leave_if_closing)
 {
-	(void) pthread_mutex_lock(&up->uost_lock);
+	(void)pthread_mutex_lock(&up->uost_lock);
 	for (;;) {
 		if (leave_if_closing && up->uost_closing) {
-			(void) pthread_mutex_unlock(&up->uost_lock);
+			(void)pthread_mutex_unlock(&up->uost_lock);
 			return false;
 		}
 		if (!up->uost_receiving)
 			break;
 		up->uost_want_recv = true;
-		(void) pthread_cond_wait(&up->uost_recv_cv, &up->uost_lock);
+		(void)pthread_cond_wait(&up->uost_recv_cv, &up->uost_lock);
 	}
 	up->uost_receiving = true;
 	up->uost_want_recv = false;
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	(void)pthread_mutex_unlock(&up->uost_lock);
 	return true;
 }
 
@@ -53,15 +53,15 @@ ost_recv_slot_give_locked(uost_t *up)
 {
 	up->uost_receiving = false;
 	if (up->uost_want_recv)
-		(void) pthread_cond_broadcast(&up->uost_recv_cv);
+		(void)pthread_cond_broadcast(&up->uost_recv_cv);
 }
 
 void
 ost_recv_slot_give(uost_t *up)
 {
-	(void) pthread_mutex_lock(&up->uost_lock);
+	(void)pthread_mutex_lock(&up->uost_lock);
 	ost_recv_slot_give_locked(up);
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	(void)pthread_mutex_unlock(&up->uost_lock);
 }
 
 /*
@@ -76,7 +76,7 @@ ost_seen_closing(uost_t *up)
 
 	if (pthread_mutex_trylock(&up->uost_lock) == 0) {
 		closing = up->uost_closing;
-		(void) pthread_mutex_unlock(&up->uost_lock);
+		(void)pthread_mutex_unlock(&up->uost_lock);
 	}
 	return closing;
 }
@@ -121,7 +121,7 @@ ost_recv_handle(uost_t *up, struct msghdr *msg, int flags, bool *cut)
 			kept = true;
 		}
 		n = ost_copy_pkt_cut(up, msg, frame, rx.ur_pkt_len, cut);
-		(void) ost_frio->rx_put(up->uost_frio_hdl, frame);
+		(void)ost_frio->rx_put(up->uost_frio_hdl, frame);
 		if (n < 0 && kept)
 			up->uost_recv_buf_len = 0;
 	} while (n < 0);
@@ -132,11 +132,11 @@ ost_recv_handle(uost_t *up, struct msghdr *msg, int flags, bool *cut)
 static ssize_t
 ost_recv_fail(uost_t *up, bool holds_slot, int err)
 {
-	(void) pthread_mutex_lock(&up->uost_lock);
+	(void)pthread_mutex_lock(&up->uost_lock);
 	if (holds_slot)
 		ost_recv_slot_give_locked(up);
 	ost_release_locked(up);
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	(void)pthread_mutex_unlock(&up->uost_lock);
 	errno = err;
 	return -1;
 }
@@ -158,7 +158,7 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 		poll_ms = ms > INT_MAX ? INT_MAX : (int)ms;
 		deadline = gethrtime();
 		deadline = timeout > INT64_MAX - deadline ? INT64_MAX :
-		    deadline + timeout;
+							    deadline + timeout;
 		if (timeout < pause)
 			pause = timeout;
 	}
@@ -172,7 +172,9 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 			n = ost_recv_handle(up, msg, flags, &cut);
 			if (n >= 0)
 				goto delivered;
-			if (__atomic_load_n(&up->uost_nonblock, __ATOMIC_RELAXED) || (flags & MSG_DONTWAIT))
+			if (__atomic_load_n(&up->uost_nonblock,
+				__ATOMIC_RELAXED) ||
+			    (flags & MSG_DONTWAIT))
 				return ost_recv_fail(up, true, EAGAIN);
 			if (deadline != 0 && gethrtime() >= deadline)
 				return ost_recv_fail(up, true, EAGAIN);
@@ -203,9 +205,9 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 
 		if (r == 0) {
 			/* Time-out, or poll saw the socket being torn down. */
-			(void) pthread_mutex_lock(&up->uost_lock);
+			(void)pthread_mutex_lock(&up->uost_lock);
 			bool closing = up->uost_closing;
-			(void) pthread_mutex_unlock(&up->uost_lock);
+			(void)pthread_mutex_unlock(&up->uost_lock);
 			return ost_recv_fail(up, false,
 			    closing ? EBADF : EAGAIN);
 		}
@@ -216,13 +218,13 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 delivered:
 	msg->msg_controllen = 0;
 	msg->msg_flags = cut ? MSG_TRUNC : 0;
-	(void) pthread_mutex_lock(&up->uost_lock);
+	(void)pthread_mutex_lock(&up->uost_lock);
 	up->uost_stats.osts_ipkts++;
 	if (paused)
 		up->uost_stats.osts_ipkts_spin++;
 	ost_recv_slot_give_locked(up);
 	ost_release_locked(up);
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	(void)pthread_mutex_unlock(&up->uost_lock);
 	return n;
 }
 
@@ -236,9 +238,9 @@ ost_rx_served(uost_t *up)
 {
 	bool served;
 
-	(void) pthread_mutex_lock(&up->uost_lock);
+	(void)pthread_mutex_lock(&up->uost_lock);
 	served = up->uost_frio_set && up->uost_filter_set;
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	(void)pthread_mutex_unlock(&up->uost_lock);
 	return served;
 }
 
@@ -272,7 +274,7 @@ ost_recvfrom_call(int fd, void *buf, size_t len, int flags,
 
 	if (up == NULL)
 		return real_recvfrom(fd, buf, len, flags, from, fromlen);
-	memset(&msg, 0, sizeof (msg));
+	memset(&msg, 0, sizeof(msg));
 	msg.msg_name = from;
 	msg.msg_namelen = fromlen != NULL ? *fromlen : 0;
 	msg.msg_iov = &iov;
@@ -292,7 +294,7 @@ ost_read_call(int fd, void *buf, size_t len)
 
 	if (up == NULL)
 		return real_read(fd, buf, len);
-	memset(&msg, 0, sizeof (msg));
+	memset(&msg, 0, sizeof(msg));
 	msg.msg_iov = &iov;
 	msg.msg_iovlen = 1;
 	return ost_recvmsg(up, &msg, 0, ost_rcvtimeo(up));
@@ -339,15 +341,17 @@ ost_recvmmsg_call(int fd, struct mmsghdr *vec, unsigned int vlen, int flags,
 		if (!ost_msg_ok(&vec[i].msg_hdr))
 			return real_recvmmsg(fd, vec, vlen, flags, timeout);
 	}
-	if (timeout != NULL && (timeout->tv_sec < 0 || timeout->tv_nsec < 0 ||
-	    timeout->tv_nsec >= NANOSEC))
+	if (timeout != NULL &&
+	    (timeout->tv_sec < 0 || timeout->tv_nsec < 0 ||
+		timeout->tv_nsec >= NANOSEC))
 		return real_recvmmsg(fd, vec, vlen, flags, timeout);
 	up = ost_recv_record(fd);
 	if (up == NULL)
 		return real_recvmmsg(fd, vec, vlen, flags, timeout);
 	if (timeout != NULL) {
 		t = timeout->tv_sec > (INT64_MAX - NANOSEC) / NANOSEC ?
-		    INT64_MAX - NANOSEC : (hrtime_t)timeout->tv_sec * NANOSEC;
+		    INT64_MAX - NANOSEC :
+		    (hrtime_t)timeout->tv_sec * NANOSEC;
 		t += timeout->tv_nsec;
 		if (t <= 0) {
 			ost_release(up);

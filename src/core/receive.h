@@ -8,8 +8,8 @@
 #include "core/ost.h"
 
 /* Bytes from the start of a frame to the UDP payload. */
-#define OST_PKT_OFF_V4 42	/* Ethernet 14 + IPv4 20 + UDP 8 */
-#define OST_PKT_OFF_V6 62	/* Ethernet 14 + IPv6 40 + UDP 8 */
+#define OST_PKT_OFF_V4 42 /* Ethernet 14 + IPv4 20 + UDP 8 */
+#define OST_PKT_OFF_V6 62 /* Ethernet 14 + IPv6 40 + UDP 8 */
 
 /* Batches longer than this go to the C library whole. */
 #define OST_RECV_BATCH_MAX 1024
@@ -19,20 +19,20 @@
  * go on; the last three end it (ost_parse_pkt).
  */
 typedef enum {
-	OST_PKT_ACCEPT,		/* the socket's: deliver it */
-	OST_PKT_FOREIGN,	/* connected socket, another peer: drop */
-	OST_PKT_SHORT,		/* shorter than its own headers: drop */
+	OST_PKT_ACCEPT,  /* the socket's: deliver it */
+	OST_PKT_FOREIGN, /* connected socket, another peer: drop */
+	OST_PKT_SHORT,   /* shorter than its own headers: drop */
 	OST_PKT_NOT_UDP,
-	OST_PKT_TRUNCATED,	/* its IP length runs past the frame */
-	OST_PKT_NOT_FOR_US	/* another address or port */
+	OST_PKT_TRUNCATED, /* its IP length runs past the frame */
+	OST_PKT_NOT_FOR_US /* another address or port */
 } ost_pkt_verdict_t;
 
 /* The facts a verdict rests on, for the caller's outputs and messages. */
 typedef struct ost_pkt_info {
-	unsigned pi_proto;	/* protocol or next-header byte */
-	size_t pi_len;		/* UDP payload bytes, once the lengths hold */
-	in_port_t pi_dport;	/* network order */
-	in_port_t pi_sport;	/* network order */
+	unsigned pi_proto;  /* protocol or next-header byte */
+	size_t pi_len;      /* UDP payload bytes, once the lengths hold */
+	in_port_t pi_dport; /* network order */
+	in_port_t pi_sport; /* network order */
 } ost_pkt_info_t;
 
 /*
@@ -58,8 +58,7 @@ bool ost_parse_pkt(uost_t *up, const void *frame, uint8_t **payload,
  * goes to msg_name.  Bytes copied, or -1 when the frame is dropped.  Uses
  * only msg_name, msg_namelen, msg_iov and msg_iovlen; sets no errno.
  */
-ssize_t ost_copy_pkt(uost_t *up, struct msghdr *msg, void *frame,
-    size_t len);
+ssize_t ost_copy_pkt(uost_t *up, struct msghdr *msg, void *frame, size_t len);
 /* The same; *cut says whether part of the payload did not fit. */
 ssize_t ost_copy_pkt_cut(uost_t *up, struct msghdr *msg, const void *frame,
     size_t len, bool *cut);
@@ -77,15 +76,14 @@ void ost_recv_slot_give_locked(uost_t *up);
  * waits for the record's lock can tell. */
 bool ost_seen_closing(uost_t *up);
 
-
 /*
  * One datagram into msg; timeout in nanoseconds, 0 for none.  Consumes
  * the caller's reference.  Bytes copied, or -1 with errno.  On delivery
  * msg_controllen is 0 and msg_flags says MSG_TRUNC when the datagram was
  * cut.
  */
-ssize_t ost_recvmsg(uost_t *up, struct msghdr *msg, int flags,
-    hrtime_t timeout);
+ssize_t
+ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout);
 
 /*
  * Whether a datagram waits for the socket: the stash holds a frame, or one
@@ -102,12 +100,12 @@ ssize_t ost_recvfrom_call(int fd, void *buf, size_t len, int flags,
     struct sockaddr *from, socklen_t *fromlen);
 ssize_t ost_read_call(int fd, void *buf, size_t len);
 ssize_t ost_recvmsg_call(int fd, struct msghdr *msg, int flags);
-int ost_recvmmsg_call(int fd, struct mmsghdr *vec, unsigned int vlen,
-    int flags, struct timespec *timeout);
+int ost_recvmmsg_call(int fd, struct mmsghdr *vec, unsigned int vlen, int flags,
+    struct timespec *timeout);
 
 /* One bypass socket of a poll call, with a reference held on it. */
 typedef struct fd_uost {
-	nfds_t idx;		/* in the caller's pollfd array */
+	nfds_t idx; /* in the caller's pollfd array */
 	uost_t *up;
 } fd_uost_t;
 
@@ -119,9 +117,8 @@ int busy_poll(struct pollfd *fds, nfds_t nfds, hrtime_t timeout);
  * poll for the receive engine waiting on self's descriptor: returns 0 as
  * soon as it sees self being torn down.  self may be null.
  */
-int ost_poll_wait(uost_t *self, struct pollfd *fds, nfds_t nfds,
-    int timeout);
-int ost_select(int nfds, fd_set *readfds, fd_set *writefds,
-    fd_set *errorfds, struct timeval *timeout);
+int ost_poll_wait(uost_t *self, struct pollfd *fds, nfds_t nfds, int timeout);
+int ost_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
+    struct timeval *timeout);
 
 #endif /* OST_CORE_RECEIVE_H */

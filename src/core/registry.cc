@@ -16,7 +16,7 @@
 
 #include "core/ost.h"
 
-fd_tbl_t fd_tbl_array[OST_NBUCKETS];	/* see fd_tbl_t */
+fd_tbl_t fd_tbl_array[OST_NBUCKETS]; /* see fd_tbl_t */
 
 void
 ost_registry_init(void)
@@ -24,7 +24,7 @@ ost_registry_init(void)
 	for (int i = 0; i < OST_NBUCKETS; i++) {
 		fd_tbl_t *ft = &fd_tbl_array[i];
 
-		list_create(&ft->ft_head, sizeof (uost_t),
+		list_create(&ft->ft_head, sizeof(uost_t),
 		    offsetof(uost_t, uost_list));
 		if (pthread_mutex_init(&ft->ft_lock, NULL) != 0) {
 			ost_debug("cannot init mutex\n");
@@ -52,15 +52,14 @@ ost_add(int sd, int family)
 	uost_t *up;
 	fd_tbl_t *ft;
 
-	up = (uost_t *)calloc(1, sizeof (*up));
+	up = (uost_t *)calloc(1, sizeof(*up));
 	if (up == NULL) {
 		ost_debug("cannot allocate ost entry: %d\n", sd);
 		return ost_add_fail();
 	}
 	up->uost_recv_buf = (char *)malloc(OST_RECV_BUF_SIZE);
 	if (up->uost_recv_buf == NULL) {
-		ost_debug("cannot allocate ost recv buf: %d\n",
-		    sd);
+		ost_debug("cannot allocate ost recv buf: %d\n", sd);
 		free(up);
 		return ost_add_fail();
 	}
@@ -71,11 +70,11 @@ ost_add(int sd, int family)
 	if (pthread_mutex_init(&up->uost_lock, NULL) != 0) {
 		fail = "uost_lock";
 	} else if (pthread_cond_init(&up->uost_cv, NULL) != 0) {
-		(void) pthread_mutex_destroy(&up->uost_lock);
+		(void)pthread_mutex_destroy(&up->uost_lock);
 		fail = "uost_cv";
 	} else if (pthread_cond_init(&up->uost_recv_cv, NULL) != 0) {
-		(void) pthread_cond_destroy(&up->uost_cv);
-		(void) pthread_mutex_destroy(&up->uost_lock);
+		(void)pthread_cond_destroy(&up->uost_cv);
+		(void)pthread_mutex_destroy(&up->uost_lock);
 		fail = "uost_recv_cv";
 	}
 	if (fail != NULL) {
@@ -88,9 +87,9 @@ ost_add(int sd, int family)
 
 	ft = ost_bucket(sd);
 	up->uost_bucket = ft;
-	(void) pthread_mutex_lock(&ft->ft_lock);
+	(void)pthread_mutex_lock(&ft->ft_lock);
 	list_insert_head(&ft->ft_head, up);
-	(void) pthread_mutex_unlock(&ft->ft_lock);
+	(void)pthread_mutex_unlock(&ft->ft_lock);
 	return true;
 }
 
@@ -100,16 +99,16 @@ ost_find_sd(int sd)
 	fd_tbl_t *ft = ost_bucket(sd);
 	uost_t *up;
 
-	(void) pthread_mutex_lock(&ft->ft_lock);
+	(void)pthread_mutex_lock(&ft->ft_lock);
 	/* Newest first: a reused descriptor finds its newest record. */
 	for (up = (uost_t *)list_head(&ft->ft_head); up != NULL;
-	    up = (uost_t *)list_next(&ft->ft_head, up)) {
+	     up = (uost_t *)list_next(&ft->ft_head, up)) {
 		if (up->uost_sd == sd)
 			break;
 	}
 	if (up != NULL)
 		ost_hold(up);
-	(void) pthread_mutex_unlock(&ft->ft_lock);
+	(void)pthread_mutex_unlock(&ft->ft_lock);
 	return up;
 }
 
@@ -117,10 +116,10 @@ ost_find_sd(int sd)
 void
 ost_hold(uost_t *up)
 {
-	(void) pthread_mutex_lock(&up->uost_lock);
+	(void)pthread_mutex_lock(&up->uost_lock);
 	OST_VERIFY(up->uost_refcnt != 0);
 	up->uost_refcnt++;
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	(void)pthread_mutex_unlock(&up->uost_lock);
 }
 
 /* For callers that hold uost_lock already; the lock stays held. */
@@ -129,15 +128,15 @@ ost_release_locked(uost_t *up)
 {
 	OST_VERIFY((up)->uost_refcnt > 1);
 	if (--up->uost_refcnt == 2)
-		(void) pthread_cond_signal(&up->uost_cv);
+		(void)pthread_cond_signal(&up->uost_cv);
 }
 
 void
 ost_release(uost_t *up)
 {
-	(void) pthread_mutex_lock(&up->uost_lock);
+	(void)pthread_mutex_lock(&up->uost_lock);
 	ost_release_locked(up);
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	(void)pthread_mutex_unlock(&up->uost_lock);
 }
 
 /*
@@ -147,12 +146,12 @@ ost_release(uost_t *up)
 static void
 ost_destroy(uost_t *up)
 {
-	(void) pthread_mutex_destroy(&up->uost_lock);
-	(void) pthread_cond_destroy(&up->uost_cv);
-	(void) pthread_cond_destroy(&up->uost_recv_cv);
+	(void)pthread_mutex_destroy(&up->uost_lock);
+	(void)pthread_cond_destroy(&up->uost_cv);
+	(void)pthread_cond_destroy(&up->uost_recv_cv);
 	free(up->uost_recv_buf);
 	/* Poison before freeing, so that a use after free is loud. */
-	memset(up, 0xa5, sizeof (*up));
+	memset(up, 0xa5, sizeof(*up));
 	free(up);
 }
 
@@ -163,9 +162,9 @@ ost_drain_locked(uost_t *up)
 	OST_VERIFY(up->uost_refcnt >= 2);
 	up->uost_closing = true;
 	/* Wake a receiver that waits for the receive slot: it must leave. */
-	(void) pthread_cond_broadcast(&up->uost_recv_cv);
+	(void)pthread_cond_broadcast(&up->uost_recv_cv);
 	while (up->uost_refcnt > 2)
-		(void) pthread_cond_wait(&up->uost_cv, &up->uost_lock);
+		(void)pthread_cond_wait(&up->uost_cv, &up->uost_lock);
 }
 
 /*
@@ -176,10 +175,10 @@ ost_drain_locked(uost_t *up)
 static void
 ost_teardown(uost_t *up, bool sd_open)
 {
-	(void) pthread_mutex_lock(&up->uost_lock);
+	(void)pthread_mutex_lock(&up->uost_lock);
 	ost_drain_locked(up);
 	ost_detach_locked(up, sd_open && !up->uost_sd_closed);
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	(void)pthread_mutex_unlock(&up->uost_lock);
 	ost_destroy(up);
 }
 
@@ -189,11 +188,11 @@ ost_del(uost_t *up, bool sd_open)
 	fd_tbl_t *ft = up->uost_bucket;
 	bool mine;
 
-	(void) pthread_mutex_lock(&ft->ft_lock);
+	(void)pthread_mutex_lock(&ft->ft_lock);
 	mine = list_link_active(&up->uost_list);
 	if (mine)
 		list_remove(&ft->ft_head, up);
-	(void) pthread_mutex_unlock(&ft->ft_lock);
+	(void)pthread_mutex_unlock(&ft->ft_lock);
 
 	if (mine) {
 		ost_teardown(up, sd_open);
@@ -204,11 +203,11 @@ ost_del(uost_t *up, bool sd_open)
 	 * If the kernel socket is gone (we are close()), say so, lest it take
 	 * the socket off the bypass on a reused descriptor.
 	 */
-	(void) pthread_mutex_lock(&up->uost_lock);
+	(void)pthread_mutex_lock(&up->uost_lock);
 	if (!sd_open)
 		up->uost_sd_closed = true;
 	ost_release_locked(up);
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	(void)pthread_mutex_unlock(&up->uost_lock);
 }
 
 void
@@ -218,13 +217,14 @@ ost_del_all(void)
 		fd_tbl_t *ft = &fd_tbl_array[i];
 		uost_t *up;
 
-		(void) pthread_mutex_lock(&ft->ft_lock);
-		while ((up = (uost_t *)list_remove_head(&ft->ft_head)) != NULL) {
-			(void) pthread_mutex_unlock(&ft->ft_lock);
-			ost_hold(up);		/* the teardown's own */
+		(void)pthread_mutex_lock(&ft->ft_lock);
+		while (
+		    (up = (uost_t *)list_remove_head(&ft->ft_head)) != NULL) {
+			(void)pthread_mutex_unlock(&ft->ft_lock);
+			ost_hold(up); /* the teardown's own */
 			ost_teardown(up, true);
-			(void) pthread_mutex_lock(&ft->ft_lock);
+			(void)pthread_mutex_lock(&ft->ft_lock);
 		}
-		(void) pthread_mutex_unlock(&ft->ft_lock);
+		(void)pthread_mutex_unlock(&ft->ft_lock);
 	}
 }

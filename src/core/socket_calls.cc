@@ -31,7 +31,7 @@ ost_socket(int domain, int type, int protocol)
 	if (sd == -1 || !ost_wants_record(domain, type, protocol))
 		return sd;
 	if (!ost_add(sd, domain)) {
-		(void) real_close(sd);
+		(void)real_close(sd);
 		ost_debug("bypass socket creation failed\n");
 		errno = ENOMEM;
 		return -1;
@@ -40,10 +40,11 @@ ost_socket(int domain, int type, int protocol)
 		uost_t *up = ost_find_sd(sd);
 
 		if (up != NULL) {
-			(void) pthread_mutex_lock(&up->uost_lock);
-			__atomic_store_n(&up->uost_nonblock, true, __ATOMIC_RELAXED);
+			(void)pthread_mutex_lock(&up->uost_lock);
+			__atomic_store_n(&up->uost_nonblock, true,
+			    __ATOMIC_RELAXED);
 			ost_release_locked(up);
-			(void) pthread_mutex_unlock(&up->uost_lock);
+			(void)pthread_mutex_unlock(&up->uost_lock);
 		}
 	}
 	return sd;
@@ -72,10 +73,10 @@ ost_set_nonblock(int fd, bool on)
 
 	if (up == NULL)
 		return;
-	(void) pthread_mutex_lock(&up->uost_lock);
+	(void)pthread_mutex_lock(&up->uost_lock);
 	__atomic_store_n(&up->uost_nonblock, on, __ATOMIC_RELAXED);
 	ost_release_locked(up);
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	(void)pthread_mutex_unlock(&up->uost_lock);
 }
 
 /*

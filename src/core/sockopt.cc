@@ -16,28 +16,47 @@
 #include "core/addr.h"
 #include "core/ost.h"
 
-typedef enum { OST_OPT_KEEP = 0, OST_OPT_LEAVE = -1 } ost_opt_result_t;
+typedef enum {
+	OST_OPT_KEEP = 0,
+	OST_OPT_LEAVE = -1
+} ost_opt_result_t;
 
 /* Options the bypass path cannot honour, by level. */
 static bool
 ost_v4_opt_leaves(int optname)
 {
 	switch (optname) {
-	case IP_OPTIONS: case IP_RECVOPTS:
-	case IP_RETOPTS: /* also IP_RECVRETOPTS */ case IP_RECVTTL:
+	case IP_OPTIONS:
+	case IP_RECVOPTS:
+	case IP_RETOPTS: /* also IP_RECVRETOPTS */
+	case IP_RECVTTL:
 	case IP_MULTICAST_LOOP:
-	case IP_BLOCK_SOURCE: case IP_UNBLOCK_SOURCE:
-	case IP_ADD_SOURCE_MEMBERSHIP: case IP_DROP_SOURCE_MEMBERSHIP:
-	case IP_PKTINFO: case IP_MTU_DISCOVER:
-	case IP_IPSEC_POLICY: case IP_XFRM_POLICY:
-	case MCAST_BLOCK_SOURCE: case MCAST_UNBLOCK_SOURCE:
-	case MCAST_JOIN_SOURCE_GROUP: case MCAST_LEAVE_SOURCE_GROUP:
+	case IP_BLOCK_SOURCE:
+	case IP_UNBLOCK_SOURCE:
+	case IP_ADD_SOURCE_MEMBERSHIP:
+	case IP_DROP_SOURCE_MEMBERSHIP:
+	case IP_PKTINFO:
+	case IP_MTU_DISCOVER:
+	case IP_IPSEC_POLICY:
+	case IP_XFRM_POLICY:
+	case MCAST_BLOCK_SOURCE:
+	case MCAST_UNBLOCK_SOURCE:
+	case MCAST_JOIN_SOURCE_GROUP:
+	case MCAST_LEAVE_SOURCE_GROUP:
 	/* Linux's own: ancillary data and error queues on receive... */
-	case IP_RECVTOS: case IP_RECVERR: case IP_RECVERR_RFC4884:
-	case IP_RECVORIGDSTADDR: case IP_RECVFRAGSIZE: case IP_PASSSEC:
+	case IP_RECVTOS:
+	case IP_RECVERR:
+	case IP_RECVERR_RFC4884:
+	case IP_RECVORIGDSTADDR:
+	case IP_RECVFRAGSIZE:
+	case IP_PASSSEC:
 	/* ...and routing or delivery that the bypass does not follow. */
-	case IP_UNICAST_IF: case IP_TRANSPARENT: case IP_MINTTL:
-	case IP_ROUTER_ALERT: case IP_MULTICAST_ALL: case IP_MSFILTER:
+	case IP_UNICAST_IF:
+	case IP_TRANSPARENT:
+	case IP_MINTTL:
+	case IP_ROUTER_ALERT:
+	case IP_MULTICAST_ALL:
+	case IP_MSFILTER:
 	case MCAST_MSFILTER:
 		return true;
 	default:
@@ -49,23 +68,52 @@ static bool
 ost_v6_opt_leaves(int optname)
 {
 	switch (optname) {
-	case IPV6_MULTICAST_LOOP: case IPV6_PKTINFO: case IPV6_HOPLIMIT:
-	case IPV6_NEXTHOP: case IPV6_HOPOPTS: case IPV6_DSTOPTS:
-	case IPV6_RTHDR: case IPV6_RTHDRDSTOPTS: case IPV6_RECVPKTINFO:
-	case IPV6_RECVHOPLIMIT: case IPV6_RECVHOPOPTS: case IPV6_RECVRTHDR:
-	case IPV6_CHECKSUM: case IPV6_RECVTCLASS: case IPV6_DONTFRAG:
-	case IPV6_MTU_DISCOVER: case IPV6_IPSEC_POLICY: case IPV6_XFRM_POLICY:
-	case IPV6_ADDR_PREFERENCES: case IPV6_RECVPATHMTU: case IPV6_PATHMTU:
-	case IPV6_TCLASS: case IPV6_V6ONLY: case IPV6_RECVDSTOPTS:
-	case MCAST_BLOCK_SOURCE: case MCAST_UNBLOCK_SOURCE:
-	case MCAST_JOIN_SOURCE_GROUP: case MCAST_LEAVE_SOURCE_GROUP:
+	case IPV6_MULTICAST_LOOP:
+	case IPV6_PKTINFO:
+	case IPV6_HOPLIMIT:
+	case IPV6_NEXTHOP:
+	case IPV6_HOPOPTS:
+	case IPV6_DSTOPTS:
+	case IPV6_RTHDR:
+	case IPV6_RTHDRDSTOPTS:
+	case IPV6_RECVPKTINFO:
+	case IPV6_RECVHOPLIMIT:
+	case IPV6_RECVHOPOPTS:
+	case IPV6_RECVRTHDR:
+	case IPV6_CHECKSUM:
+	case IPV6_RECVTCLASS:
+	case IPV6_DONTFRAG:
+	case IPV6_MTU_DISCOVER:
+	case IPV6_IPSEC_POLICY:
+	case IPV6_XFRM_POLICY:
+	case IPV6_ADDR_PREFERENCES:
+	case IPV6_RECVPATHMTU:
+	case IPV6_PATHMTU:
+	case IPV6_TCLASS:
+	case IPV6_V6ONLY:
+	case IPV6_RECVDSTOPTS:
+	case MCAST_BLOCK_SOURCE:
+	case MCAST_UNBLOCK_SOURCE:
+	case MCAST_JOIN_SOURCE_GROUP:
+	case MCAST_LEAVE_SOURCE_GROUP:
 	case MCAST_MSFILTER:
-	case IPV6_2292PKTINFO: case IPV6_2292HOPOPTS: case IPV6_2292DSTOPTS:
-	case IPV6_2292RTHDR: case IPV6_2292PKTOPTIONS: case IPV6_2292HOPLIMIT:
-	case IPV6_RECVERR: case IPV6_RECVORIGDSTADDR: case IPV6_RECVFRAGSIZE:
-	case IPV6_UNICAST_IF: case IPV6_TRANSPARENT: case IPV6_MINHOPCOUNT:
-	case IPV6_ROUTER_ALERT: case IPV6_MULTICAST_ALL:
-	case IPV6_JOIN_ANYCAST: case IPV6_ADDRFORM: case IPV6_AUTOFLOWLABEL:
+	case IPV6_2292PKTINFO:
+	case IPV6_2292HOPOPTS:
+	case IPV6_2292DSTOPTS:
+	case IPV6_2292RTHDR:
+	case IPV6_2292PKTOPTIONS:
+	case IPV6_2292HOPLIMIT:
+	case IPV6_RECVERR:
+	case IPV6_RECVORIGDSTADDR:
+	case IPV6_RECVFRAGSIZE:
+	case IPV6_UNICAST_IF:
+	case IPV6_TRANSPARENT:
+	case IPV6_MINHOPCOUNT:
+	case IPV6_ROUTER_ALERT:
+	case IPV6_MULTICAST_ALL:
+	case IPV6_JOIN_ANYCAST:
+	case IPV6_ADDRFORM:
+	case IPV6_AUTOFLOWLABEL:
 		return true;
 	default:
 		return false;
@@ -81,11 +129,19 @@ ost_socket_opt_leaves(int level, int optname)
 	if (level != SOL_SOCKET)
 		return false;
 	switch (optname) {
-	case SO_TIMESTAMP_OLD: case SO_TIMESTAMP_NEW:
-	case SO_TIMESTAMPNS_OLD: case SO_TIMESTAMPNS_NEW:
-	case SO_TIMESTAMPING_OLD: case SO_TIMESTAMPING_NEW:
-	case SO_RXQ_OVFL: case SO_BINDTODEVICE: case SO_BINDTOIFINDEX:
-	case SO_MARK: case SO_TXTIME: case SO_ATTACH_FILTER: case SO_ATTACH_BPF:
+	case SO_TIMESTAMP_OLD:
+	case SO_TIMESTAMP_NEW:
+	case SO_TIMESTAMPNS_OLD:
+	case SO_TIMESTAMPNS_NEW:
+	case SO_TIMESTAMPING_OLD:
+	case SO_TIMESTAMPING_NEW:
+	case SO_RXQ_OVFL:
+	case SO_BINDTODEVICE:
+	case SO_BINDTOIFINDEX:
+	case SO_MARK:
+	case SO_TXTIME:
+	case SO_ATTACH_FILTER:
+	case SO_ATTACH_BPF:
 		return true;
 	default:
 		return false;
@@ -114,8 +170,8 @@ ost_opt_int(const void *optval, socklen_t optlen)
 {
 	int v;
 
-	if (optlen >= sizeof (int)) {
-		memcpy(&v, optval, sizeof (v));
+	if (optlen >= sizeof(int)) {
+		memcpy(&v, optval, sizeof(v));
 		return v;
 	}
 	return *(const uint8_t *)optval;
@@ -125,22 +181,22 @@ ost_opt_int(const void *optval, socklen_t optlen)
 static void
 ost_set_uc_hops(uost_t *up, int hops)
 {
-	(void) pthread_mutex_lock(&up->uost_lock);
+	(void)pthread_mutex_lock(&up->uost_lock);
 	up->uost_uc_hops = hops < 0 ? 0 : (uint32_t)hops;
 	if (up->uost_peer_set && !ost_peer_is_group(up))
 		ost_tpl_set_hops(up, hops < 0 ? 64 : (uint32_t)hops);
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	(void)pthread_mutex_unlock(&up->uost_lock);
 }
 
 /* The same for groups, whose default is 1. */
 static void
 ost_set_mc_hops(uost_t *up, int hops)
 {
-	(void) pthread_mutex_lock(&up->uost_lock);
+	(void)pthread_mutex_lock(&up->uost_lock);
 	up->uost_mc_hops = hops < 0 ? 0 : (uint32_t)hops;
 	if (ost_peer_is_group(up))
 		ost_tpl_set_hops(up, hops < 0 ? 1 : (uint32_t)hops);
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	(void)pthread_mutex_unlock(&up->uost_lock);
 }
 
 /*
@@ -178,8 +234,8 @@ ost_read_mreq(const void *optval, socklen_t optlen, struct in_addr *group,
 
 	*group = mn->imr_multiaddr;
 	*ifaddr = mn->imr_address;
-	*index = optlen >= sizeof (struct ip_mreqn) ?
-	    (uint32_t)mn->imr_ifindex : 0;
+	*index =
+	    optlen >= sizeof(struct ip_mreqn) ? (uint32_t)mn->imr_ifindex : 0;
 }
 
 static int
@@ -219,9 +275,9 @@ ost_process_v4_opt(uost_t *up, int optname, const void *optval,
 
 	switch (optname) {
 	case IP_TOS:
-		(void) pthread_mutex_lock(&up->uost_lock);
+		(void)pthread_mutex_lock(&up->uost_lock);
 		ost_tpl_set_tos(up, *(const uint8_t *)optval);
-		(void) pthread_mutex_unlock(&up->uost_lock);
+		(void)pthread_mutex_unlock(&up->uost_lock);
 		return OST_OPT_KEEP;
 	case IP_TTL:
 		ost_set_uc_hops(up, ost_opt_int(optval, optlen));
@@ -234,17 +290,17 @@ ost_process_v4_opt(uost_t *up, int optname, const void *optval,
 	case IP_MULTICAST_IF: {
 		ost_mcast_if_t want;
 
-		memset(&want, 0, sizeof (want));
+		memset(&want, 0, sizeof(want));
 		/* As the kernel reads it: ip_mreqn, ip_mreq (its second
 		 * field), or a bare address. */
-		if (optlen >= sizeof (struct ip_mreqn))
+		if (optlen >= sizeof(struct ip_mreqn))
 			ost_read_mreq(optval, optlen, &group, &want.omi_addr,
 			    &want.omi_index);
-		else if (optlen >= sizeof (struct ip_mreq))
+		else if (optlen >= sizeof(struct ip_mreq))
 			want.omi_addr =
 			    ((const struct ip_mreq *)optval)->imr_interface;
 		else
-			memcpy(&want.omi_addr, optval, sizeof (want.omi_addr));
+			memcpy(&want.omi_addr, optval, sizeof(want.omi_addr));
 		/* "Whatever the route says": no fixed interface to follow,
 		 * so group datagrams keep going through the kernel. */
 		if (want.omi_index == 0 && want.omi_addr.s_addr == INADDR_ANY)
@@ -269,7 +325,8 @@ ost_process_v4_opt(uost_t *up, int optname, const void *optval,
 		    ost_leave_v4(up, &group, gr->gr_interface, NULL);
 	}
 	default:
-		return ost_v4_opt_leaves(optname) ? OST_OPT_LEAVE : OST_OPT_KEEP;
+		return ost_v4_opt_leaves(optname) ? OST_OPT_LEAVE :
+						    OST_OPT_KEEP;
 	}
 }
 
@@ -302,14 +359,16 @@ ost_process_v6_opt(uost_t *up, int optname, const void *optval)
 
 		if (gr->gr_group.ss_family != AF_INET6)
 			return OST_OPT_LEAVE;
-		group = &((const struct sockaddr_in6 *)&gr->gr_group)->sin6_addr;
+		group =
+		    &((const struct sockaddr_in6 *)&gr->gr_group)->sin6_addr;
 		if (optname == MCAST_JOIN_GROUP)
 			return ost_multicast_join(up, gr->gr_interface, NULL,
 			    group);
 		return ost_multicast_leave(up, gr->gr_interface, group);
 	}
 	default:
-		return ost_v6_opt_leaves(optname) ? OST_OPT_LEAVE : OST_OPT_KEEP;
+		return ost_v6_opt_leaves(optname) ? OST_OPT_LEAVE :
+						    OST_OPT_KEEP;
 	}
 }
 
@@ -323,10 +382,11 @@ ost_set_rcvtimeo(uost_t *up, const void *optval)
 {
 	int64_t tv[2];
 
-	memcpy(tv, optval, sizeof (tv));
+	memcpy(tv, optval, sizeof(tv));
 	/* Beyond about 290 years: no limit, as far as anyone waits. */
 	__atomic_store_n(&up->uost_rcvtimeo,
-	    tv[0] >= INT64_MAX / NANOSEC - 1 ? 0 : tv[0] * NANOSEC + tv[1] * 1000,
+	    tv[0] >= INT64_MAX / NANOSEC - 1 ? 0 :
+					       tv[0] * NANOSEC + tv[1] * 1000,
 	    __ATOMIC_RELAXED);
 	return OST_OPT_KEEP;
 }
@@ -340,8 +400,10 @@ static int
 ost_v4_opt_on_v6(int optname)
 {
 	switch (optname) {
-	case IP_ADD_MEMBERSHIP: case MCAST_JOIN_GROUP:
-	case IP_MULTICAST_IF: case IP_ADD_SOURCE_MEMBERSHIP:
+	case IP_ADD_MEMBERSHIP:
+	case MCAST_JOIN_GROUP:
+	case IP_MULTICAST_IF:
+	case IP_ADD_SOURCE_MEMBERSHIP:
 	case MCAST_JOIN_SOURCE_GROUP:
 		return OST_OPT_LEAVE;
 	default:
@@ -365,14 +427,15 @@ ost_setsockopt(int sd, int level, int optname, const void *optval,
 		ret = ost_process_v4_opt(up, optname, optval, optlen);
 	else if (level == IPPROTO_IPV6)
 		ret = ost_process_v6_opt(up, optname, optval);
-	else if (level == SOL_SOCKET && (optname == SO_RCVTIMEO_OLD ||
-	    optname == SO_RCVTIMEO_NEW))
+	else if (level == SOL_SOCKET &&
+	    (optname == SO_RCVTIMEO_OLD || optname == SO_RCVTIMEO_NEW))
 		ret = ost_set_rcvtimeo(up, optval);
 	else
 		ret = ost_socket_opt_leaves(level, optname) ? OST_OPT_LEAVE :
-		    OST_OPT_KEEP;
+							      OST_OPT_KEEP;
 	if (ret != 0) {
-		ost_debug("%d leaves the bypass: level %d option %d\n", sd, level, optname);
+		ost_debug("%d leaves the bypass: level %d option %d\n", sd,
+		    level, optname);
 		ost_del(up, true);
 	} else {
 		ost_release(up);
@@ -381,23 +444,23 @@ ost_setsockopt(int sd, int level, int optname, const void *optval,
 }
 
 int
-ost_getsockopt(int sd, int level, int optname, void *optval,
-    socklen_t *optlen)
+ost_getsockopt(int sd, int level, int optname, void *optval, socklen_t *optlen)
 {
 	uost_t *up;
 
 	if (level == SOL_SOCKET && optname == SO_OSTREL_STATS &&
-	    optlen != NULL && optval != NULL && (up = ost_find_sd(sd)) != NULL) {
+	    optlen != NULL && optval != NULL &&
+	    (up = ost_find_sd(sd)) != NULL) {
 		bool served = false;
 
-		(void) pthread_mutex_lock(&up->uost_lock);
-		if (*optlen >= sizeof (so_ost_stats_t) && up->uost_frio_set) {
-			memcpy(optval, &up->uost_stats, sizeof (so_ost_stats_t));
-			*optlen = sizeof (so_ost_stats_t);
+		(void)pthread_mutex_lock(&up->uost_lock);
+		if (*optlen >= sizeof(so_ost_stats_t) && up->uost_frio_set) {
+			memcpy(optval, &up->uost_stats, sizeof(so_ost_stats_t));
+			*optlen = sizeof(so_ost_stats_t);
 			served = true;
 		}
 		ost_release_locked(up);
-		(void) pthread_mutex_unlock(&up->uost_lock);
+		(void)pthread_mutex_unlock(&up->uost_lock);
 		if (served)
 			return 0;
 	}

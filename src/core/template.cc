@@ -41,11 +41,11 @@ ost_hdr_csum_v4(struct ip *iph, struct udphdr *udph)
 {
 	uint16_t ulen = udph->uh_ulen;
 
-	iph->ip_len = htons((uint16_t)(sizeof (struct ip) + ulen));
+	iph->ip_len = htons((uint16_t)(sizeof(struct ip) + ulen));
 	udph->uh_ulen = htons(ulen);
 	/* Source and destination are adjacent in the header. */
-	udph->uh_sum = ost_fold(ost_sum16(&iph->ip_src, 4) + udph->uh_ulen +
-	    htons(IPPROTO_UDP));
+	udph->uh_sum = ost_fold(
+	    ost_sum16(&iph->ip_src, 4) + udph->uh_ulen + htons(IPPROTO_UDP));
 }
 
 void
@@ -55,8 +55,8 @@ ost_hdr_csum_v6(struct ip6_hdr *ip6h, struct udphdr *udph)
 
 	udph->uh_ulen = ulen;
 	ip6h->ip6_plen = ulen;
-	udph->uh_sum = ost_fold(ost_sum16(&ip6h->ip6_src, 16) + ulen +
-	    htons(IPPROTO_UDP));
+	udph->uh_sum =
+	    ost_fold(ost_sum16(&ip6h->ip6_src, 16) + ulen + htons(IPPROTO_UDP));
 }
 
 /* The constant fields; addresses and ports come later. */
@@ -64,7 +64,7 @@ void
 ost_tpl_init(uost_t *up, int family)
 {
 	uint8_t *eth = up->uost_hdr + OST_ETH_OFFSET;
-	uint8_t *ip = eth + sizeof (struct ether_header);
+	uint8_t *ip = eth + sizeof(struct ether_header);
 
 	up->uost_eth = (struct ether_header *)eth;
 	if (family == AF_INET6) {
@@ -76,7 +76,7 @@ ost_tpl_init(uost_t *up, int family)
 		ip6->ip6_flow = htonl(6U << 28);
 		ip6->ip6_nxt = IPPROTO_UDP;
 		ip6->ip6_hlim = 64;
-		up->uost_udph = (struct udphdr *)(ip + sizeof (struct ip6_hdr));
+		up->uost_udph = (struct udphdr *)(ip + sizeof(struct ip6_hdr));
 		up->uost_is_v6 = true;
 	} else {
 		struct ip *ip4 = (struct ip *)ip;
@@ -89,11 +89,11 @@ ost_tpl_init(uost_t *up, int family)
 		ip4->ip_off = htons(IP_DF);
 		ip4->ip_ttl = 64;
 		ip4->ip_p = IPPROTO_UDP;
-		up->uost_udph = (struct udphdr *)(ip + sizeof (struct ip));
+		up->uost_udph = (struct udphdr *)(ip + sizeof(struct ip));
 		up->uost_is_v6 = false;
 	}
 	up->uost_ip_hdr_len = (size_t)((uint8_t *)(up->uost_udph + 1) - ip);
-	up->uost_hdr_len = up->uost_ip_hdr_len + sizeof (struct ether_header);
+	up->uost_hdr_len = up->uost_ip_hdr_len + sizeof(struct ether_header);
 }
 
 void
@@ -161,7 +161,7 @@ ost_tpl_set_tos(uost_t *up, uint8_t tos)
 void
 ost_tpl_set_payload(uost_t *up, size_t payload)
 {
-	up->uost_udph->uh_ulen = (uint16_t)(payload + sizeof (struct udphdr));
+	up->uost_udph->uh_ulen = (uint16_t)(payload + sizeof(struct udphdr));
 	if (up->uost_is_v6)
 		ost_hdr_csum_v6(up->uost_ip6h, up->uost_udph);
 	else

@@ -19,14 +19,14 @@
 #include "core/ost.h"
 #include "os/frio_loader.h"
 
-#define OST_MTU 1500
-#define OST_BATCH_MAX 1024	/* larger batches go to the kernel whole */
+#define OST_MTU       1500
+#define OST_BATCH_MAX 1024 /* larger batches go to the kernel whole */
 
 /* What became of a datagram offered to the bypass path. */
 typedef enum {
 	OST_TX_SENT,
-	OST_TX_FAILED,		/* the frame library refused it: EIO */
-	OST_TX_KERNEL		/* not the bypass path's: the kernel sends it */
+	OST_TX_FAILED, /* the frame library refused it: EIO */
+	OST_TX_KERNEL  /* not the bypass path's: the kernel sends it */
 } ost_tx_t;
 
 static inline size_t
@@ -112,9 +112,10 @@ ost_is_peer(const uost_t *up, const struct sockaddr *to, bool scope)
 		    (const struct sockaddr_in6 *)to;
 
 		return IN6_ARE_ADDR_EQUAL(&sin6->sin6_addr,
-		    &up->uost_faddr_v6) && sin6->sin6_port == up->uost_fport &&
+			   &up->uost_faddr_v6) &&
+		    sin6->sin6_port == up->uost_fport &&
 		    (!scope || sin6->sin6_scope_id == 0 ||
-		    sin6->sin6_scope_id == up->uost_if_index);
+			sin6->sin6_scope_id == up->uost_if_index);
 	}
 	const struct sockaddr_in *sin = (const struct sockaddr_in *)to;
 
@@ -126,8 +127,8 @@ ost_is_peer(const uost_t *up, const struct sockaddr *to, bool scope)
 static bool
 ost_addr_fits(const uost_t *up, const struct sockaddr *to, socklen_t tolen)
 {
-	if (tolen < (up->uost_is_v6 ? sizeof (struct sockaddr_in6) :
-	    sizeof (struct sockaddr_in))) {
+	if (tolen < (up->uost_is_v6 ? sizeof(struct sockaddr_in6) :
+				      sizeof(struct sockaddr_in))) {
 		ost_debug("invalid addr len %u\n", (unsigned)tolen);
 		return false;
 	}
@@ -153,10 +154,13 @@ ost_to_peer_locked(uost_t *up, const struct sockaddr *to, bool scope)
 	if (ost_is_peer(up, to, scope))
 		return true;
 	ost_debug("different peer, using the kernel (%s:%d): %s:%d\n",
-	    inet_ntop(to->sa_family, up->uost_is_v6 ?
-	    (const void *)&((const struct sockaddr_in6 *)to)->sin6_addr :
-	    (const void *)&((const struct sockaddr_in *)to)->sin_addr, text,
-	    sizeof (text)), ntohs(((const struct sockaddr_in *)to)->sin_port),
+	    inet_ntop(to->sa_family,
+		up->uost_is_v6 ?
+		    (const void *)&((const struct sockaddr_in6 *)to)
+			->sin6_addr :
+		    (const void *)&((const struct sockaddr_in *)to)->sin_addr,
+		text, sizeof(text)),
+	    ntohs(((const struct sockaddr_in *)to)->sin_port),
 	    ost_ntoa_v6(&up->uost_faddr_v6), ntohs(up->uost_fport));
 	return false;
 }
@@ -175,12 +179,12 @@ ost_sendto(int sd, const void *buf, size_t len, int flags,
 	up = ost_find_sd(sd);
 	if (up == NULL)
 		return real_sendto(sd, buf, len, flags, to, tolen);
-	(void) pthread_mutex_lock(&up->uost_lock);
+	(void)pthread_mutex_lock(&up->uost_lock);
 	if (ost_addr_fits(up, to, tolen) && len <= ost_max_payload(up) &&
 	    ost_to_peer_locked(up, to, true))
 		r = ost_send_peer_locked(up, &iov, 1, len);
 	ost_release_locked(up);
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	(void)pthread_mutex_unlock(&up->uost_lock);
 	if (r != OST_TX_KERNEL)
 		return ost_tx_result(r, len);
 	return real_sendto(sd, buf, len, flags, to, tolen);
@@ -195,15 +199,15 @@ ost_send_common(int sd, const void *buf, size_t len, int flags, bool is_write)
 	ost_tx_t r;
 
 	if (up != NULL) {
-		(void) pthread_mutex_lock(&up->uost_lock);
+		(void)pthread_mutex_lock(&up->uost_lock);
 		r = ost_send_peer_locked(up, &iov, 1, len);
 		ost_release_locked(up);
-		(void) pthread_mutex_unlock(&up->uost_lock);
+		(void)pthread_mutex_unlock(&up->uost_lock);
 		if (r != OST_TX_KERNEL)
 			return ost_tx_result(r, len);
 	}
 	return is_write ? real_write(sd, buf, len) :
-	    real_send(sd, buf, len, flags);
+			  real_send(sd, buf, len, flags);
 }
 
 ssize_t
@@ -232,8 +236,9 @@ ost_sendmsg_locked(uost_t *up, const struct msghdr *msg, size_t *total)
 	if (msg->msg_control != NULL || msg->msg_iovlen > IOV_MAX ||
 	    (msg->msg_iov == NULL && msg->msg_iovlen != 0))
 		return OST_TX_KERNEL;
-	if (to != NULL && (!ost_addr_fits(up, to, msg->msg_namelen) ||
-	    !ost_to_peer_locked(up, to, false)))
+	if (to != NULL &&
+	    (!ost_addr_fits(up, to, msg->msg_namelen) ||
+		!ost_to_peer_locked(up, to, false)))
 		return OST_TX_KERNEL;
 	for (size_t i = 0; i < msg->msg_iovlen; i++) {
 		*total += msg->msg_iov[i].iov_len;
@@ -253,10 +258,10 @@ ost_sendmsg_call(int sd, const struct msghdr *msg, int flags)
 
 	if (msg == NULL || (up = ost_find_sd(sd)) == NULL)
 		return real_sendmsg(sd, msg, flags);
-	(void) pthread_mutex_lock(&up->uost_lock);
+	(void)pthread_mutex_lock(&up->uost_lock);
 	r = ost_sendmsg_locked(up, msg, &total);
 	ost_release_locked(up);
-	(void) pthread_mutex_unlock(&up->uost_lock);
+	(void)pthread_mutex_unlock(&up->uost_lock);
 	if (r != OST_TX_KERNEL)
 		return ost_tx_result(r, total);
 	return real_sendmsg(sd, msg, flags);
@@ -285,14 +290,15 @@ ost_sendmmsg_call(int sd, struct mmsghdr *vec, unsigned int vlen, int flags)
 		ssize_t n;
 		ost_tx_t r;
 
-		(void) pthread_mutex_lock(&up->uost_lock);
+		(void)pthread_mutex_lock(&up->uost_lock);
 		r = ost_sendmsg_locked(up, &vec[sent].msg_hdr, &total);
-		(void) pthread_mutex_unlock(&up->uost_lock);
+		(void)pthread_mutex_unlock(&up->uost_lock);
 		if (r == OST_TX_FAILED) {
 			errno = EIO;
 			break;
 		}
-		n = r == OST_TX_SENT ? (ssize_t)total :
+		n = r == OST_TX_SENT ?
+		    (ssize_t)total :
 		    real_sendmsg(sd, &vec[sent].msg_hdr, flags);
 		if (n == -1)
 			break;

@@ -20,10 +20,10 @@
  * An interposed call can arrive before the run-time linker has run our
  * initialiser, from another preloaded object's constructor.
  */
-#define OST_ENTRY()							\
-	do {								\
-		if (__builtin_expect(!ost_initialised, 0))		\
-			ost_init();					\
+#define OST_ENTRY()                                        \
+	do {                                               \
+		if (__builtin_expect(!ost_initialised, 0)) \
+			ost_init();                        \
 	} while (0)
 
 #endif /* OST_INTERPOSE_H */

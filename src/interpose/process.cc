@@ -23,7 +23,7 @@ ost_exec_list(const char *path, const char *arg0, va_list ap, int kind)
 	if (argv == NULL)
 		return -1;
 	ret = kind == 'p' ? real_execvp(path, argv) :
-	    real_execve(path, argv, envp);
+			    real_execve(path, argv, envp);
 	saved_errno = errno;
 	free(argv);
 	errno = saved_errno;

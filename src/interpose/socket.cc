@@ -30,8 +30,7 @@ close(int fd)
  * table's slot, read only once start-up has filled it.
  */
 static int
-ost_fcntl(int (*const *real)(int, int, ...), int fd, int cmd,
-    unsigned long arg)
+ost_fcntl(int (*const *real)(int, int, ...), int fd, int cmd, unsigned long arg)
 {
 	OST_ENTRY();
 	if (!OST_FROM_FRIO())

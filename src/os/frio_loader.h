@@ -9,7 +9,8 @@
 #include "frio.h"
 
 typedef struct ost_frio_ops {
-	frio_status_t (*open)(const char *, frio_open_args_t *, frio_handle_t *);
+	frio_status_t (
+	    *open)(const char *, frio_open_args_t *, frio_handle_t *);
 	void (*close)(frio_handle_t);
 	frio_status_t (*get_mac_addr)(frio_handle_t, struct ether_addr *);
 	frio_status_t (*setup_rx)(frio_handle_t, frio_filter_args_t *);
@@ -33,8 +34,8 @@ extern const ost_frio_ops_t *ost_frio;
 extern __thread int ost_in_frio __attribute__((tls_model("initial-exec")));
 
 /* Loads the library at the first call; FRIO_STATUS_DLERR if it cannot. */
-frio_status_t ost_frio_open(const char *ifname, frio_open_args_t *args,
-    frio_handle_t *hdlp);
+frio_status_t
+ost_frio_open(const char *ifname, frio_open_args_t *args, frio_handle_t *hdlp);
 
 /* The library's text for a status, or the loader's own while unloaded. */
 const char *ost_frio_status2str(frio_status_t status, char *buf, size_t len);

@@ -25,7 +25,7 @@ typedef struct ost_tie {
 } ost_tie_t;
 
 static pthread_mutex_t ost_tie_lock = PTHREAD_MUTEX_INITIALIZER;
-static ost_tie_t *ost_ties;		/* protected by ost_tie_lock */
+static ost_tie_t *ost_ties; /* protected by ost_tie_lock */
 
 static ost_tie_t **
 ost_tie_find(int sd)
@@ -42,7 +42,7 @@ ost_tie_find(int sd)
 static int
 sockopt_int(int sd, int name, int *val)
 {
-	socklen_t len = sizeof (*val);
+	socklen_t len = sizeof(*val);
 
 	return real_getsockopt(sd, SOL_SOCKET, name, val, &len);
 }
@@ -52,13 +52,13 @@ static int
 ost_check_bound_udp(int sd)
 {
 	struct sockaddr_storage ss;
-	socklen_t len = sizeof (ss);
+	socklen_t len = sizeof(ss);
 	int type, proto, domain;
 
 	if (sockopt_int(sd, SO_TYPE, &type) != 0 ||
 	    sockopt_int(sd, SO_PROTOCOL, &proto) != 0 ||
 	    sockopt_int(sd, SO_DOMAIN, &domain) != 0)
-		return -1;		/* EBADF, ENOTSOCK */
+		return -1; /* EBADF, ENOTSOCK */
 	if (type != SOCK_DGRAM || proto != IPPROTO_UDP ||
 	    (domain != AF_INET && domain != AF_INET6)) {
 		errno = ENOPROTOOPT;
@@ -67,9 +67,9 @@ ost_check_bound_udp(int sd)
 	if (getsockname(sd, (struct sockaddr *)&ss, &len) != 0)
 		return -1;
 	if ((ss.ss_family == AF_INET &&
-	    ((struct sockaddr_in *)&ss)->sin_port == 0) ||
+		((struct sockaddr_in *)&ss)->sin_port == 0) ||
 	    (ss.ss_family == AF_INET6 &&
-	    ((struct sockaddr_in6 *)&ss)->sin6_port == 0)) {
+		((struct sockaddr_in6 *)&ss)->sin6_port == 0)) {
 		errno = EINVAL;
 		return -1;
 	}
@@ -88,21 +88,21 @@ ost_bypass_on(int sd, const so_ost_opt_t *opt)
 
 	if (ost_check_bound_udp(sd) != 0 || fstat(sd, &st) != 0)
 		return -1;
-	tie = (ost_tie_t *)malloc(sizeof (*tie));
+	tie = (ost_tie_t *)malloc(sizeof(*tie));
 	if (tie == NULL) {
 		errno = ENOMEM;
 		return -1;
 	}
 	if (real_setsockopt(sd, SOL_SOCKET, SO_ATTACH_FILTER, &prog,
-	    sizeof (prog)) != 0) {
+		sizeof(prog)) != 0) {
 		free(tie);
 		return -1;
 	}
 	tie->ot_sd = sd;
 	tie->ot_ino = st.st_ino;
 	tie->ot_opt = *opt;
-	(void) pthread_mutex_lock(&ost_tie_lock);
-	if ((tpp = ost_tie_find(sd)) != NULL) {	/* re-armed: replace */
+	(void)pthread_mutex_lock(&ost_tie_lock);
+	if ((tpp = ost_tie_find(sd)) != NULL) { /* re-armed: replace */
 		ost_tie_t *old = *tpp;
 
 		*tpp = old->ot_next;
@@ -110,7 +110,7 @@ ost_bypass_on(int sd, const so_ost_opt_t *opt)
 	}
 	tie->ot_next = ost_ties;
 	ost_ties = tie;
-	(void) pthread_mutex_unlock(&ost_tie_lock);
+	(void)pthread_mutex_unlock(&ost_tie_lock);
 	return 0;
 }
 
@@ -119,12 +119,12 @@ ost_tie_take(int sd)
 {
 	ost_tie_t **tpp, *tie = NULL;
 
-	(void) pthread_mutex_lock(&ost_tie_lock);
+	(void)pthread_mutex_lock(&ost_tie_lock);
 	if ((tpp = ost_tie_find(sd)) != NULL) {
 		tie = *tpp;
 		*tpp = tie->ot_next;
 	}
-	(void) pthread_mutex_unlock(&ost_tie_lock);
+	(void)pthread_mutex_unlock(&ost_tie_lock);
 	return tie;
 }
 
@@ -141,12 +141,12 @@ ost_bypass_off(int sd)
 	if (fstat(sd, &st) != 0) {
 		ret = -1;
 	} else if (st.st_ino == tie->ot_ino) {
-		int unused = 0;	/* the kernel wants an int, and ignores it */
+		int unused = 0; /* the kernel wants an int, and ignores it */
 
 		ret = real_setsockopt(sd, SOL_SOCKET, SO_DETACH_FILTER, &unused,
-		    sizeof (unused));
+		    sizeof(unused));
 		if (ret != 0 && errno == ENOENT)
-			ret = 0;	/* the application removed it already */
+			ret = 0; /* the application removed it already */
 	}
 	free(tie);
 	return ret;
@@ -171,11 +171,11 @@ ost_kernel_bypass_get(int sd, so_ost_opt_t *opt)
 	ost_tie_t **tpp;
 	bool found = false;
 
-	(void) pthread_mutex_lock(&ost_tie_lock);
+	(void)pthread_mutex_lock(&ost_tie_lock);
 	if ((tpp = ost_tie_find(sd)) != NULL) {
 		*opt = (*tpp)->ot_opt;
 		found = true;
 	}
-	(void) pthread_mutex_unlock(&ost_tie_lock);
+	(void)pthread_mutex_unlock(&ost_tie_lock);
 	return found;
 }

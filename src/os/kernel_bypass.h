@@ -11,12 +11,12 @@
 
 #include <stdint.h>
 
-#define SO_OSTREL 0x101a	/* level SOL_SOCKET; Linux does not use it */
+#define SO_OSTREL 0x101a /* level SOL_SOCKET; Linux does not use it */
 
 typedef struct so_ost_opt_s {
 	bool ost_onoff;
-	uint32_t ost_stat_id;	/* frio_handle2statid() of the handle */
-	int ost_if_id;		/* interface index of the handle */
+	uint32_t ost_stat_id; /* frio_handle2statid() of the handle */
+	int ost_if_id;        /* interface index of the handle */
 } so_ost_opt_t;
 
 /*

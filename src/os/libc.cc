@@ -11,12 +11,12 @@ int (*real_connect)(int, const struct sockaddr *, socklen_t);
 int (*real_setsockopt)(int, int, int, const void *, socklen_t);
 int (*real_getsockopt)(int, int, int, void *, socklen_t *);
 ssize_t (*real_send)(int, const void *, size_t, int);
-ssize_t (*real_sendto)(int, const void *, size_t, int,
-    const struct sockaddr *, socklen_t);
+ssize_t (*real_sendto)(int, const void *, size_t, int, const struct sockaddr *,
+    socklen_t);
 ssize_t (*real_sendmsg)(int, const struct msghdr *, int);
 int (*real_sendmmsg)(int, struct mmsghdr *, unsigned int, int);
-ssize_t (*real_recvfrom)(int, void *, size_t, int, struct sockaddr *,
-    socklen_t *);
+ssize_t (
+    *real_recvfrom)(int, void *, size_t, int, struct sockaddr *, socklen_t *);
 ssize_t (*real_recvmsg)(int, struct msghdr *, int);
 int (*real_recvmmsg)(int, struct mmsghdr *, unsigned int, int,
     struct timespec *);
@@ -49,12 +49,12 @@ lookup(Fn *slot, const char *name)
 {
 	void *fn;
 
-	(void) dlerror();
+	(void)dlerror();
 	fn = dlsym(RTLD_NEXT, name);
 	if (fn == NULL) {
 		const char *why = dlerror();
 
-		(void) fprintf(stderr, "%s() not found: %s\n", name,
+		(void)fprintf(stderr, "%s() not found: %s\n", name,
 		    why != NULL ? why : name);
 		exit(1);
 	}

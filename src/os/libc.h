@@ -28,8 +28,8 @@ extern ssize_t (*real_sendto)(int, const void *, size_t, int,
     const struct sockaddr *, socklen_t);
 extern ssize_t (*real_sendmsg)(int, const struct msghdr *, int);
 extern int (*real_sendmmsg)(int, struct mmsghdr *, unsigned int, int);
-extern ssize_t (*real_recvfrom)(int, void *, size_t, int, struct sockaddr *,
-    socklen_t *);
+extern ssize_t (
+    *real_recvfrom)(int, void *, size_t, int, struct sockaddr *, socklen_t *);
 extern ssize_t (*real_recvmsg)(int, struct msghdr *, int);
 extern int (*real_recvmmsg)(int, struct mmsghdr *, unsigned int, int,
     struct timespec *);
@@ -39,8 +39,7 @@ extern int (*real_fcntl64)(int, int, ...);
 extern int (*real_ioctl)(int, unsigned long, ...);
 extern int (*real_poll)(struct pollfd *, nfds_t, int);
 extern ssize_t (*real_read)(int, void *, size_t);
-extern int (*real_select)(int, fd_set *, fd_set *, fd_set *,
-    struct timeval *);
+extern int (*real_select)(int, fd_set *, fd_set *, fd_set *, struct timeval *);
 extern ssize_t (*real_write)(int, const void *, size_t);
 extern int (*real_execv)(const char *, char *const[]);
 extern int (*real_execve)(const char *, char *const[], char *const[]);
@@ -48,7 +47,7 @@ extern int (*real_execvp)(const char *, char *const[]);
 extern int (*real_execvpe)(const char *, char *const[], char *const[]);
 extern int (*real_fexecve)(int, char *const[], char *const[]);
 extern pid_t (*real_fork)(void);
-extern pid_t (*real_vfork)(void);	/* jumped to from vfork.S */
+extern pid_t (*real_vfork)(void); /* jumped to from vfork.S */
 extern int (*real_posix_spawn)(pid_t *, const char *,
     const posix_spawn_file_actions_t *, const posix_spawnattr_t *,
     char *const[], char *const[]);

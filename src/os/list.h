@@ -16,7 +16,7 @@ typedef struct list_node {
 
 typedef struct list {
 	size_t list_offset;
-	list_node_t list_head;	/* sentinel */
+	list_node_t list_head; /* sentinel */
 } list_t;
 
 static inline list_node_t *
@@ -34,7 +34,7 @@ list_l2d(const list_t *l, list_node_t *node)
 static inline void
 list_create(list_t *l, size_t size, size_t offset)
 {
-	(void) size;
+	(void)size;
 	l->list_offset = offset;
 	l->list_head.next = l->list_head.prev = &l->list_head;
 }
@@ -69,8 +69,7 @@ list_remove(list_t *l, void *obj)
 static inline void *
 list_head(const list_t *l)
 {
-	return list_is_empty(l) ? NULL :
-	    list_l2d(l, l->list_head.next);
+	return list_is_empty(l) ? NULL : list_l2d(l, l->list_head.next);
 }
 
 static inline void *

@@ -10,11 +10,11 @@
 
 #include "os/verify.h"
 
-int ost_debug_flag;		/* immutable after start-up */
-bool err_exit;			/* immutable after start-up */
-static FILE *ost_debug_fp;	/* immutable after start-up */
+int ost_debug_flag;        /* immutable after start-up */
+bool err_exit;             /* immutable after start-up */
+static FILE *ost_debug_fp; /* immutable after start-up */
 
-static char ost_ntoa_buf[INET6_ADDRSTRLEN];	/* log lines only; shared */
+static char ost_ntoa_buf[INET6_ADDRSTRLEN]; /* log lines only; shared */
 
 void
 ost_debug_init(bool to_file)
@@ -25,7 +25,7 @@ ost_debug_init(bool to_file)
 	ost_debug_fp = stderr;
 	if (!to_file)
 		return;
-	(void) snprintf(path, sizeof (path), "/tmp/ost_debug.%ld",
+	(void)snprintf(path, sizeof(path), "/tmp/ost_debug.%ld",
 	    (long)getpid());
 	/* Close-on-exec: a program started by exec must not inherit it. */
 	fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -35,7 +35,7 @@ ost_debug_init(bool to_file)
 		if (fp != NULL)
 			ost_debug_fp = fp;
 		else
-			(void) close(fd);
+			(void)close(fd);
 	}
 }
 
@@ -48,11 +48,11 @@ ost_debug_log(const char *fn, const char *fmt, ...)
 
 	/* One line per call, even when threads log at once. */
 	flockfile(fp);
-	(void) fprintf(fp, "ost: %s: ", fn);
+	(void)fprintf(fp, "ost: %s: ", fn);
 	va_start(ap, fmt);
-	(void) vfprintf(fp, fmt, ap);
+	(void)vfprintf(fp, fmt, ap);
 	va_end(ap);
-	(void) fflush(fp);
+	(void)fflush(fp);
 	funlockfile(fp);
 	errno = saved_errno;
 }
@@ -62,23 +62,24 @@ ost_err_exit(const char *reason)
 {
 	if (!err_exit)
 		return;
-	(void) fprintf(stderr,
-	    "ostrel.so: cannot set up data path bypass: %s\n", reason);
+	(void)fprintf(stderr, "ostrel.so: cannot set up data path bypass: %s\n",
+	    reason);
 	exit(1);
 }
 
 const char *
 ost_ntoa_v6(const struct in6_addr *addr)
 {
-	return inet_ntop(AF_INET6, addr, ost_ntoa_buf, sizeof (ost_ntoa_buf));
+	return inet_ntop(AF_INET6, addr, ost_ntoa_buf, sizeof(ost_ntoa_buf));
 }
 
 void
 ost_verify_failed(const char *expr, const char *file, int line,
     const char *func)
 {
-	(void) fprintf(stderr,
-	    "ostrel.so: assertion failed: %s, file: %s, line: %d, function: %s\n",
+	(void)fprintf(stderr,
+	    "ostrel.so: assertion failed: %s, file: %s, line: %d, function: "
+	    "%s\n",
 	    expr, file, line, func);
 	abort();
 }

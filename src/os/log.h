@@ -13,8 +13,8 @@
 #include <netinet/in.h>
 
 /* Written once by start-up, read without locks afterwards. */
-extern int ost_debug_flag;	/* 0: off; 1: standard error; else a file */
-extern bool err_exit;		/* set-up failures end the process */
+extern int ost_debug_flag; /* 0: off; 1: standard error; else a file */
+extern bool err_exit;      /* set-up failures end the process */
 
 /* Opens the log: standard error, or /tmp/ost_debug.<pid>. */
 void ost_debug_init(bool to_file);
@@ -22,10 +22,10 @@ void ost_debug_init(bool to_file);
 void ost_debug_log(const char *fn, const char *fmt, ...)
     __attribute__((format(printf, 2, 3)));
 
-#define ost_debug(...)							\
-	do {								\
-		if (__builtin_expect(ost_debug_flag != 0, 0))		\
-			ost_debug_log(__func__, __VA_ARGS__);		\
+#define ost_debug(...)                                        \
+	do {                                                  \
+		if (__builtin_expect(ost_debug_flag != 0, 0)) \
+			ost_debug_log(__func__, __VA_ARGS__); \
 	} while (0)
 
 /* With err_exit set, says why the bypass could not be set up and exits. */

@@ -9,8 +9,8 @@
 [[noreturn]] void ost_verify_failed(const char *expr, const char *file,
     int line, const char *func);
 
-#define OST_VERIFY(expr)						\
-	((expr) ? (void)0 :						\
-	    ost_verify_failed(#expr, __FILE__, __LINE__, __func__))
+#define OST_VERIFY(expr)    \
+	((expr) ? (void)0 : \
+		  ost_verify_failed(#expr, __FILE__, __LINE__, __func__))
 
 #endif /* OST_OS_VERIFY_H */

@@ -26,15 +26,19 @@
 /* How long the provoking connection attempt may take. */
 #define OST_TMP_CONNECT_MS 500
 
-typedef enum { OWN_NO = 0, OWN_YES, OWN_FAIL } own_t;
+typedef enum {
+	OWN_NO = 0,
+	OWN_YES,
+	OWN_FAIL
+} own_t;
 
 /*
  * Whether addr is one of this host's addresses; if so, the owner's index,
  * name (the label cut at its colon) and own Ethernet address.
  */
 static own_t
-own_addr_v4(const struct in_addr *addr,
-    struct ether_addr *ether, uint32_t *if_index, char *if_name)
+own_addr_v4(const struct in_addr *addr, struct ether_addr *ether,
+    uint32_t *if_index, char *if_name)
 {
 	struct ifaddrs *list, *ifa;
 	own_t own = OWN_NO;
@@ -63,8 +67,7 @@ own_addr_v4(const struct in_addr *addr,
 		}
 		index = if_nametoindex(name);
 		if (index == 0) {
-			ost_debug("if_nametoindex: %s: %d\n", name,
-			    errno);
+			ost_debug("if_nametoindex: %s: %d\n", name, errno);
 			own = OWN_FAIL;
 			break;
 		}
@@ -74,7 +77,7 @@ own_addr_v4(const struct in_addr *addr,
 		}
 		*if_index = index;
 		if (if_name != NULL)
-			memcpy(if_name, name, sizeof (name));
+			memcpy(if_name, name, sizeof(name));
 		*ether = ea;
 		own = OWN_YES;
 		break;
@@ -118,7 +121,7 @@ get_eaddr_v4(const struct in_addr *addr, struct ether_addr *ether,
 			char text[INET_ADDRSTRLEN];
 
 			ost_debug("no neighbour entry: %s\n",
-			    inet_ntop(AF_INET, addr, text, sizeof (text)));
+			    inet_ntop(AF_INET, addr, text, sizeof(text)));
 			if (provoked)
 				goto fail;
 		} else if (provoked) {
@@ -165,7 +168,7 @@ tmp_connect_wait(int fd, hrtime_t deadline)
 	for (;;) {
 		struct pollfd pfd = { fd, POLLOUT, 0 };
 		hrtime_t left = deadline - gethrtime();
-		socklen_t len = sizeof (int);
+		socklen_t len = sizeof(int);
 		int err = 0, n;
 
 		if (left <= 0)
@@ -190,21 +193,21 @@ tmp_connect(int family, const void *addr)
 	hrtime_t deadline;
 	int fd, err;
 
-	memset(&ss, 0, sizeof (ss));
+	memset(&ss, 0, sizeof(ss));
 	if (family == AF_INET) {
 		struct sockaddr_in *sin = (struct sockaddr_in *)&ss;
 
 		sin->sin_family = AF_INET;
 		sin->sin_port = htons(1);
-		memcpy(&sin->sin_addr, addr, sizeof (sin->sin_addr));
-		sslen = sizeof (*sin);
+		memcpy(&sin->sin_addr, addr, sizeof(sin->sin_addr));
+		sslen = sizeof(*sin);
 	} else if (family == AF_INET6) {
 		struct sockaddr_in6 *sin6 = (struct sockaddr_in6 *)&ss;
 
 		sin6->sin6_family = AF_INET6;
 		sin6->sin6_port = htons(1);
-		memcpy(&sin6->sin6_addr, addr, sizeof (sin6->sin6_addr));
-		sslen = sizeof (*sin6);
+		memcpy(&sin6->sin6_addr, addr, sizeof(sin6->sin6_addr));
+		sslen = sizeof(*sin6);
 	} else {
 		return false;
 	}
@@ -217,16 +220,16 @@ tmp_connect(int family, const void *addr)
 	}
 	/* Closing then aborts whatever the attempt reached, leaving nothing
 	 * behind on either side. */
-	if (real_setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof (lg)) < 0) {
+	if (real_setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof(lg)) < 0) {
 		ost_debug("setsockopt: %d\n", errno);
-		(void) real_close(fd);
+		(void)real_close(fd);
 		return false;
 	}
 	deadline = gethrtime() + (hrtime_t)OST_TMP_CONNECT_MS * 1000000;
 	err = real_connect(fd, (struct sockaddr *)&ss, sslen) == 0 ? 0 : errno;
 	if (err == EINPROGRESS)
 		err = tmp_connect_wait(fd, deadline);
-	(void) real_close(fd);
+	(void)real_close(fd);
 	if (err == 0 || err == ECONNREFUSED)
 		return true;
 	ost_debug("connect: %d\n", err);
@@ -253,7 +256,8 @@ ost_if_addr_v4(const char *if_name, struct in_addr *addr)
 	for (ifa = list; ifa != NULL; ifa = ifa->ifa_next) {
 		char name[OST_IFNAME_SIZE];
 
-		if (ifa->ifa_addr == NULL || ifa->ifa_addr->sa_family != AF_INET ||
+		if (ifa->ifa_addr == NULL ||
+		    ifa->ifa_addr->sa_family != AF_INET ||
 		    !(ifa->ifa_flags & IFF_UP))
 			continue;
 		ost_if_name_copy(name, ifa->ifa_name);

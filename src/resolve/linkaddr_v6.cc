@@ -32,8 +32,8 @@ entry_v6(const struct ifaddrs *ifa)
 }
 
 static bool
-get_if_info_v6(uint32_t if_index, const bool *link_local,
-    struct in6_addr *addr, char *if_name)
+get_if_info_v6(uint32_t if_index, const bool *link_local, struct in6_addr *addr,
+    char *if_name)
 {
 	struct ifaddrs *list;
 	const struct ifaddrs *chosen = NULL;
@@ -43,7 +43,7 @@ get_if_info_v6(uint32_t if_index, const bool *link_local,
 		return false;
 	}
 	for (const struct ifaddrs *ifa = list; ifa != NULL;
-	    ifa = ifa->ifa_next) {
+	     ifa = ifa->ifa_next) {
 		const struct in6_addr *a = entry_v6(ifa);
 		char name[OST_IFNAME_SIZE];
 		uint32_t index;
@@ -93,8 +93,7 @@ ost_get_if_info_v6(uint32_t if_index, const bool *link_local,
 }
 
 static bool
-find_if_v6(const struct in6_addr *addr, uint32_t scope_id,
-    ost_ifref_t *ifr)
+find_if_v6(const struct in6_addr *addr, uint32_t scope_id, ost_ifref_t *ifr)
 {
 	struct ifaddrs *list;
 	bool found = false;
@@ -104,14 +103,14 @@ find_if_v6(const struct in6_addr *addr, uint32_t scope_id,
 		return false;
 	}
 	for (const struct ifaddrs *ifa = list; ifa != NULL;
-	    ifa = ifa->ifa_next) {
+	     ifa = ifa->ifa_next) {
 		const struct in6_addr *a = entry_v6(ifa);
 		char name[OST_IFNAME_SIZE];
 		uint32_t index;
 
 		if (a == NULL)
 			continue;
-		if (memcmp(a, addr, sizeof (*a)) != 0) {
+		if (memcmp(a, addr, sizeof(*a)) != 0) {
 			ost_debug("mismatched address: %s\n", ost_ntoa_v6(a));
 			continue;
 		}
@@ -124,17 +123,16 @@ find_if_v6(const struct in6_addr *addr, uint32_t scope_id,
 		}
 		index = if_nametoindex(name);
 		if (index == 0) {
-			ost_debug("cannot get %s index: %d\n", name,
-			    errno);
+			ost_debug("cannot get %s index: %d\n", name, errno);
 			break;
 		}
 		/* The same link-local address may sit on several links. */
 		if (scope_id != 0 && index != scope_id) {
-			ost_debug("mismatched scope_id: %u != %u\n",
-			    scope_id, index);
+			ost_debug("mismatched scope_id: %u != %u\n", scope_id,
+			    index);
 			continue;
 		}
-		memcpy(ifr->ir_name, name, sizeof (name));
+		memcpy(ifr->ir_name, name, sizeof(name));
 		ifr->ir_index = index;
 		found = true;
 		break;
@@ -144,23 +142,26 @@ find_if_v6(const struct in6_addr *addr, uint32_t scope_id,
 }
 
 bool
-ost_find_if_v6(const struct in6_addr *addr, uint32_t scope_id,
-    ost_ifref_t *ifr)
+ost_find_if_v6(const struct in6_addr *addr, uint32_t scope_id, ost_ifref_t *ifr)
 {
 	ost_errno_keep keep;
 
 	return find_if_v6(addr, scope_id, ifr);
 }
 
-typedef enum { OWN_NO = 0, OWN_YES, OWN_FAIL } own_t;
+typedef enum {
+	OWN_NO = 0,
+	OWN_YES,
+	OWN_FAIL
+} own_t;
 
 /*
  * Linux keeps no neighbour entries for its own addresses: when addr is one
  * of interface name's, the answer is the interface's own address.
  */
 static own_t
-own_addr_v6(const struct in6_addr *addr, const char *name,
-    uint32_t index, struct ether_addr *ether)
+own_addr_v6(const struct in6_addr *addr, const char *name, uint32_t index,
+    struct ether_addr *ether)
 {
 	struct ifaddrs *list;
 	own_t own = OWN_NO;
@@ -170,11 +171,11 @@ own_addr_v6(const struct in6_addr *addr, const char *name,
 		return OWN_FAIL;
 	}
 	for (const struct ifaddrs *ifa = list; ifa != NULL;
-	    ifa = ifa->ifa_next) {
+	     ifa = ifa->ifa_next) {
 		const struct in6_addr *a = entry_v6(ifa);
 		char n[OST_IFNAME_SIZE];
 
-		if (a == NULL || memcmp(a, addr, sizeof (*a)) != 0)
+		if (a == NULL || memcmp(a, addr, sizeof(*a)) != 0)
 			continue;
 		ost_if_name_copy(n, ifa->ifa_name);
 		if (strcmp(n, name) != 0)
@@ -213,11 +214,10 @@ get_eaddr_v6(const struct in6_addr *addr, struct ether_addr *ether,
 		ost_ifref_t ifr;
 
 		if (!ost_find_if_v6(addr, if_index != NULL ? *if_index : 0,
-		    &ifr))
+			&ifr))
 			return false;
-		ost_debug("use %s (%d)\n", ifr.ir_name,
-		    (int)ifr.ir_index);
-		memcpy(name, ifr.ir_name, sizeof (name));
+		ost_debug("use %s (%d)\n", ifr.ir_name, (int)ifr.ir_index);
+		memcpy(name, ifr.ir_name, sizeof(name));
 		index = ifr.ir_index;
 	}
 	switch (own_addr_v6(addr, name, index, &ea)) {
@@ -252,7 +252,7 @@ get_eaddr_v6(const struct in6_addr *addr, struct ether_addr *ether,
 	memcpy(ea.ether_addr_octet, nb.nn_lladdr, ETHER_ADDR_LEN);
 done:
 	if (!given) {
-		memcpy(if_name, name, sizeof (name));
+		memcpy(if_name, name, sizeof(name));
 		if (if_index != NULL)
 			*if_index = index;
 	}

@@ -24,19 +24,19 @@ bool
 ost_nl_open(ost_nl_t *nl)
 {
 	struct sockaddr_nl sa;
-	socklen_t salen = sizeof (sa);
+	socklen_t salen = sizeof(sa);
 	int fd, err;
 
 	/* Close-on-exec: a concurrent fork and exec must not inherit it. */
 	fd = real_socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
 	if (fd < 0)
 		return false;
-	memset(&sa, 0, sizeof (sa));
+	memset(&sa, 0, sizeof(sa));
 	sa.nl_family = AF_NETLINK;
-	if (real_bind(fd, (struct sockaddr *)&sa, sizeof (sa)) < 0 ||
+	if (real_bind(fd, (struct sockaddr *)&sa, sizeof(sa)) < 0 ||
 	    getsockname(fd, (struct sockaddr *)&sa, &salen) < 0) {
 		err = errno;
-		(void) real_close(fd);
+		(void)real_close(fd);
 		errno = err;
 		return false;
 	}
@@ -50,7 +50,7 @@ void
 ost_nl_close(ost_nl_t *nl)
 {
 	if (nl->nl_fd >= 0)
-		(void) real_close(nl->nl_fd);
+		(void)real_close(nl->nl_fd);
 	nl->nl_fd = -1;
 }
 
@@ -61,10 +61,12 @@ ost_nl_send(ost_nl_t *nl, struct nlmsghdr *req)
 
 	req->nlmsg_seq = ++nl->nl_seq;
 	req->nlmsg_pid = nl->nl_portid;
-	memset(&kernel, 0, sizeof (kernel));
+	memset(&kernel, 0, sizeof(kernel));
 	kernel.nl_family = AF_NETLINK;
 	return real_sendto(nl->nl_fd, req, req->nlmsg_len, 0,
-	    (struct sockaddr *)&kernel, sizeof (kernel)) < 0 ? false : true;
+		   (struct sockaddr *)&kernel, sizeof(kernel)) < 0 ?
+	    false :
+	    true;
 }
 
 ssize_t
@@ -88,9 +90,9 @@ ost_nl_recv(ost_nl_t *nl, void *buf, size_t size, hrtime_t deadline)
 				continue;
 			return -1;
 		}
-		memset(&msg, 0, sizeof (msg));
+		memset(&msg, 0, sizeof(msg));
 		msg.msg_name = &from;
-		msg.msg_namelen = sizeof (from);
+		msg.msg_namelen = sizeof(from);
 		msg.msg_iov = &iov;
 		msg.msg_iovlen = 1;
 		n = real_recvmsg(nl->nl_fd, &msg, MSG_DONTWAIT);
@@ -103,7 +105,7 @@ ost_nl_recv(ost_nl_t *nl, void *buf, size_t size, hrtime_t deadline)
 			errno = EMSGSIZE;
 			return -1;
 		}
-		if (msg.msg_namelen < sizeof (from) || from.nl_pid != 0)
+		if (msg.msg_namelen < sizeof(from) || from.nl_pid != 0)
 			continue;
 		return n;
 	}
@@ -135,9 +137,9 @@ static bool
 nl_next_msg(nl_cursor_t *c, struct nlmsghdr *h, const uint8_t **data,
     size_t *dlen)
 {
-	if (c->nc_left < sizeof (*h))
+	if (c->nc_left < sizeof(*h))
 		return false;
-	memcpy(h, c->nc_p, sizeof (*h));
+	memcpy(h, c->nc_p, sizeof(*h));
 	if (h->nlmsg_len < NLMSG_HDRLEN || h->nlmsg_len > c->nc_left)
 		return false;
 	*data = c->nc_p + NLMSG_HDRLEN;
@@ -148,14 +150,13 @@ nl_next_msg(nl_cursor_t *c, struct nlmsghdr *h, const uint8_t **data,
 
 /* The next attribute of a message's attribute area. */
 static bool
-nl_next_attr(nl_cursor_t *c, uint16_t *type, const uint8_t **data,
-    size_t *dlen)
+nl_next_attr(nl_cursor_t *c, uint16_t *type, const uint8_t **data, size_t *dlen)
 {
 	struct rtattr a;
 
-	if (c->nc_left < sizeof (a))
+	if (c->nc_left < sizeof(a))
 		return false;
-	memcpy(&a, c->nc_p, sizeof (a));
+	memcpy(&a, c->nc_p, sizeof(a));
 	if (a.rta_len < RTA_LENGTH(0) || a.rta_len > c->nc_left)
 		return false;
 	*type = a.rta_type;
@@ -184,9 +185,9 @@ nl_errno(const uint8_t *data, size_t dlen)
 {
 	int err;
 
-	if (dlen < sizeof (err))
+	if (dlen < sizeof(err))
 		return EPROTO;
-	memcpy(&err, data, sizeof (err));
+	memcpy(&err, data, sizeof(err));
 	if (err == INT_MIN)
 		return EPROTO;
 	return err < 0 ? -err : err;
@@ -223,20 +224,20 @@ route_answer(const uint8_t *data, size_t dlen, int family, ost_nl_route_t *rt)
 	uint32_t oif = 0;
 	bool bad = false;
 
-	memset(rt, 0, sizeof (*rt));
-	if (!nl_attrs(data, dlen, sizeof (rtm), &c))
+	memset(rt, 0, sizeof(*rt));
+	if (!nl_attrs(data, dlen, sizeof(rtm), &c))
 		return;
-	memcpy(&rtm, data, sizeof (rtm));
+	memcpy(&rtm, data, sizeof(rtm));
 	if (rtm.rtm_family != family)
 		return;
 	while (nl_next_attr(&c, &type, &a, &len)) {
 		switch (type) {
 		case RTA_OIF:
-			if (len != sizeof (oif)) {
+			if (len != sizeof(oif)) {
 				bad = true;
 				break;
 			}
-			memcpy(&oif, a, sizeof (oif));
+			memcpy(&oif, a, sizeof(oif));
 			break;
 		case RTA_GATEWAY:
 			/* A gateway we cannot read must not pass for on-link. */
@@ -251,16 +252,16 @@ route_answer(const uint8_t *data, size_t dlen, int family, ost_nl_route_t *rt)
 			/* A next hop of another family cannot be reached. */
 			uint16_t vf;
 
-			if (len != sizeof (vf) + alen) {
+			if (len != sizeof(vf) + alen) {
 				bad = true;
 				break;
 			}
-			memcpy(&vf, a, sizeof (vf));
+			memcpy(&vf, a, sizeof(vf));
 			if (vf != family) {
 				bad = true;
 				break;
 			}
-			memcpy(rt->nr_gw, a + sizeof (vf), alen);
+			memcpy(rt->nr_gw, a + sizeof(vf), alen);
 			rt->nr_has_gw = true;
 			break;
 		}
@@ -272,8 +273,8 @@ route_answer(const uint8_t *data, size_t dlen, int family, ost_nl_route_t *rt)
 }
 
 ost_nl_status_t
-ost_nl_route_parse(const void *buf, size_t len, uint32_t seq,
-    uint32_t portid, int family, ost_nl_route_t *rt)
+ost_nl_route_parse(const void *buf, size_t len, uint32_t seq, uint32_t portid,
+    int family, ost_nl_route_t *rt)
 {
 	nl_cursor_t c = { (const uint8_t *)buf, len };
 	struct nlmsghdr h;
@@ -288,23 +289,23 @@ ost_nl_route_parse(const void *buf, size_t len, uint32_t seq,
 
 			if (err == 0) {
 				/* An acknowledgement without a route. */
-				memset(rt, 0, sizeof (*rt));
+				memset(rt, 0, sizeof(*rt));
 				return OST_NL_ANSWER;
 			}
-			memset(rt, 0, sizeof (*rt));
+			memset(rt, 0, sizeof(*rt));
 			rt->nr_error = err;
 			return OST_NL_ERROR;
 		}
 		if (h.nlmsg_type != RTM_NEWROUTE)
 			continue;
-		if (dlen >= sizeof (struct rtmsg)) {
+		if (dlen >= sizeof(struct rtmsg)) {
 			struct rtmsg rtm;
 			int err;
 
-			memcpy(&rtm, data, sizeof (rtm));
+			memcpy(&rtm, data, sizeof(rtm));
 			err = route_type_errno(rtm.rtm_type);
 			if (err != 0) {
-				memset(rt, 0, sizeof (*rt));
+				memset(rt, 0, sizeof(*rt));
 				rt->nr_error = err;
 				return OST_NL_ERROR;
 			}
@@ -316,7 +317,7 @@ ost_nl_route_parse(const void *buf, size_t len, uint32_t seq,
 }
 
 /* States in which the kernel holds, and reports, a link-layer address. */
-#define NEIGH_COMPLETE_STATES \
+#define NEIGH_COMPLETE_STATES                                                \
 	(NUD_REACHABLE | NUD_STALE | NUD_DELAY | NUD_PROBE | NUD_PERMANENT | \
 	    NUD_NOARP)
 
@@ -333,14 +334,14 @@ neigh_entry(const uint8_t *data, size_t dlen, int family, const void *dst,
 	size_t len;
 	bool match = false, has_ll = false;
 
-	if (!nl_attrs(data, dlen, sizeof (ndm), &c))
+	if (!nl_attrs(data, dlen, sizeof(ndm), &c))
 		return false;
-	memcpy(&ndm, data, sizeof (ndm));
+	memcpy(&ndm, data, sizeof(ndm));
 	if (ndm.ndm_family != family || (ndm.ndm_flags & NTF_PROXY) ||
 	    ndm.ndm_ifindex <= 0 ||
 	    (ifindex != 0 && (uint32_t)ndm.ndm_ifindex != ifindex))
 		return false;
-	memset(e, 0, sizeof (*e));
+	memset(e, 0, sizeof(*e));
 	while (nl_next_attr(&c, &type, &a, &len)) {
 		switch (type) {
 		case NDA_DST:
@@ -350,8 +351,8 @@ neigh_entry(const uint8_t *data, size_t dlen, int family, const void *dst,
 			has_ll = true;
 			e->nn_lladdr_len = (uint32_t)len;
 			memcpy(e->nn_lladdr, a,
-			    len < sizeof (e->nn_lladdr) ? len :
-			    sizeof (e->nn_lladdr));
+			    len < sizeof(e->nn_lladdr) ? len :
+							 sizeof(e->nn_lladdr));
 			break;
 		default:
 			break;
@@ -367,9 +368,8 @@ neigh_entry(const uint8_t *data, size_t dlen, int family, const void *dst,
 }
 
 ost_nl_status_t
-ost_nl_neigh_parse(const void *buf, size_t len, uint32_t seq,
-    uint32_t portid, int family, const void *dst, uint32_t ifindex,
-    ost_nl_neigh_t *nb)
+ost_nl_neigh_parse(const void *buf, size_t len, uint32_t seq, uint32_t portid,
+    int family, const void *dst, uint32_t ifindex, ost_nl_neigh_t *nb)
 {
 	nl_cursor_t c = { (const uint8_t *)buf, len };
 	struct nlmsghdr h;
@@ -383,8 +383,9 @@ ost_nl_neigh_parse(const void *buf, size_t len, uint32_t seq,
 		if (h.nlmsg_type == NLMSG_ERROR || h.nlmsg_type == NLMSG_DONE) {
 			int err = nl_errno(data, dlen);
 
-			if (err != 0 && (h.nlmsg_type == NLMSG_ERROR ||
-			    dlen >= sizeof (int))) {
+			if (err != 0 &&
+			    (h.nlmsg_type == NLMSG_ERROR ||
+				dlen >= sizeof(int))) {
 				nb->nn_error = err;
 				return OST_NL_ERROR;
 			}
@@ -404,8 +405,8 @@ ost_nl_neigh_parse(const void *buf, size_t len, uint32_t seq,
 }
 
 ost_nl_status_t
-ost_nl_neigh_query(ost_nl_t *nl, int family, const void *dst,
-    uint32_t ifindex, ost_nl_neigh_t *nb)
+ost_nl_neigh_query(ost_nl_t *nl, int family, const void *dst, uint32_t ifindex,
+    ost_nl_neigh_t *nb)
 {
 	struct {
 		struct nlmsghdr h;
@@ -416,18 +417,18 @@ ost_nl_neigh_query(ost_nl_t *nl, int family, const void *dst,
 	alignas(struct nlmsghdr) uint8_t buf[OST_NL_BUF_SIZE];
 	hrtime_t deadline;
 
-	memset(nb, 0, sizeof (*nb));
-	memset(&req, 0, sizeof (req));
-	req.h.nlmsg_len = NLMSG_LENGTH(sizeof (req.ndm));
+	memset(nb, 0, sizeof(*nb));
+	memset(&req, 0, sizeof(req));
+	req.h.nlmsg_len = NLMSG_LENGTH(sizeof(req.ndm));
 	req.h.nlmsg_type = RTM_GETNEIGH;
 	req.h.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
 	req.ndm.ndm_family = (uint8_t)family;
 	if (ifindex != 0) {
 		/* Lets the kernel leave out other interfaces' entries. */
 		req.ifa.rta_type = NDA_IFINDEX;
-		req.ifa.rta_len = RTA_LENGTH(sizeof (req.ifi));
+		req.ifa.rta_len = RTA_LENGTH(sizeof(req.ifi));
 		req.ifi = ifindex;
-		req.h.nlmsg_len = sizeof (req);
+		req.h.nlmsg_len = sizeof(req);
 	}
 	if (!ost_nl_send(nl, &req.h)) {
 		nb->nn_error = errno;
@@ -435,11 +436,11 @@ ost_nl_neigh_query(ost_nl_t *nl, int family, const void *dst,
 	}
 	deadline = gethrtime() + (hrtime_t)OST_NL_TIMEOUT_MS * 1000000;
 	for (;;) {
-		ssize_t n = ost_nl_recv(nl, buf, sizeof (buf), deadline);
+		ssize_t n = ost_nl_recv(nl, buf, sizeof(buf), deadline);
 		ost_nl_status_t st;
 
 		if (n < 0) {
-			memset(nb, 0, sizeof (*nb));
+			memset(nb, 0, sizeof(*nb));
 			nb->nn_error = errno;
 			return OST_NL_ERROR;
 		}
@@ -455,8 +456,8 @@ ost_if_name_copy(char *dst, const char *src)
 {
 	size_t i;
 
-	for (i = 0; i < OST_IFNAME_SIZE - 1 && src[i] != '\0' &&
-	    src[i] != ':'; i++)
+	for (i = 0; i < OST_IFNAME_SIZE - 1 && src[i] != '\0' && src[i] != ':';
+	     i++)
 		dst[i] = src[i];
 	dst[i] = '\0';
 }
@@ -466,7 +467,7 @@ ost_if_ether(const struct ifaddrs *list, uint32_t index,
     struct ether_addr *ether)
 {
 	for (const struct ifaddrs *ifa = list; ifa != NULL;
-	    ifa = ifa->ifa_next) {
+	     ifa = ifa->ifa_next) {
 		const struct sockaddr_ll *sll =
 		    (const struct sockaddr_ll *)ifa->ifa_addr;
 

@@ -28,8 +28,8 @@
 
 typedef struct ost_nl {
 	int nl_fd;
-	uint32_t nl_portid;	/* the kernel's replies carry it */
-	uint32_t nl_seq;	/* of the last request sent */
+	uint32_t nl_portid; /* the kernel's replies carry it */
+	uint32_t nl_seq;    /* of the last request sent */
 } ost_nl_t;
 
 /*
@@ -54,17 +54,17 @@ bool ost_nl_send(ost_nl_t *nl, struct nlmsghdr *req);
 ssize_t ost_nl_recv(ost_nl_t *nl, void *buf, size_t size, hrtime_t deadline);
 
 typedef enum {
-	OST_NL_MORE = 0,	/* the answer has not ended: read on */
-	OST_NL_ANSWER,		/* the answer is complete */
-	OST_NL_ERROR		/* the kernel refused the request */
+	OST_NL_MORE = 0, /* the answer has not ended: read on */
+	OST_NL_ANSWER,   /* the answer is complete */
+	OST_NL_ERROR     /* the kernel refused the request */
 } ost_nl_status_t;
 
 /* What a route answer says. */
 typedef struct ost_nl_route {
-	int nr_error;		/* OST_NL_ERROR: positive errno */
-	uint32_t nr_oif;	/* 0: the answer names no usable interface */
+	int nr_error;    /* OST_NL_ERROR: positive errno */
+	uint32_t nr_oif; /* 0: the answer names no usable interface */
 	bool nr_has_gw;
-	uint8_t nr_gw[16];	/* 4 or 16 bytes, network order */
+	uint8_t nr_gw[16]; /* 4 or 16 bytes, network order */
 } ost_nl_route_t;
 
 /*
@@ -77,13 +77,13 @@ ost_nl_status_t ost_nl_route_parse(const void *buf, size_t len, uint32_t seq,
 
 /* What a neighbour dump says about one address. */
 typedef struct ost_nl_neigh {
-	int nn_error;		  /* OST_NL_ERROR: positive errno */
-	bool nn_found;	  /* an entry for the address exists */
-	bool nn_complete;	  /* ... and it holds a link-layer address */
+	int nn_error;     /* OST_NL_ERROR: positive errno */
+	bool nn_found;    /* an entry for the address exists */
+	bool nn_complete; /* ... and it holds a link-layer address */
 	uint32_t nn_ifindex;
-	uint16_t nn_state;	  /* NUD_* */
-	uint32_t nn_lladdr_len;	  /* as the kernel gave it */
-	uint8_t nn_lladdr[32];	  /* its first bytes */
+	uint16_t nn_state;      /* NUD_* */
+	uint32_t nn_lladdr_len; /* as the kernel gave it */
+	uint8_t nn_lladdr[32];  /* its first bytes */
 } ost_nl_neigh_t;
 
 /*
@@ -93,9 +93,9 @@ typedef struct ost_nl_neigh {
  * nb keeps the first entry met until the dump ends.  nb must be zeroed
  * before the first buffer.
  */
-ost_nl_status_t ost_nl_neigh_parse(const void *buf, size_t len, uint32_t seq,
-    uint32_t portid, int family, const void *dst, uint32_t ifindex,
-    ost_nl_neigh_t *nb);
+ost_nl_status_t
+ost_nl_neigh_parse(const void *buf, size_t len, uint32_t seq, uint32_t portid,
+    int family, const void *dst, uint32_t ifindex, ost_nl_neigh_t *nb);
 
 /*
  * Sends the neighbour dump for family (filtered by the kernel to ifindex

@@ -18,7 +18,7 @@
 #include <netinet/in.h>
 #include <stdint.h>
 
-#define OST_IFNAME_SIZE 32	/* interface names, with room to spare */
+#define OST_IFNAME_SIZE 32 /* interface names, with room to spare */
 
 /*
  * The interface that carries an address (ost_find_if_v6): its name, cut at
@@ -44,8 +44,8 @@ bool ost_get_route_v6(const struct in6_addr *dst, uint32_t *if_index,
  * resolution once with ost_tmp_connect when there is none.  Writes the
  * interface's index and, unless if_name (32 bytes) is null, its name.
  */
-bool ost_get_eaddr_v4(const struct in_addr *addr,
-    struct ether_addr *ether, uint32_t *if_index, char *if_name);
+bool ost_get_eaddr_v4(const struct in_addr *addr, struct ether_addr *ether,
+    uint32_t *if_index, char *if_name);
 
 /*
  * The first address of interface if_name that is up (any label of it), the
@@ -84,7 +84,7 @@ bool ost_find_if_v6(const struct in6_addr *addr, uint32_t scope_id,
  * interface *if_index unless it is 0); the owner's name and index are
  * written to if_name and *if_index.  Never provokes neighbour discovery.
  */
-bool ost_get_eaddr_v6(const struct in6_addr *addr,
-    struct ether_addr *ether, uint32_t *if_index, char *if_name);
+bool ost_get_eaddr_v6(const struct in6_addr *addr, struct ether_addr *ether,
+    uint32_t *if_index, char *if_name);
 
 #endif /* OST_RESOLVE_RESOLVE_H */

@@ -18,8 +18,8 @@
  * only when the kernel names an interface.
  */
 static bool
-get_route(int family, const void *dst, size_t alen,
-    uint32_t *if_index, void *gateway)
+get_route(int family, const void *dst, size_t alen, uint32_t *if_index,
+    void *gateway)
 {
 	struct {
 		struct nlmsghdr h;
@@ -37,9 +37,9 @@ get_route(int family, const void *dst, size_t alen,
 		ost_debug("cannot open routing socket\n");
 		return false;
 	}
-	memset(&req, 0, sizeof (req));
-	req.h.nlmsg_len = NLMSG_LENGTH(sizeof (req.rtm)) +
-	    RTA_SPACE((unsigned int)alen);
+	memset(&req, 0, sizeof(req));
+	req.h.nlmsg_len =
+	    NLMSG_LENGTH(sizeof(req.rtm)) + RTA_SPACE((unsigned int)alen);
 	req.h.nlmsg_type = RTM_GETROUTE;
 	req.h.nlmsg_flags = NLM_F_REQUEST;
 	req.rtm.rtm_family = (uint8_t)family;
@@ -58,15 +58,15 @@ get_route(int family, const void *dst, size_t alen,
 	 */
 	deadline = gethrtime() + (hrtime_t)OST_NL_TIMEOUT_MS * 1000000;
 	while (st == OST_NL_MORE) {
-		ssize_t n = ost_nl_recv(&nl, buf, sizeof (buf), deadline);
+		ssize_t n = ost_nl_recv(&nl, buf, sizeof(buf), deadline);
 
 		if (n < 0) {
 			ost_debug("cannot read from routing socket\n");
 			ost_nl_close(&nl);
 			return false;
 		}
-		st = ost_nl_route_parse(buf, (size_t)n, nl.nl_seq,
-		    nl.nl_portid, family, &rt);
+		st = ost_nl_route_parse(buf, (size_t)n, nl.nl_seq, nl.nl_portid,
+		    family, &rt);
 	}
 	ost_nl_close(&nl);
 	if (st == OST_NL_ERROR) {
@@ -80,7 +80,7 @@ get_route(int family, const void *dst, size_t alen,
 
 		memcpy(gateway, rt.nr_gw, alen);
 		ost_debug("gw: %s\n",
-		    inet_ntop(family, rt.nr_gw, text, sizeof (text)));
+		    inet_ntop(family, rt.nr_gw, text, sizeof(text)));
 	} else {
 		memset(gateway, 0, alen);
 	}
@@ -94,8 +94,7 @@ ost_get_route_v4(const struct in_addr *dst, uint32_t *if_index,
 {
 	ost_errno_keep keep;
 
-	return get_route(AF_INET, dst,
-	    sizeof (*dst), if_index, gateway);
+	return get_route(AF_INET, dst, sizeof(*dst), if_index, gateway);
 }
 
 bool
@@ -104,6 +103,5 @@ ost_get_route_v6(const struct in6_addr *dst, uint32_t *if_index,
 {
 	ost_errno_keep keep;
 
-	return get_route(AF_INET6, dst,
-	    sizeof (*dst), if_index, gateway);
+	return get_route(AF_INET6, dst, sizeof(*dst), if_index, gateway);
 }

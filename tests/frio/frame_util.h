@@ -8,7 +8,8 @@
 
 #include <vector>
 
-namespace frio_test {
+namespace frio_test
+{
 
 typedef std::vector<uint8_t> bytes;
 
@@ -28,7 +29,11 @@ fold(uint32_t s)
 	return static_cast<uint16_t>(s);
 }
 
-inline uint16_t get16(const uint8_t *p) { return uint16_t(p[0] << 8 | p[1]); }
+inline uint16_t
+get16(const uint8_t *p)
+{
+	return uint16_t(p[0] << 8 | p[1]);
+}
 
 inline void
 put16(uint8_t *p, uint16_t v)

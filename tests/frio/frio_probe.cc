@@ -8,7 +8,8 @@
 
 #include "frio.h"
 
-namespace {
+namespace
+{
 
 int
 count_lines(const char *path)
@@ -61,7 +62,8 @@ main(int argc, char **argv)
 		return 1;
 	}
 	if (h != nullptr || fds2 != fds || maps2 > maps) {
-		printf("leak: handle %p, descriptors %d -> %d, mappings %d -> %d\n",
+		printf("leak: handle %p, descriptors %d -> %d, mappings %d -> "
+		       "%d\n",
 		    (void *)h, fds, fds2, maps, maps2);
 		return 1;
 	}

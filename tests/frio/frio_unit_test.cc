@@ -19,19 +19,19 @@
 
 using namespace frio_test;
 
-namespace {
+namespace
+{
 
-class MemTest : public ::testing::Test {
-protected:
-	void
-	SetUp() override
+class MemTest : public ::testing::Test
+{
+      protected:
+	void SetUp() override
 	{
 		setenv("FRIO_BACKEND", "mem", 1);
 		frio_mem_reset();
 		ASSERT_EQ(frio_open("mem0", nullptr, &h_), FRIO_STATUS_OK);
 	}
-	void
-	TearDown() override
+	void TearDown() override
 	{
 		frio_close(h_);
 		frio_mem_reset();
@@ -40,8 +40,7 @@ protected:
 
 	/* Sends hdr + payload cut into pieces of the given sizes; returns the
 	 * frame as transmitted. */
-	bytes
-	transmit(const bytes &hdr, const bytes &payload,
+	bytes transmit(const bytes &hdr, const bytes &payload,
 	    const std::vector<size_t> &cuts, frio_tx_args_t *ta)
 	{
 		std::vector<struct iovec> iov;
@@ -54,7 +53,8 @@ protected:
 		}
 		iov.push_back({ p + off, payload.size() - off });
 		EXPECT_EQ(frio_tx_vec(h_, ta, hdr.data(), hdr.size(),
-		    iov.data(), int(iov.size())), FRIO_STATUS_OK);
+			      iov.data(), int(iov.size())),
+		    FRIO_STATUS_OK);
 		bytes out(FRIO_MAX_FRAME + 1);
 		ssize_t n = frio_mem_tx_pop(h_, out.data(), out.size());
 		EXPECT_EQ(n, ssize_t(hdr.size() + payload.size()));
@@ -98,10 +98,11 @@ TEST(FrioCsum, WordSumMatchesByteSumAtAnyAlignmentAndLength)
 	bytes buf = pattern(1600, 7);
 
 	for (size_t start = 0; start < 8; start++)
-		for (size_t len : { 0, 1, 2, 3, 5, 7, 8, 9, 15, 63, 1471,
-		    1500 })
-			EXPECT_EQ(frio_csum_fold(frio_csum_add(0, &buf[start],
-			    len)), htons(fold(sum_be(&buf[start], len))))
+		for (size_t len :
+		    { 0, 1, 2, 3, 5, 7, 8, 9, 15, 63, 1471, 1500 })
+			EXPECT_EQ(frio_csum_fold(
+				      frio_csum_add(0, &buf[start], len)),
+			    htons(fold(sum_be(&buf[start], len))))
 			    << start << "+" << len;
 }
 
@@ -118,7 +119,7 @@ TEST_F(MemTest, CompletesChecksums)
 		frio_tx_args_t *args = v6 ? &ta : nullptr;
 
 		for (size_t len : { size_t(0), size_t(1), size_t(3), size_t(10),
-		    size_t(301), max - 1, max }) {
+			 size_t(301), max - 1, max }) {
 			bytes hdr = udp_hdr(v6, len), payload = pattern(len, 5);
 			if (len == 10) {
 				/* Last word chosen so the UDP sum is zero. */
@@ -126,9 +127,10 @@ TEST_F(MemTest, CompletesChecksums)
 				f.insert(f.end(), payload.begin(),
 				    payload.end());
 				put16(&f[u + 6], 0);
-				put16(&payload[8], uint16_t(~fold(sum_be(&f[u],
-				    f.size() - u - 2,
-				    pseudo_seed(f.data(), 18)))));
+				put16(&payload[8],
+				    uint16_t(
+					~fold(sum_be(&f[u], f.size() - u - 2,
+					    pseudo_seed(f.data(), 18)))));
 			}
 			bytes f = transmit(hdr, payload, {}, args);
 			ASSERT_EQ(f.size(), u + 8 + len);
@@ -137,8 +139,11 @@ TEST_F(MemTest, CompletesChecksums)
 				    << len;
 			}
 			uint16_t sent = get16(&f[u + 6]);
-			EXPECT_EQ(fold(sum_be(&f[u], f.size() - u, pseudo_seed(
-			    f.data(), uint16_t(8 + len)))), 0xffff) << len;
+			EXPECT_EQ(fold(sum_be(&f[u], f.size() - u,
+				      pseudo_seed(f.data(),
+					  uint16_t(8 + len)))),
+			    0xffff)
+			    << len;
 			EXPECT_NE(sent, 0) << len;
 			if (len == 10) {
 				EXPECT_EQ(sent, 0xffff) << "v6 " << v6;
@@ -146,15 +151,21 @@ TEST_F(MemTest, CompletesChecksums)
 			EXPECT_EQ(memcmp(&f[u + 8], payload.data(), len), 0);
 			if (len > 3) {
 				EXPECT_EQ(transmit(hdr, payload, { 0, 1, 2, 0 },
-				    args), f) << len;
+					      args),
+				    f)
+				    << len;
 			}
 			if (len == 301) {
 				EXPECT_EQ(transmit(hdr, payload,
-				    std::vector<size_t>(300, 1), args), f);
+					      std::vector<size_t>(300, 1),
+					      args),
+				    f);
 			}
 			if (v6) {
 				EXPECT_EQ(get16(&transmit(hdr, payload, {},
-				    nullptr)[60]), get16(&hdr[60])) << len;
+					      nullptr)[60]),
+				    get16(&hdr[60]))
+				    << len;
 			}
 		}
 	}
@@ -170,22 +181,22 @@ TEST_F(MemTest, RefusesMalformedAndOversizeFrames)
 	ta.ut_pkt_options = FRIO_TX_OPT_IPV6_CKSUM;
 	struct bad {
 		bool v6;
-		size_t off;		/* byte to change, or hdr_len cut */
-		int val;		/* -1: cut the header at off */
+		size_t off; /* byte to change, or hdr_len cut */
+		int val;    /* -1: cut the header at off */
 		size_t payload;
 		frio_status_t want;
 	} cases[] = {
-		{ false, 12, 0x81, 0, FRIO_STATUS_BADHDR },	/* VLAN */
-		{ false, 14, 0x65, 0, FRIO_STATUS_BADHDR },	/* version 6 */
-		{ false, 14, 0x44, 0, FRIO_STATUS_BADHDR },	/* IHL 16 */
-		{ false, 14, 0x46, 0, FRIO_STATUS_BADHDR },	/* options cut */
-		{ false, 20, 0x20, 0, FRIO_STATUS_BADHDR },	/* more frags */
-		{ false, 21, 0x01, 0, FRIO_STATUS_BADHDR },	/* offset */
-		{ false, 23, 6, 0, FRIO_STATUS_BADHDR },	/* TCP */
+		{ false, 12, 0x81, 0, FRIO_STATUS_BADHDR }, /* VLAN */
+		{ false, 14, 0x65, 0, FRIO_STATUS_BADHDR }, /* version 6 */
+		{ false, 14, 0x44, 0, FRIO_STATUS_BADHDR }, /* IHL 16 */
+		{ false, 14, 0x46, 0, FRIO_STATUS_BADHDR }, /* options cut */
+		{ false, 20, 0x20, 0, FRIO_STATUS_BADHDR }, /* more frags */
+		{ false, 21, 0x01, 0, FRIO_STATUS_BADHDR }, /* offset */
+		{ false, 23, 6, 0, FRIO_STATUS_BADHDR },    /* TCP */
 		{ false, 41, -1, 0, FRIO_STATUS_BADHDR },
 		{ false, 13, -1, 0, FRIO_STATUS_BADHDR },
 		{ true, 14, 0x40, 0, FRIO_STATUS_BADHDR },
-		{ true, 20, 6, 0, FRIO_STATUS_BADHDR },		/* next header */
+		{ true, 20, 6, 0, FRIO_STATUS_BADHDR }, /* next header */
 		{ true, 61, -1, 0, FRIO_STATUS_BADHDR },
 		{ false, 0, 0x02, 1473, FRIO_STATUS_TOOBIG },
 		{ true, 0, 0x02, 1453, FRIO_STATUS_TOOBIG },
@@ -199,7 +210,9 @@ TEST_F(MemTest, RefusesMalformedAndOversizeFrames)
 		else
 			hdr[c.off] = uint8_t(c.val);
 		EXPECT_EQ(frio_tx_vec(h_, c.v6 ? &ta : nullptr, hdr.data(),
-		    hdr.size(), &iov, 1), c.want) << c.v6 << " " << c.off;
+			      hdr.size(), &iov, 1),
+		    c.want)
+		    << c.v6 << " " << c.off;
 	}
 	bytes hdr = udp_hdr(false, 0);
 	struct iovec hole = { nullptr, 1 };
@@ -207,8 +220,8 @@ TEST_F(MemTest, RefusesMalformedAndOversizeFrames)
 	EXPECT_EQ(frio_tx_vec(h_, nullptr, hdr.data(), hdr.size(), &hole, 1),
 	    FRIO_STATUS_BADARG);
 	EXPECT_EQ(frio_mem_tx_pending(h_), 0);
-	EXPECT_EQ(frio_tx_vec(h_, nullptr, hdr.data(), hdr.size(), nullptr,
-	    0), FRIO_STATUS_OK);
+	EXPECT_EQ(frio_tx_vec(h_, nullptr, hdr.data(), hdr.size(), nullptr, 0),
+	    FRIO_STATUS_OK);
 	EXPECT_EQ(frio_mem_tx_pending(h_), 1);
 }
 
@@ -248,13 +261,17 @@ edge_frames()
 		std::vector<std::pair<size_t, int>> m = {
 			{ ipl, get16(&ok[ipl]) + 1 },
 			{ ul, get16(&ok[ul]) - 1 },
-			{ ul, 4 }, { u + 2, 5679 }, { 4, 0x0003 }, { u - 2, 0 },
+			{ ul, 4 },
+			{ u + 2, 5679 },
+			{ 4, 0x0003 },
+			{ u - 2, 0 },
 		};
 		if (v6)
 			m.push_back({ 20, 0x0040 });
 		else
-			m.insert(m.end(), { { 14, 0x4600 }, { 20, 0x2000 },
-			    { 20, 0x0001 }, { 22, 0x4006 } });
+			m.insert(m.end(),
+			    { { 14, 0x4600 }, { 20, 0x2000 }, { 20, 0x0001 },
+				{ 22, 0x4006 } });
 		v.push_back({ ok, true });
 		v.push_back({ wire_frame(v6, 0), true });
 		v.push_back({ wire_frame(v6, v6 ? 1452 : 1472), true });
@@ -263,8 +280,8 @@ edge_frames()
 		padded.resize(ok.size() + 18);
 		v.push_back({ padded, true });
 		for (size_t n = 0; n < ok.size(); n++)
-			v.push_back({ bytes(ok.begin(), ok.begin() + n),
-			    false });
+			v.push_back(
+			    { bytes(ok.begin(), ok.begin() + n), false });
 		for (auto [off, val] : m) {
 			bytes f = ok;
 			put16(&f[off], uint16_t(val));
@@ -304,11 +321,12 @@ run_cbpf(const struct sock_filter *p, int n, const bytes &pkt)
 		case BPF_LD | BPF_H | BPF_ABS:
 		case BPF_LD | BPF_B | BPF_ABS: {
 			uint32_t sz = BPF_SIZE(i.code) == BPF_W ? 4 :
-			    BPF_SIZE(i.code) == BPF_H ? 2 : 1;
+			    BPF_SIZE(i.code) == BPF_H           ? 2 :
+								  1;
 			if (k == uint32_t(SKF_AD_OFF + SKF_AD_PKTTYPE))
 				a = PACKET_HOST;
-			else if (k == uint32_t(SKF_AD_OFF +
-			    SKF_AD_VLAN_TAG_PRESENT))
+			else if (k ==
+			    uint32_t(SKF_AD_OFF + SKF_AD_VLAN_TAG_PRESENT))
 				a = 0;
 			else if (k + sz > len)
 				return 0;
@@ -317,19 +335,44 @@ run_cbpf(const struct sock_filter *p, int n, const bytes &pkt)
 					a = a << 8 | pkt[k++];
 			break;
 		}
-		case BPF_LD | BPF_W | BPF_LEN: a = len; break;
-		case BPF_LDX | BPF_W | BPF_LEN: x = len; break;
-		case BPF_LD | BPF_MEM: a = mem[k]; break;
-		case BPF_ST: mem[k] = a; break;
-		case BPF_ALU | BPF_AND | BPF_K: a &= k; break;
-		case BPF_ALU | BPF_ADD | BPF_K: a += k; break;
-		case BPF_ALU | BPF_SUB | BPF_K: a -= k; break;
-		case BPF_MISC | BPF_TAX: x = a; break;
-		case BPF_RET | BPF_K: return k;
-		case BPF_JMP | BPF_JEQ: pc += a == v ? i.jt : i.jf; break;
-		case BPF_JMP | BPF_JGT: pc += a > v ? i.jt : i.jf; break;
-		case BPF_JMP | BPF_JGE: pc += a >= v ? i.jt : i.jf; break;
-		case BPF_JMP | BPF_JSET: pc += (a & v) ? i.jt : i.jf; break;
+		case BPF_LD | BPF_W | BPF_LEN:
+			a = len;
+			break;
+		case BPF_LDX | BPF_W | BPF_LEN:
+			x = len;
+			break;
+		case BPF_LD | BPF_MEM:
+			a = mem[k];
+			break;
+		case BPF_ST:
+			mem[k] = a;
+			break;
+		case BPF_ALU | BPF_AND | BPF_K:
+			a &= k;
+			break;
+		case BPF_ALU | BPF_ADD | BPF_K:
+			a += k;
+			break;
+		case BPF_ALU | BPF_SUB | BPF_K:
+			a -= k;
+			break;
+		case BPF_MISC | BPF_TAX:
+			x = a;
+			break;
+		case BPF_RET | BPF_K:
+			return k;
+		case BPF_JMP | BPF_JEQ:
+			pc += a == v ? i.jt : i.jf;
+			break;
+		case BPF_JMP | BPF_JGT:
+			pc += a > v ? i.jt : i.jf;
+			break;
+		case BPF_JMP | BPF_JGE:
+			pc += a >= v ? i.jt : i.jf;
+			break;
+		case BPF_JMP | BPF_JSET:
+			pc += (a & v) ? i.jt : i.jf;
+			break;
 		default:
 			ADD_FAILURE() << "opcode " << i.code;
 			return 0;
@@ -348,15 +391,16 @@ TEST(FrioFilter, PacketSocketFilterAgreesWithTheRule)
 		all.push_back(filter_for(wire_frame(j % 2, 0,
 		    j < 4 ? (j < 2 ? 5678 : 9999) : uint16_t(1000 + j))));
 	for (int nf : { 0, 1, 2, 3, 4, FRIO_MAX_FILTERS }) {
-		frio_filter_set_t s = set_of(std::vector<frio_filter_args_t>(
-		    all.begin(), all.begin() + nf));
+		frio_filter_set_t s =
+		    set_of(std::vector<frio_filter_args_t>(all.begin(),
+			all.begin() + nf));
 		int n = frio_packet_filter(&s, prog, 512), i = 0;
 
 		ASSERT_GT(n, 0) << nf;
 		for (const auto &c : edge_frames())
 			EXPECT_EQ(run_cbpf(prog, n, c.first) != 0,
-			    matches(s, c.first)) << nf << " filters, case "
-			    << i++;
+			    matches(s, c.first))
+			    << nf << " filters, case " << i++;
 		if (nf == FRIO_MAX_FILTERS) {
 			EXPECT_NE(run_cbpf(prog, n, wire_frame(true, 5, 1015)),
 			    0u);
@@ -444,7 +488,9 @@ TEST_F(MemTest, FilterBelongsToOneHandlePerInterface)
 	ASSERT_EQ(frio_open("mem0", nullptr, &h2), FRIO_STATUS_OK);
 	EXPECT_EQ(frio_setup_rx(h2, &f), FRIO_STATUS_FAILED);
 	EXPECT_NE(strstr(frio_status2str(FRIO_STATUS_FAILED, buf, sizeof(buf)),
-	    "another handle"), nullptr) << buf;
+		      "another handle"),
+	    nullptr)
+	    << buf;
 	EXPECT_EQ(frio_mem_filters(h2, nullptr, 0), 0);
 	EXPECT_EQ(frio_setup_rx(h2, &g), FRIO_STATUS_OK);
 	frio_close(h_);
