@@ -244,6 +244,8 @@ TEST_P(Transmit, FullRingIsRetriedWithinTheAttemptBudget)
 	EXPECT_EQ(errno, EIO);
 }
 
+/* Another peer, a short address, another family: the kernel's; for IPv6
+ * sendto (not sendmsg) also wants the handle's scope or none. */
 TEST_P(Transmit, OnlyTheCachedPeerTakesTheBypass)
 {
 	EXPECT_EQ(sendto_("B", &other_addr_, addr_len()), 1);
@@ -252,33 +254,24 @@ TEST_P(Transmit, OnlyTheCachedPeerTakesTheBypass)
 	EXPECT_EQ(pop_frame().size(), hdr_len() + 1);
 	EXPECT_EQ(sendto_("N", nullptr, 0), 1);
 	EXPECT_EQ(pop_frame().size(), hdr_len() + 1);
-
-	/* Too short or another family: the kernel's own answer. */
-	struct sockaddr_storage unused;
+	/* The kernel's answer, whatever it is, from a socket of its own. */
+	struct sockaddr_storage ss = peer_addr_, unused;
 	int kfd = bound_udp_socket(GetParam(), &unused);
-	for (int i = 0; i < 3; i++) {
-		struct sockaddr_storage ss = peer_addr_;
-		socklen_t len = i == 0 ? 1 : i == 1 ? addr_len() - 1 : addr_len();
-		if (i == 2)
-			ss.ss_family = v6_ ? AF_INET : AF_INET6;
-		errno = 0;
-		ssize_t want = real_sendto(kfd, "s", 1, 0, (struct sockaddr *)&ss,
-		    len);
-		int want_errno = errno;
-		errno = 0;
-		EXPECT_EQ(sendto_("s", &ss, len), want) << i;
-		EXPECT_EQ(errno, want_errno) << i;
+	for (socklen_t len : { (socklen_t)1, addr_len() - 1, (socklen_t)0 }) {
+		if (len == 0)
+			ss.ss_family = v6_ ? AF_INET : AF_INET6, len = addr_len();
+		EXPECT_EQ(sendto_("s", &ss, len), real_sendto(kfd, "s", 1, 0,
+		    (struct sockaddr *)&ss, len)) << len;
 	}
 	close(kfd);
-}
-
-TEST_P(Transmit, ScopeIdIsComparedBySendtoOnly)
-{
+	EXPECT_EQ(frio_mem_tx_pending(hdl_), 0);
+	char drain[8];	/* what the kernel delivered of those */
+	while (real_recvfrom(peer_, drain, 8, MSG_DONTWAIT, nullptr, nullptr) > 0)
+		;
 	if (!v6_)
-		GTEST_SKIP() << "IPv6 only";
+		return;
 	struct sockaddr_in6 to = *(const struct sockaddr_in6 *)peer();
-
-	to.sin6_scope_id = 7;	/* the handle's interface */
+	to.sin6_scope_id = 7;
 	EXPECT_EQ(sendto_("1", &to, sizeof (to)), 1);
 	EXPECT_EQ(pop_frame().size(), hdr_len() + 1);
 	to.sin6_scope_id = 9;
@@ -331,12 +324,10 @@ TEST_P(Transmit, BatchesDecidePerMessage)
 	vec[1].msg_hdr.msg_namelen = addr_len();
 
 	EXPECT_EQ(ost_sendmmsg_call(fd_, vec, 3, 0), 3);
-	for (auto &m : vec)
-		EXPECT_EQ(m.msg_len, 3u);
+	EXPECT_EQ(vec[1].msg_len, 3u);
 	EXPECT_EQ(kernel_got(other_), "two");
-	EXPECT_EQ(frio_mem_tx_pending(hdl_), 2);
-	pop_frame();
-	pop_frame();
+	expect_frame(pop_frame(), "one", 64);
+	expect_frame(pop_frame(), "six", 64);
 
 	/* The third fails: two sent.  The first fails: -1 with EIO. */
 	iov[2] = { nullptr, 3 };
@@ -347,10 +338,9 @@ TEST_P(Transmit, BatchesDecidePerMessage)
 	EXPECT_EQ(ost_sendmmsg_call(fd_, vec, 3, 0), -1);
 	EXPECT_EQ(errno, EIO);
 
-	/* Sizes outside 1..1024 and control data: all the kernel's. */
+	/* Control data anywhere: all the kernel's. */
 	iov[0] = { (void *)"one", 3 };
 	iov[2] = { (void *)"six", 3 };
-	EXPECT_EQ(ost_sendmmsg_call(fd_, vec, 0, 0), 0);
 	char cbuf[CMSG_SPACE(sizeof (int))] = {};
 	vec[2].msg_hdr.msg_control = cbuf;
 	vec[2].msg_hdr.msg_controllen = sizeof (cbuf);
