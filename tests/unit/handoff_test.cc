@@ -28,18 +28,13 @@ TEST(EnvCleanup, BlanksTheLibraryWordKeepingTheLength)
 	const std::string blank18(18, ' '), blank11(11, ' ');
 	EXPECT_EQ(cleaned("/a/liba.so /opt/x/ostrel.so.1 /b/libb.so"),
 	    "/a/liba.so " + blank18 + " /b/libb.so");
-	EXPECT_EQ(cleaned("/opt/x/ostrel.so.1"), blank18);
-	EXPECT_EQ(cleaned("ostrel.so.1 /b/libb.so"), blank11 + " /b/libb.so");
 	/* Colons do not separate words: the whole word goes. */
 	EXPECT_EQ(cleaned("/a.so:/ostrel.so.1"), blank18);
 	EXPECT_EQ(cleaned("/a/liba.so /b/libb.so"), "/a/liba.so /b/libb.so");
-	EXPECT_EQ(cleaned(""), "");
 	EXPECT_EQ(cleaned("ostrel.so.1 ostrel.so.1"), blank11 + " ostrel.so.1");
-
-	unsetenv("LD_PRELOAD_32");
-	ost_env_cleanup("LD_PRELOAD_32");
-	EXPECT_EQ(getenv("LD_PRELOAD_32"), nullptr);
 	unsetenv("LD_PRELOAD");
+	ost_env_cleanup("LD_PRELOAD");
+	EXPECT_EQ(getenv("LD_PRELOAD"), nullptr);
 }
 
 class CleanupTest : public ::testing::Test {
@@ -53,21 +48,18 @@ TEST_F(CleanupTest, EmptiesTheRegistryAndGivesSocketsBackToTheKernel)
 	struct sockaddr_storage addr;
 	int sd = bound_udp_socket(AF_INET, &addr);
 	struct in6_addr loop;
-	so_ost_opt_t got;
 
 	ASSERT_TRUE(ost_add(sd, AF_INET));
 	inet_pton(AF_INET6, "::ffff:127.0.0.1", &loop);
 	ASSERT_TRUE(attach_to_mem(record(sd), "mem0", &loop,
 	    ((struct sockaddr_in *)&addr)->sin_port));
-	ASSERT_TRUE(ost_kernel_bypass_get(sd, &got));
+	ASSERT_FALSE(delivered(sd, addr)) << "not armed";
 	for (int i = 0; i < 40; i++)
 		ASSERT_TRUE(ost_add(kFakeFd + i, i % 2 ? AF_INET6 : AF_INET));
 
 	ost_cleanup();
 	EXPECT_EQ(registry_size(), 0);
 	EXPECT_EQ(frio_mem_open_count(), 0);
-	EXPECT_FALSE(ost_kernel_bypass_get(sd, &got));
-
 	EXPECT_TRUE(delivered(sd, addr)) << "the kernel path stayed silent";
 	close(sd);
 }

@@ -29,41 +29,28 @@ remove_record(int sd)
 	ost_del(up, false);
 }
 
-TEST_F(RegistryTest, SharedBucketFindsEachByItsNumber)
+/* Numbers sharing a bucket, and a number reused before its old record's
+ * teardown finished: each lookup finds the right, newest record. */
+TEST_F(RegistryTest, LookupFindsTheNewestRecordOfItsNumber)
 {
 	const int fds[] = { 3 + 11 * 100000, 14 + 11 * 100000, 25 + 11 * 100000 };
 	for (int fd : fds)
 		ASSERT_TRUE(ost_add(fd, AF_INET));
-	for (int fd : fds) {
+	remove_record(fds[1]);
+	EXPECT_EQ(ost_find_sd(fds[1]), nullptr);
+	for (int fd : { fds[0], fds[2] }) {
 		uost_t *up = ost_find_sd(fd);
 		ASSERT_NE(up, nullptr);
 		EXPECT_EQ(up->uost_sd, fd);
 		ost_release(up);
 	}
-	remove_record(fds[1]);
-	EXPECT_EQ(ost_find_sd(fds[1]), nullptr);	/* a missing number */
-	for (int fd : { fds[0], fds[2] }) {
-		uost_t *up = ost_find_sd(fd);
-		ASSERT_NE(up, nullptr);
-		EXPECT_EQ(refcnt_of(up), 2u);
-		ost_release(up);
-	}
-}
 
-TEST_F(RegistryTest, ReusedNumberFindsTheNewestRecord)
-{
-	ASSERT_TRUE(ost_add(kFakeFd, AF_INET));
-	uost_t *old_rec = ost_find_sd(kFakeFd);
-	ASSERT_TRUE(ost_add(kFakeFd, AF_INET6));	/* reused before teardown */
-	uost_t *new_rec = ost_find_sd(kFakeFd);
+	uost_t *old_rec = ost_find_sd(fds[0]);
+	ASSERT_TRUE(ost_add(fds[0], AF_INET6));
+	uost_t *new_rec = record(fds[0]);
 	EXPECT_NE(old_rec, new_rec);
-	EXPECT_TRUE(new_rec->uost_is_v6);
-	ost_release(new_rec);
-
 	ost_del(old_rec, false);	/* the old close finishes */
-	uost_t *up = ost_find_sd(kFakeFd);
-	EXPECT_EQ(up, new_rec);
-	ost_release(up);
+	EXPECT_EQ(record(fds[0]), new_rec);
 }
 
 TEST_F(RegistryTest, TeardownWaitsForEveryHolder)

@@ -23,10 +23,11 @@ ost_test_init()
 
 bool
 attach_to_mem(uost_t *up, const char *if_name, const struct in6_addr *addr,
-    in_port_t port)
+    in_port_t port, uint32_t if_index)
 {
 	pthread_mutex_lock(&up->uost_lock);
 	snprintf(up->uost_if_name, sizeof (up->uost_if_name), "%s", if_name);
+	up->uost_if_index = if_index;
 	ost_tpl_set_saddr(up, addr);
 	ost_tpl_set_sport(up, port);
 	bool ok = ost_attach_locked(up);

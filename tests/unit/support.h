@@ -30,11 +30,11 @@ int bind_loopback(int fd, int family, struct sockaddr_storage *addr);
 /* A kernel UDP socket bound that way. */
 int bound_udp_socket(int family, struct sockaddr_storage *addr);
 /*
- * Points up at mem interface if_name with address addr and port, and
- * attaches it, as bind does for an interface's own address.
+ * Points up at mem interface if_name (index if_index) with address addr and
+ * port, and attaches it, as bind does for an interface's own address.
  */
 bool attach_to_mem(uost_t *up, const char *if_name,
-    const struct in6_addr *addr, in_port_t port);
+    const struct in6_addr *addr, in_port_t port, uint32_t if_index = 0);
 /* Sends a datagram to addr; whether sd received it. */
 bool delivered(int sd, const struct sockaddr_storage &addr);
 
