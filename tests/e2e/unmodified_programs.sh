@@ -92,27 +92,26 @@ tp_case "both preloaded" yes yes
 tp_case "preloaded client, kernel server" "" yes
 tp_case "kernel client, preloaded server" yes ""
 
-# 3. socat in both directions, one side preloaded each time, IPv4 and
-#    IPv6.
-for dir in AtoB BtoA; do
-  for fam in 4 6; do
-    port=$((port + 1))
-    if [ $dir = AtoB ]; then rx=$NS_B tx=$NS_A; else rx=$NS_A tx=$NS_B; fi
-    rxip=$( [ $dir = AtoB ] && echo "$IP4_B" || echo "$IP4_A")
-    [ $fam = 6 ] && rxip=$( [ $dir = AtoB ] && echo "[$IP6_B]" || echo "[$IP6_A]")
-    rm -f "$NETNS_TMP/socat.out"
-    bg "$rx" $( [ $dir = BtoA ] && pl) socat -u "UDP$fam-RECV:$port,bind=$rxip" \
-      "OPEN:$NETNS_TMP/socat.out,creat,append"
-    wait_udp_port "$rx" "$port"
-    r0=$(counters "$rx") t0=$(counters "$tx")
-    seq 1 200 | tr -d '\n' | in_ns "$tx" $( [ $dir = AtoB ] && pl) socat -u - "UDP$fam-SENDTO:$rxip:$port"
-    for _ in $(seq 50); do [ -s "$NETNS_TMP/socat.out" ] && break; sleep 0.05; done
-    [ "$(cat "$NETNS_TMP/socat.out")" = "$(seq 1 200 | tr -d '\n')" ] || fail "socat $dir IPv$fam"
-    if [ $dir = AtoB ]; then bypassed "socat $dir IPv$fam sender" "$tx" "$t0"
-    else bypassed "socat $dir IPv$fam receiver" "$rx" "$r0"; fi
-    stop_last
-    echo "ok: socat $dir IPv$fam"
-  done
+# 3. socat in both directions, one side preloaded each time: a preloaded
+#    sender over IPv4, a preloaded receiver over IPv6.
+for case in "AtoB 4" "BtoA 6"; do
+  read -r dir fam <<<"$case"
+  port=$((port + 1))
+  if [ $dir = AtoB ]; then rx=$NS_B tx=$NS_A; else rx=$NS_A tx=$NS_B; fi
+  rxip=$( [ $dir = AtoB ] && echo "$IP4_B" || echo "$IP4_A")
+  [ $fam = 6 ] && rxip=$( [ $dir = AtoB ] && echo "[$IP6_B]" || echo "[$IP6_A]")
+  rm -f "$NETNS_TMP/socat.out"
+  bg "$rx" $( [ $dir = BtoA ] && pl) socat -u "UDP$fam-RECV:$port,bind=$rxip" \
+    "OPEN:$NETNS_TMP/socat.out,creat,append"
+  wait_udp_port "$rx" "$port"
+  r0=$(counters "$rx") t0=$(counters "$tx")
+  seq 1 200 | tr -d '\n' | in_ns "$tx" $( [ $dir = AtoB ] && pl) socat -u - "UDP$fam-SENDTO:$rxip:$port"
+  for _ in $(seq 50); do [ -s "$NETNS_TMP/socat.out" ] && break; sleep 0.05; done
+  [ "$(cat "$NETNS_TMP/socat.out")" = "$(seq 1 200 | tr -d '\n')" ] || fail "socat $dir IPv$fam"
+  if [ $dir = AtoB ]; then bypassed "socat $dir IPv$fam sender" "$tx" "$t0"
+  else bypassed "socat $dir IPv$fam receiver" "$rx" "$r0"; fi
+  stop_last
+  echo "ok: socat $dir IPv$fam"
 done
 
 # 4. python3 echo: the server waits in recvfrom, select or poll; the

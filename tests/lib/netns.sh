@@ -1,22 +1,12 @@
-# The one harness of the namespaced shell tests: test beds of network
-# namespaces joined by veth pairs.  Source this file, then call
-# netns_start.  Addresses are private to the namespaces: no traffic
-# leaves them.
-#
-# Nothing outlives a run:
-# - every namespace is named ostrel-t<pid>.<start>-<label>, <pid> and
-#   <start> (its start time in clock ticks since boot) naming the shell
-#   that owns it, and every veth is created inside such a namespace, so it
-#   goes with it;
-# - the EXIT trap (also reached on INT, TERM and HUP) kills what the test
-#   started, everything still running in its namespaces, deletes them and
-#   the test's temporary directory;
-# - a run killed before its trap ran (kill -9, a CI time-out) leaves them
-#   to the next run's start-up sweep, which removes the namespaces and
-#   temporary directories whose owner is gone, and only those: another
-#   run's live namespaces are never touched.
-#
-# Exit code 77 means skipped (not root); ctest reports it as such.
+# The one harness of the namespaced shell tests: network namespaces joined
+# by veth pairs, addresses private to them.  Source it, call netns_start.
+# Nothing outlives a run: a namespace is named ostrel-t<pid>.<start>-<label>
+# after the shell that owns it (pid and start time) and holds its veths;
+# the EXIT trap (reached on INT, TERM and HUP too) kills what the test
+# started and all in its namespaces, and deletes them and the temporary
+# directory; a run killed before its trap ran is swept at the next start,
+# which removes only what belongs to owners that are gone.  Exit code 77:
+# skipped, not root.
 
 OSTREL_BUILD=${OSTREL_BUILD:-$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)/build}
 OSTREL_LIB=$OSTREL_BUILD/lib/ostrel.so.1
