@@ -28,7 +28,7 @@ while getopts "t:m:b:6" o; do
 done
 OSTREL_BUILD=${OSTREL_BUILD:-$root/build}
 . "$root/tests/lib/netns.sh"
-require_root
+netns_start
 command -v sockperf >/dev/null || fail "sockperf is not installed (scripts/setup.sh)"
 netns_pair
 export FRIO_BACKEND=$backend

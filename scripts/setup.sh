@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what building and testing ostrel needs on Debian 12.  Idempotent;
-# does nothing but check when everything is there.
+# does nothing but check when everything is there.  Installing needs root:
+# run as root, or as a user with sudo.
 set -euo pipefail
 
 packages=(
@@ -17,7 +18,12 @@ for p in "${packages[@]}"; do
 done
 if ((${#missing[@]})); then
   echo "setup: installing ${missing[*]}"
-  sudo=""; [ "$(id -u)" -eq 0 ] || sudo=sudo
+  sudo=""
+  if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null ||
+      { echo "setup: installing packages needs root: run this as root" >&2; exit 1; }
+    sudo=sudo
+  fi
   export DEBIAN_FRONTEND=noninteractive
   $sudo apt-get update -qq
   $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -9,17 +9,15 @@
 #   A (sender) ---- B (receiver, router) ---- C (receiver behind B)
 set -euo pipefail
 . "$(dirname "$0")/../lib/netns.sh"
-require_root
+netns_start
 SEND=$OSTREL_BUILD/tests/udp_send
 RECV=$(dirname "$0")/udp_recv.py
 [ -x "$SEND" ] || fail "no $SEND"
 netns_pair
 
-# C behind B: 10.N.77.0/24 and fd00:77:T::/64.
-net=${IP4_A%.*.1}
-tag=${IP6_A#fd00:0:}; tag=${tag%%::1}
-NS_C=ostC$tag
-ip netns add "$NS_C" && NETNS_LIST+=("$NS_C")
+# C behind B: 10.NET.77.0/24 and fd00:77:TAG::/64.
+net=10.$NET tag=$TAG
+netns_add C; NS_C=$NETNS_NEW
 ip link add "bc$tag" netns "$NS_B" type veth peer name "cb$tag" netns "$NS_C"
 ip -n "$NS_B" addr add "$net.77.1/24" dev "bc$tag"
 ip -n "$NS_C" addr add "$net.77.2/24" dev "cb$tag"
@@ -27,7 +25,6 @@ ip -n "$NS_B" addr add "fd00:77:$tag::1/64" dev "bc$tag" nodad
 ip -n "$NS_C" addr add "fd00:77:$tag::2/64" dev "cb$tag" nodad
 ip -n "$NS_B" link set "bc$tag" up
 ip -n "$NS_C" link set "cb$tag" up
-ip -n "$NS_C" link set lo up
 in_ns "$NS_B" sysctl -qw net.ipv4.ip_forward=1 net.ipv6.conf.all.forwarding=1
 ip -n "$NS_A" route add "$net.77.0/24" via "$IP4_B"
 ip -n "$NS_A" -6 route add "fd00:77:$tag::/64" via "$IP6_B"
@@ -41,10 +38,9 @@ COUNT=40
 run_case() {
   local backend=$1 call=$2 ns=$3 dst=$4 expect=$5 port out0 out1 sent got
   port=$((20000 + RANDOM % 20000))
-  ip netns exec "$ns" "$PYTHON3" "$RECV" "$dst" "$port" "$COUNT" >"$NETNS_TMP/got" \
-    2>"$NETNS_TMP/ready" &
-  NETNS_PIDS+=($!)
-  local pid=$!
+  bg "$ns" "$PYTHON3" "$RECV" "$dst" "$port" "$COUNT" >"$NETNS_TMP/got" \
+    2>"$NETNS_TMP/ready"
+  local pid=$BG_PID
   wait_udp_port "$ns" "$port"
   out0=$(udp_counter "$NS_A" OutDatagrams)
   in_ns "$NS_A" env LD_PRELOAD="$OSTREL_LIB" FRIO_BACKEND="$backend" \
@@ -67,14 +63,16 @@ run_case() {
   echo "ok: $backend $call $dst ($expect)"
 }
 
-for backend in xdp packet; do
-  for call in sendto send write sendmsg sendmmsg; do
-    run_case "$backend" "$call" "$NS_B" "$IP4_B" bypass
-    run_case "$backend" "$call" "$NS_B" "$IP6_B" bypass
-  done
-  run_case "$backend" sendto "$NS_C" "$REMOTE4" bypass
-  run_case "$backend" send "$NS_C" "$REMOTE6" bypass
+# Every send call in both families with AF_XDP; AF_PACKET takes the same
+# frames, one at a time and in a batch.
+for call in sendto send write sendmsg sendmmsg; do
+  run_case xdp "$call" "$NS_B" "$IP4_B" bypass
+  run_case xdp "$call" "$NS_B" "$IP6_B" bypass
 done
+run_case xdp sendto "$NS_C" "$REMOTE4" bypass
+run_case xdp send "$NS_C" "$REMOTE6" bypass
+run_case packet sendto "$NS_B" "$IP4_B" bypass
+run_case packet sendmmsg "$NS_B" "$IP6_B" bypass
 # A handle that cannot be opened: the set-up falls back, nothing is lost.
 run_case nonexistent sendto "$NS_B" "$IP4_B" kernel
 run_case nonexistent sendmsg "$NS_B" "$IP6_B" kernel
@@ -83,14 +81,13 @@ run_case nonexistent sendmsg "$NS_B" "$IP6_B" kernel
 ALIAS=${IP4_A%.1}.5
 ip -n "$NS_A" addr add "$ALIAS/24" dev "$IF_A"
 port=$((20000 + RANDOM % 20000))
-ip netns exec "$NS_B" "$PYTHON3" -c '
+bg "$NS_B" "$PYTHON3" -c '
 import socket, sys
 s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 s.bind((sys.argv[1], int(sys.argv[2]))); s.settimeout(5)
 for _ in range(3):
     data, peer = s.recvfrom(100); s.sendto(peer[0].encode(), peer)
-' "$IP4_B" "$port" &
-NETNS_PIDS+=($!)
+' "$IP4_B" "$port"
 wait_udp_port "$NS_B" "$port"
 out0=$(udp_counter "$NS_A" OutDatagrams)
 out=$(in_ns "$NS_A" env LD_PRELOAD="$OSTREL_LIB" "$PYTHON3" -c '

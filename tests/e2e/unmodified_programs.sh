@@ -7,7 +7,7 @@
 # kernel's UDP stack; every payload that arrives is checked.
 set -euo pipefail
 . "$(dirname "$0")/../lib/netns.sh"
-require_root
+netns_start
 command -v sockperf >/dev/null || fail "sockperf is not installed (scripts/setup.sh)"
 netns_pair
 export FRIO_BACKEND=${FRIO_BACKEND:-xdp}
@@ -28,10 +28,13 @@ through_kernel() {
 pl() { echo env LD_PRELOAD="$OSTREL_LIB"; }
 # stop_last: ends the newest background program and waits for it.  One
 # process at a time holds an interface queue through AF_XDP; a second one
-# would (rightly) fall back to the kernel path.
+# would (rightly) fall back to the kernel path.  SIGTERM ends these
+# programs without the preload; so it must with it.
 stop_last() {
-  local pid=${NETNS_PIDS[-1]}
+  local pid=${NETNS_PIDS[-1]} i
   kill "$pid" 2>/dev/null || true
+  for i in $(seq 60); do running "$pid" || break; sleep 0.05; done
+  ! running "$pid" || fail "$(ps -o args= "$pid") did not end on SIGTERM"
   wait "$pid" 2>/dev/null || true
 }
 port=$((30000 + RANDOM % 10000))
@@ -64,9 +67,7 @@ tp_case() {
   local name=$1 server_pre=$2 client_pre=$3 log
   port=$((port + 1))
   log=$NETNS_TMP/sr.$port
-  ip netns exec "$NS_B" ${server_pre:+$(pl)} sockperf sr --ip "$IP4_B" --port "$port" >"$log" 2>&1 &
-  NETNS_PIDS+=($!)
-  local spid=$!
+  bg "$NS_B" ${server_pre:+$(pl)} sockperf sr --ip "$IP4_B" --port "$port" >"$log" 2>&1
   wait_udp_port "$NS_B" "$port"
   a0=$(counters "$NS_A") b0=$(counters "$NS_B")
   rcvbuf0=$(udp_counter "$NS_B" RcvbufErrors)
@@ -91,32 +92,31 @@ tp_case "both preloaded" yes yes
 tp_case "preloaded client, kernel server" "" yes
 tp_case "kernel client, preloaded server" yes ""
 
-# 3. socat in both directions, one side preloaded each time, IPv4 and
-#    IPv6.
-for dir in AtoB BtoA; do
-  for fam in 4 6; do
-    port=$((port + 1))
-    if [ $dir = AtoB ]; then rx=$NS_B tx=$NS_A; else rx=$NS_A tx=$NS_B; fi
-    rxip=$( [ $dir = AtoB ] && echo "$IP4_B" || echo "$IP4_A")
-    [ $fam = 6 ] && rxip=$( [ $dir = AtoB ] && echo "[$IP6_B]" || echo "[$IP6_A]")
-    rm -f "$NETNS_TMP/socat.out"
-    ip netns exec "$rx" $( [ $dir = BtoA ] && pl) socat -u "UDP$fam-RECV:$port,bind=$rxip" \
-      "OPEN:$NETNS_TMP/socat.out,creat,append" &
-    NETNS_PIDS+=($!)
-    wait_udp_port "$rx" "$port"
-    r0=$(counters "$rx") t0=$(counters "$tx")
-    seq 1 200 | tr -d '\n' | in_ns "$tx" $( [ $dir = AtoB ] && pl) socat -u - "UDP$fam-SENDTO:$rxip:$port"
-    for _ in $(seq 50); do [ -s "$NETNS_TMP/socat.out" ] && break; sleep 0.05; done
-    [ "$(cat "$NETNS_TMP/socat.out")" = "$(seq 1 200 | tr -d '\n')" ] || fail "socat $dir IPv$fam"
-    if [ $dir = AtoB ]; then bypassed "socat $dir IPv$fam sender" "$tx" "$t0"
-    else bypassed "socat $dir IPv$fam receiver" "$rx" "$r0"; fi
-    stop_last
-    echo "ok: socat $dir IPv$fam"
-  done
+# 3. socat in both directions, one side preloaded each time: a preloaded
+#    sender over IPv4, a preloaded receiver over IPv6.
+for case in "AtoB 4" "BtoA 6"; do
+  read -r dir fam <<<"$case"
+  port=$((port + 1))
+  if [ $dir = AtoB ]; then rx=$NS_B tx=$NS_A; else rx=$NS_A tx=$NS_B; fi
+  rxip=$( [ $dir = AtoB ] && echo "$IP4_B" || echo "$IP4_A")
+  [ $fam = 6 ] && rxip=$( [ $dir = AtoB ] && echo "[$IP6_B]" || echo "[$IP6_A]")
+  rm -f "$NETNS_TMP/socat.out"
+  bg "$rx" $( [ $dir = BtoA ] && pl) socat -u "UDP$fam-RECV:$port,bind=$rxip" \
+    "OPEN:$NETNS_TMP/socat.out,creat,append"
+  wait_udp_port "$rx" "$port"
+  r0=$(counters "$rx") t0=$(counters "$tx")
+  seq 1 200 | tr -d '\n' | in_ns "$tx" $( [ $dir = AtoB ] && pl) socat -u - "UDP$fam-SENDTO:$rxip:$port"
+  for _ in $(seq 50); do [ -s "$NETNS_TMP/socat.out" ] && break; sleep 0.05; done
+  [ "$(cat "$NETNS_TMP/socat.out")" = "$(seq 1 200 | tr -d '\n')" ] || fail "socat $dir IPv$fam"
+  if [ $dir = AtoB ]; then bypassed "socat $dir IPv$fam sender" "$tx" "$t0"
+  else bypassed "socat $dir IPv$fam receiver" "$rx" "$r0"; fi
+  stop_last
+  echo "ok: socat $dir IPv$fam"
 done
 
 # 4. python3 echo: the server waits in recvfrom, select or poll; the
-#    client checks every reply.  Both preloaded.
+#    client checks every reply, then that a non-blocking receive (ioctl
+#    FIONBIO) with nothing there would block.  Both preloaded.
 cat >"$NETNS_TMP/echo.py" <<'PY'
 import select, socket, sys
 role, addr, port, count, wait = sys.argv[1], sys.argv[2], int(sys.argv[3]), int(sys.argv[4]), sys.argv[5]
@@ -147,21 +147,26 @@ else:
         data, peer = s.recvfrom(2048)
         if data != msg[::-1]:
             sys.exit("client: wrong reply to %d" % i)
+    s.setblocking(False)
+    try:
+        s.recv(10)
+        sys.exit("client: data from nowhere")
+    except BlockingIOError:
+        pass
     print("echoed %d" % count)
 PY
-for wait in recvfrom select poll; do
-  for dst in "$IP4_B" "$IP6_B"; do
-    port=$((port + 1))
-    bg "$NS_B" $(pl) "$PYTHON3" "$NETNS_TMP/echo.py" server "$dst" "$port" 50 "$wait"
-    wait_udp_port "$NS_B" "$port"
-    a0=$(counters "$NS_A") b0=$(counters "$NS_B")
-    out=$(in_ns "$NS_A" $(pl) "$PYTHON3" "$NETNS_TMP/echo.py" client "$dst" "$port" 50 "$wait" 2>&1) ||
-      fail "python3 echo ($wait) $dst: $out"
-    [ "$out" = "echoed 50" ] || fail "python3 echo ($wait) $dst: $out"
-    bypassed "python3 echo ($wait) $dst" "$NS_A" "$a0"
-    bypassed "python3 echo ($wait) $dst" "$NS_B" "$b0"
-    stop_last
-    echo "ok: python3 echo, $wait, $dst"
-  done
+for case in "recvfrom $IP4_B" "recvfrom $IP6_B" "select $IP4_B" "poll $IP6_B"; do
+  read -r wait dst <<<"$case"
+  port=$((port + 1))
+  bg "$NS_B" $(pl) "$PYTHON3" "$NETNS_TMP/echo.py" server "$dst" "$port" 50 "$wait"
+  wait_udp_port "$NS_B" "$port"
+  a0=$(counters "$NS_A") b0=$(counters "$NS_B")
+  out=$(in_ns "$NS_A" $(pl) "$PYTHON3" "$NETNS_TMP/echo.py" client "$dst" "$port" 50 "$wait" 2>&1) ||
+    fail "python3 echo ($wait) $dst: $out"
+  [ "$out" = "echoed 50" ] || fail "python3 echo ($wait) $dst: $out"
+  bypassed "python3 echo ($wait) $dst" "$NS_A" "$a0"
+  bypassed "python3 echo ($wait) $dst" "$NS_B" "$b0"
+  stop_last
+  echo "ok: python3 echo, $wait, $dst"
 done
 echo "unmodified_programs: passed ($FRIO_BACKEND)"

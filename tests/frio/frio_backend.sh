@@ -5,77 +5,37 @@
 set -u
 
 BACKEND=${1:?usage: $0 xdp|packet}
-BIN=$(dirname "$0")/../../build/bin
-DUMP=${FRIODUMP:-$BIN/friodump}
-PROBE=${FRIO_PROBE:-$BIN/frio_probe}
-[ "$(id -u)" = 0 ] || { echo "skip: not root"; exit 77; }
+. "$(dirname "$0")/../lib/netns.sh"
+netns_start
+DUMP=${FRIODUMP:-$OSTREL_BUILD/bin/friodump}
+PROBE=${FRIO_PROBE:-$OSTREL_BUILD/bin/frio_probe}
 [ -x "$DUMP" ] && [ -x "$PROBE" ] || { echo "skip: no $DUMP or $PROBE"; exit 77; }
-command -v python3 >/dev/null || { echo "skip: no python3"; exit 77; }
 if [ "$BACKEND" = xdp ]; then
-	python3 -c 'import socket; socket.socket(44, socket.SOCK_RAW)' 2>/dev/null ||
+	"$PYTHON3" -c 'import socket; socket.socket(44, socket.SOCK_RAW)' 2>/dev/null ||
 		{ echo "skip: no AF_XDP"; exit 77; }
 fi
-
-A=frioa$$
-B=friob$$
-WORK=$(mktemp -d)
-PIDS=()
-cleanup() {
-	for p in "${PIDS[@]}"; do kill -9 "$p" 2>/dev/null; done
-	wait 2>/dev/null
-	ip netns del "$A" 2>/dev/null
-	ip netns del "$B" 2>/dev/null
-	rm -rf "$WORK"
-}
-trap cleanup EXIT
+netns_pair
+A=$NS_A B=$NS_B WORK=$NETNS_TMP
+# No static neighbours: ARP and neighbour discovery must work beside a handle.
+ip -n "$A" neigh flush dev "$IF_A" nud permanent
+ip -n "$B" neigh flush dev "$IF_B" nud permanent
 
 FAILS=0
 fail() { echo "FAIL: $*"; FAILS=$((FAILS + 1)); }
 
-ip netns add "$A" && ip netns add "$B" || { echo "skip: no netns"; exit 77; }
-ip -n "$A" link add vA type veth peer name vB netns "$B" || exit 1
-ip -n "$A" addr add 10.77.0.1/24 dev vA
-ip -n "$B" addr add 10.77.0.2/24 dev vB
-ip -n "$A" addr add fd77::1/64 dev vA nodad
-ip -n "$B" addr add fd77::2/64 dev vB nodad
-for ns in "$A" "$B"; do ip -n "$ns" link set lo up; done
-ip -n "$A" link set vA up
-ip -n "$B" link set vB up
-MAC_B=$(ip -n "$B" -br link show vB | awk '{print $3}')
-
 # An array, so that a background job's pid is the program's own.
 INA=(ip netns exec "$A" env FRIO_BACKEND=$BACKEND)
-
-# wait_for FILE PID WORD: until FILE has a line starting with WORD.
-wait_for() {
-	for _ in $(seq 100); do
-		grep -q "^$3" "$1" 2>/dev/null && return 0
-		kill -0 "$2" 2>/dev/null || return 1
-		sleep 0.05
-	done
-	return 1
-}
 
 dump_bg() {
 	local out=$1; shift
 	"${INA[@]}" "$DUMP" "$@" >"$out" 2>&1 &
-	LASTPID=$!; PIDS+=($LASTPID)
-	wait_for "$out" $LASTPID listening
-}
-
-# udp NS FIELD...: the sum of those UDP counters (IPv4 and IPv6).
-udp() {
-	local ns=$1; shift
-	ip netns exec "$ns" awk -v want=" $* " '
-	    /^Udp:/ { if (!h) { split($0, n); h = 1 } else
-		for (i = 2; i <= NF; i++) if (index(want, " " n[i] " ")) s += $i }
-	    /^Udp6/ { f = substr($1, 5); if (index(want, " " f " ")) s += $2 }
-	    END { print s + 0 }' /proc/net/snmp /proc/net/snmp6
+	LASTPID=$!; NETNS_PIDS+=($LASTPID)
+	wait_line "$out" $LASTPID listening
 }
 
 # py_send NS ADDR PORT COUNT PREFIX: datagrams "PREFIX-i" from a kernel socket.
 py_send() {
-	ip netns exec "$1" python3 -c '
+	ip netns exec "$1" "$PYTHON3" -c '
 import socket, sys
 a, p, n, x = sys.argv[1], int(sys.argv[2]), int(sys.argv[3]), sys.argv[4]
 s = socket.socket(socket.AF_INET6 if ":" in a else socket.AF_INET, socket.SOCK_DGRAM)
@@ -86,7 +46,7 @@ for i in range(n): s.sendto(("%s-%d" % (x, i)).encode(), (a, p))' "$2" "$3" "$4"
 # one line per datagram, its payload or with LEN whether it is friodump's
 # pattern of that length; exit 2 after 3 s quiet.
 py_recv() {
-	ip netns exec "$1" python3 -c '
+	ip netns exec "$1" "$PYTHON3" -c '
 import socket, sys
 a, p, n, plen = sys.argv[1], int(sys.argv[2]), int(sys.argv[3]), int(sys.argv[4])
 s = socket.socket(socket.AF_INET6 if ":" in a else socket.AF_INET, socket.SOCK_DGRAM)
@@ -102,13 +62,13 @@ try:
         print(d.decode() if plen < 0 else "len %d %s" % (len(d), "ok" if d == pat(i) else "BAD"), flush=True)
 except socket.timeout:
     sys.exit(2)' "$2" "$3" "$4" "${6:--1}" >"$5" 2>&1 &
-	LASTPID=$!; PIDS+=($LASTPID)
-	wait_for "$5" $LASTPID ready
+	LASTPID=$!; NETNS_PIDS+=($LASTPID)
+	wait_line "$5" $LASTPID ready
 }
 
 # py_ping NS ADDR: one ICMP or ICMPv6 echo and its reply.
 py_ping() {
-	ip netns exec "$1" python3 -c '
+	ip netns exec "$1" "$PYTHON3" -c '
 import socket, struct, sys
 a = sys.argv[1]; v6 = ":" in a
 s = socket.socket(socket.AF_INET6 if v6 else socket.AF_INET, socket.SOCK_RAW, 58 if v6 else 1)
@@ -127,16 +87,16 @@ while True:
 case_transmit() {
 	local out=$WORK/tx.out src dst max len errs
 	for fam in 4 6; do
-		if [ $fam = 4 ]; then src=10.77.0.1 dst=10.77.0.2 max=1472
-		else src=fd77::1 dst=fd77::2 max=1452; fi
+		if [ $fam = 4 ]; then src=$IP4_A dst=$IP4_B max=1472
+		else src=$IP6_A dst=$IP6_B max=1452; fi
 		for len in 0 1 $max; do
-			errs=$(udp "$B" InErrors InCsumErrors)
+			errs=$(udp_counter "$B" InErrors InCsumErrors)
 			py_recv "$B" $dst 4001 5 "$out" $len || { fail "tx: receiver"; continue; }
-			"${INA[@]}" "$DUMP" -s -n 5 -l $len vA $src $dst "$MAC_B" 4000 4001 >/dev/null 2>"$out.err" ||
+			"${INA[@]}" "$DUMP" -s -n 5 -l $len $IF_A $src $dst "$MAC_B" 4000 4001 >/dev/null 2>"$out.err" ||
 				fail "tx IPv$fam $len: $(cat "$out.err")"
 			wait $LASTPID
 			[ "$(grep -c "^len $len ok" "$out")" = 5 ] &&
-			    [ "$(udp "$B" InErrors InCsumErrors)" = "$errs" ] ||
+			    [ "$(udp_counter "$B" InErrors InCsumErrors)" = "$errs" ] ||
 				fail "tx IPv$fam $len bytes: $(head -3 "$out")"
 		done
 	done
@@ -146,14 +106,14 @@ case_transmit() {
 # UDP layer never sees them.
 case_receive() {
 	local out=$WORK/rx.out before rc
-	dump_bg "$out" -n 6 -t 5 vA 10.77.0.1,fd77::1 5000 || { fail "rx: $(cat "$out")"; return; }
-	before=$(udp "$A" InDatagrams NoPorts InErrors)
-	py_send "$B" 10.77.0.1 5000 3 four
-	py_send "$B" fd77::1 5000 3 six
+	dump_bg "$out" -n 6 -t 5 $IF_A $IP4_A,$IP6_A 5000 || { fail "rx: $(cat "$out")"; return; }
+	before=$(udp_counter "$A" InDatagrams NoPorts InErrors)
+	py_send "$B" $IP4_A 5000 3 four
+	py_send "$B" $IP6_A 5000 3 six
 	wait $LASTPID; rc=$?
 	[ $rc = 0 ] && [ "$(grep -c ':5000 len 6 "four-' "$out")" = 3 ] &&
 	    [ "$(grep -c ':5000 len 5 "six-' "$out")" = 3 ] || fail "rx: rc $rc: $(cat "$out")"
-	[ $BACKEND = xdp ] && [ "$before" != "$(udp "$A" InDatagrams NoPorts InErrors)" ] &&
+	[ $BACKEND = xdp ] && [ "$before" != "$(udp_counter "$A" InDatagrams NoPorts InErrors)" ] &&
 		fail "rx: A's UDP layer saw the handle's datagrams"
 }
 
@@ -161,17 +121,17 @@ case_receive() {
 # reach the handle; ARP, neighbour discovery and ping work.
 case_others() {
 	local hold=$WORK/hold.out out=$WORK/other.out hpid
-	dump_bg "$hold" vA 10.77.0.1,fd77::1 6000 || { fail "others: $(cat "$hold")"; return; }
+	dump_bg "$hold" $IF_A $IP4_A,$IP6_A 6000 || { fail "others: $(cat "$hold")"; return; }
 	hpid=$LASTPID
-	for addr in 10.77.0.1 fd77::1; do
+	for addr in $IP4_A $IP6_A; do
 		py_recv "$A" $addr 6001 3 "$out" || { fail "others: receiver"; continue; }
 		py_send "$B" $addr 6001 3 k
 		wait $LASTPID && [ "$(grep -c '^k-' "$out")" = 3 ] || fail "other port $addr: $(cat "$out")"
 	done
-	ip -n "$B" neigh flush dev vB
-	for addr in 10.77.0.1 fd77::1; do
+	ip -n "$B" neigh flush dev $IF_B
+	for addr in $IP4_A $IP6_A; do
 		py_ping "$B" $addr &&
-		    ip -n "$B" neigh show dev vB | grep -q "^$addr .*lladdr" ||
+		    ip -n "$B" neigh show dev $IF_B | grep -q "^$addr .*lladdr" ||
 			fail "ARP/ND/ping to $addr with a handle open"
 	done
 	kill $hpid; wait $hpid
@@ -181,14 +141,14 @@ case_others() {
 # Two handles each see only their own port; a held filter is refused.
 case_two_handles() {
 	local out=$WORK/two.out rc
-	dump_bg "$out" -H -n 4 -t 5 vA 10.77.0.1 7001,7002 || { fail "two handles: $(cat "$out")"; return; }
-	py_send "$B" 10.77.0.1 7001 4 one
-	py_send "$B" 10.77.0.1 7002 4 two
+	dump_bg "$out" -H -n 4 -t 5 $IF_A $IP4_A 7001,7002 || { fail "two handles: $(cat "$out")"; return; }
+	py_send "$B" $IP4_A 7001 4 one
+	py_send "$B" $IP4_A 7002 4 two
 	wait $LASTPID; rc=$?
 	[ $rc = 0 ] && [ "$(grep -c '^h0 .*:7001 len 5 "one-' "$out")" = 4 ] &&
 	    [ "$(grep -c '^h1 .*:7002 len 5 "two-' "$out")" = 4 ] &&
 	    [ "$(grep -c '^h' "$out")" = 8 ] || fail "two handles: rc $rc: $(cat "$out")"
-	"${INA[@]}" "$DUMP" -H -t 1 vA 10.77.0.1 7003,7003 >"$out" 2>&1; rc=$?
+	"${INA[@]}" "$DUMP" -H -t 1 $IF_A $IP4_A 7003,7003 >"$out" 2>&1; rc=$?
 	[ $rc = 3 ] && grep -q 'another handle already receives' "$out" ||
 		fail "duplicate filter: rc $rc: $(cat "$out")"
 }
@@ -196,12 +156,12 @@ case_two_handles() {
 # kill -9 of a process with handles open gives the kernel its traffic back.
 case_killed() {
 	local hold=$WORK/killed.out out=$WORK/after.out
-	dump_bg "$hold" -H vA 10.77.0.1 8000,8001 || { fail "killed: $(cat "$hold")"; return; }
+	dump_bg "$hold" -H $IF_A $IP4_A 8000,8001 || { fail "killed: $(cat "$hold")"; return; }
 	kill -9 $LASTPID; wait $LASTPID 2>/dev/null
-	[ $BACKEND = xdp ] && ip -n "$A" link show vA | grep -q 'prog/xdp' &&
+	[ $BACKEND = xdp ] && ip -n "$A" link show $IF_A | grep -q 'prog/xdp' &&
 		fail "killed: the steering program outlived its process"
-	py_recv "$A" 10.77.0.1 8000 3 "$out" || { fail "killed: receiver"; return; }
-	py_send "$B" 10.77.0.1 8000 3 back
+	py_recv "$A" $IP4_A 8000 3 "$out" || { fail "killed: receiver"; return; }
+	py_send "$B" $IP4_A 8000 3 back
 	wait $LASTPID && [ "$(grep -c '^back-' "$out")" = 3 ] || fail "killed: black hole: $(cat "$out")"
 }
 
@@ -211,7 +171,7 @@ case_open_fails() {
 	"${INA[@]}" "$PROBE" openfail nosuch0 >"$out" 2>&1 &&
 	    grep -q "^status 4: interface not found" "$out" || fail "open of a missing interface: $(cat "$out")"
 	"${INA[@]}" setpriv --reuid=nobody --regid=nogroup --clear-groups \
-	    --inh-caps=-all --bounding-set=-all "$PROBE" openfail vA >"$out" 2>&1 &&
+	    --inh-caps=-all --bounding-set=-all "$PROBE" openfail $IF_A >"$out" 2>&1 &&
 	    grep -q "^status 7: .*CAP_NET_RAW" "$out" || fail "open without privileges: $(cat "$out")"
 }
 

@@ -6,14 +6,14 @@
 #   static neighbours 10.201.1.2 and fd00:201:1::2 that nobody owns
 set -euo pipefail
 . "$(dirname "$0")/../lib/netns.sh"
-require_root
+netns_start
 BIN=$OSTREL_BUILD/tests/ost_unit_tests
 [ -x "$BIN" ] || fail "no $BIN"
-H=ost-rh-$$ R=ost-rr-$$ STATIC_MAC=02:00:00:00:01:02
+STATIC_MAC=02:00:00:00:01:02
+netns_add H; H=$NETNS_NEW
+netns_add R; R=$NETNS_NEW
 for ns in "$H" "$R"; do
-  ip netns add "$ns" && NETNS_LIST+=("$ns")
   in_ns "$ns" sysctl -qw net.ipv6.conf.all.accept_dad=0 net.ipv6.conf.default.accept_dad=0
-  ip -n "$ns" link set lo up
 done
 ip -n "$H" link add h0 type veth peer name r0 netns "$R"
 ip -n "$H" link add h1 type veth peer name r1 netns "$R"

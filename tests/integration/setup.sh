@@ -3,12 +3,11 @@
 # also routes 10.N.99.0/24 and fd00:99:T::/64; d1 is down with 10.N.60.1.
 set -euo pipefail
 . "$(dirname "$0")/../lib/netns.sh"
-require_root
+netns_start
 BIN=$OSTREL_BUILD/tests/ost_unit_tests
 [ -x "$BIN" ] || fail "no $BIN"
 netns_pair
-net=${IP4_A%.*.1}
-tag=${IP6_A#fd00:0:}; tag=${tag%%::1}
+net=10.$NET tag=$TAG
 
 ip -n "$NS_A" link add d1 type veth peer name d1p
 ip -n "$NS_A" addr add "$net.60.1/24" dev d1

@@ -1,6 +1,12 @@
-# Test beds of network namespaces joined by veth pairs.  Source this file;
-# everything it creates is removed by the EXIT trap, also when a test fails.
-# Addresses are private to the namespaces: no traffic leaves them.
+# The one harness of the namespaced shell tests: network namespaces joined
+# by veth pairs, addresses private to them.  Source it, call netns_start.
+# Nothing outlives a run: a namespace is named ostrel-t<pid>.<start>-<label>
+# after the shell that owns it (pid and start time) and holds its veths;
+# the EXIT trap (reached on INT, TERM and HUP too) kills what the test
+# started and all in its namespaces, and deletes them and the temporary
+# directory; a run killed before its trap ran is swept at the next start,
+# which removes only what belongs to owners that are gone.  Exit code 77:
+# skipped, not root.
 
 OSTREL_BUILD=${OSTREL_BUILD:-$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)/build}
 OSTREL_LIB=$OSTREL_BUILD/lib/ostrel.so.1
@@ -8,55 +14,103 @@ OSTREL_LIB=$OSTREL_BUILD/lib/ostrel.so.1
 # Debian's interpreter itself: a wrapper script in PATH (pyenv shims) would
 # exec it, and the preload rightly leaves exec'd programs alone.
 PYTHON3=/usr/bin/python3
-[ -x "$PYTHON3" ] || PYTHON3=$(command -v python3)
 
+NETNS_PREFIX=ostrel-t
 NETNS_LIST=()
 NETNS_PIDS=()
-NETNS_TMP=$(mktemp -d /tmp/ostrel-test.XXXXXX)
+
+fail() { echo "FAIL: $*" >&2; exit 1; }
+
+# netns_owner_id PID: "PID.START" while PID runs, nothing once it is gone.
+netns_owner_id() {
+  local stat
+  stat=$(cat "/proc/$1/stat" 2>/dev/null) || return 0
+  stat=${stat##*) }	# the command name may hold spaces
+  set -- $1 $stat	# field 22 of the file, the start time, is now ${21}
+  echo "$1.${21}"
+}
+
+# netns_remove NS: kills whatever runs in NS, then deletes it.
+netns_remove() {
+  ip netns pids "$1" 2>/dev/null | xargs -r kill -9 2>/dev/null || true
+  ip netns del "$1" 2>/dev/null || true
+}
+
+# netns_sweep: removes what runs killed before their EXIT trap left.
+netns_sweep() {
+  local ns d re='^'$NETNS_PREFIX'([0-9]+)\.([0-9]+)[-.]'
+  for ns in $(ip netns list 2>/dev/null | awk '{print $1}'); do
+    [[ $ns =~ $re ]] || continue
+    [ "$(netns_owner_id "${BASH_REMATCH[1]}")" = "${BASH_REMATCH[1]}.${BASH_REMATCH[2]}" ] &&
+      continue
+    echo "netns: removing $ns, left by a run that is gone" >&2
+    netns_remove "$ns"
+  done
+  for d in /tmp/$NETNS_PREFIX*; do
+    [[ ${d#/tmp/} =~ $re ]] || continue
+    [ "$(netns_owner_id "${BASH_REMATCH[1]}")" = "${BASH_REMATCH[1]}.${BASH_REMATCH[2]}" ] ||
+      rm -rf "$d"
+  done
+}
 
 netns_cleanup() {
-  local pid ns
-  for pid in "${NETNS_PIDS[@]}"; do kill "$pid" 2>/dev/null || true; done
-  for pid in "${NETNS_PIDS[@]}"; do wait "$pid" 2>/dev/null || true; done
-  # Whatever still runs in our namespaces (a program started through a
-  # subshell, a busy-waiting receiver) must not outlive them.
-  for ns in "${NETNS_LIST[@]}"; do
-    ip netns pids "$ns" 2>/dev/null | xargs -r kill -9 2>/dev/null || true
-    ip netns del "$ns" 2>/dev/null || true
-  done
+  local ns
+  set +e	# a test's errexit must not cut the clean-up short
+  trap - INT TERM HUP
+  # What the test started, and whatever still runs in its namespaces (a
+  # program started through a subshell, a busy-waiting receiver).
+  kill -9 "${NETNS_PIDS[@]}" $(jobs -p) 2>/dev/null
+  for ns in "${NETNS_LIST[@]}"; do netns_remove "$ns"; done
+  wait 2>/dev/null
   rm -rf "$NETNS_TMP"
+  return 0
 }
-trap netns_cleanup EXIT
 
-require_root() {
+# netns_start: skips the test (exit 77) unless root; sweeps; arms the trap.
+netns_start() {
   if [ "$(id -u)" -ne 0 ]; then
     echo "skipped: needs root for network namespaces"
     exit 77
   fi
+  NETNS_OWNER=$(netns_owner_id $$)
+  netns_sweep
+  NETNS_TMP=$(mktemp -d "/tmp/$NETNS_PREFIX$NETNS_OWNER.XXXXXX")
+  trap netns_cleanup EXIT
+  trap 'exit 129' HUP
+  trap 'exit 130' INT
+  trap 'exit 143' TERM
 }
 
-fail() { echo "FAIL: $*" >&2; exit 1; }
+# netns_add LABEL: a new namespace with lo up, removed at exit; its name
+# is in NETNS_NEW.
+netns_add() {
+  NETNS_NEW=$NETNS_PREFIX$NETNS_OWNER-$1
+  ip netns add "$NETNS_NEW" || fail "cannot create namespace $NETNS_NEW"
+  NETNS_LIST+=("$NETNS_NEW")
+  ip -n "$NETNS_NEW" link set lo up
+}
 
 # netns_pair: two namespaces A and B joined by one veth pair, IPv4 and IPv6
 # (no duplicate address detection), static neighbour entries both ways.
-# Sets NS_A NS_B IF_A IF_B IP4_A IP4_B IP6_A IP6_B MAC_A MAC_B.
+# Sets NS_A NS_B IF_A IF_B IP4_A IP4_B IP6_A IP6_B MAC_A MAC_B, and NET
+# and TAG, from which a test may make further private subnets
+# (10.NET.x.0/24, fd00:x:TAG::/64).
 netns_pair() {
-  local tag
-  tag=$(printf '%04x' $((RANDOM)))
-  NS_A=ostA$tag NS_B=ostB$tag IF_A=va$tag IF_B=vb$tag
-  local net=$((RANDOM % 200 + 20))
-  IP4_A=10.$net.$((RANDOM % 250)).1 IP4_B=${IP4_A%.1}.2
-  IP6_A=fd00:0:$tag::1 IP6_B=fd00:0:$tag::2
-  ip netns add "$NS_A" && NETNS_LIST+=("$NS_A")
-  ip netns add "$NS_B" && NETNS_LIST+=("$NS_B")
+  TAG=$(printf '%x' $((RANDOM % 0xf000 + 0x1000)))	# no leading zero: as ip prints it
+  NET=$((RANDOM % 200 + 20))
+  netns_add A; NS_A=$NETNS_NEW
+  netns_add B; NS_B=$NETNS_NEW
+  IF_A=va$TAG IF_B=vb$TAG
+  IP4_A=10.$NET.$((RANDOM % 250)).1 IP4_B=${IP4_A%.1}.2
+  IP6_A=fd00:0:$TAG::1 IP6_B=fd00:0:$TAG::2
   # One queue each way: AF_XDP binds queue 0, and must see every flow.
   ip link add "$IF_A" netns "$NS_A" numtxqueues 1 numrxqueues 1 type veth \
-    peer name "$IF_B" netns "$NS_B" numtxqueues 1 numrxqueues 1
+    peer name "$IF_B" netns "$NS_B" numtxqueues 1 numrxqueues 1 ||
+    fail "cannot create a veth pair"
   ip -n "$NS_A" addr add "$IP4_A/24" dev "$IF_A"
   ip -n "$NS_B" addr add "$IP4_B/24" dev "$IF_B"
   ip -n "$NS_A" addr add "$IP6_A/64" dev "$IF_A" nodad
   ip -n "$NS_B" addr add "$IP6_B/64" dev "$IF_B" nodad
-  for ns in "$NS_A" "$NS_B"; do ip -n "$ns" link set lo up; done
   ip -n "$NS_A" link set "$IF_A" up
   ip -n "$NS_B" link set "$IF_B" up
   MAC_A=$(ip -n "$NS_A" -br link show "$IF_A" | awk '{print $3}')
@@ -76,8 +130,14 @@ preloaded() {
   ip netns exec "$ns" env LD_PRELOAD="$OSTREL_LIB" "$@"
 }
 
-# bg NS CMD...: start CMD in NS in the background; killed at exit.
-bg() { local ns=$1; shift; ip netns exec "$ns" "$@" & NETNS_PIDS+=($!); }
+# bg NS CMD...: start CMD in NS in the background; killed at exit.  Its
+# pid is in BG_PID.
+bg() {
+  local ns=$1; shift
+  ip netns exec "$ns" "$@" &
+  BG_PID=$!
+  NETNS_PIDS+=($BG_PID)
+}
 
 # wait_udp_port NS PORT: until something in NS is bound to UDP PORT.
 wait_udp_port() {
@@ -90,12 +150,33 @@ wait_udp_port() {
   fail "nothing bound to UDP port $2 in $1"
 }
 
-# udp_counter NS FIELD: the kernel's Udp FIELD (InDatagrams, OutDatagrams,
-# InErrors, ...) in NS, IPv4 and IPv6 added up.
+# running PID: PID runs (an ended child not yet waited for does not).
+running() {
+  local st
+  st=$(cat "/proc/$1/stat" 2>/dev/null) || return 1
+  st=${st##*) }
+  [ "${st%% *}" != Z ]
+}
+
+# wait_line FILE PID WORD: until FILE has a line starting with WORD; fails
+# (status 1) at once if PID ends first, or after 5 s.
+wait_line() {
+  local i
+  for i in $(seq 100); do
+    grep -q "^$3" "$1" 2>/dev/null && return 0
+    running "$2" || return 1
+    sleep 0.05
+  done
+  return 1
+}
+
+# udp_counter NS FIELD...: the kernel's Udp FIELDs (InDatagrams,
+# OutDatagrams, InErrors, ...) in NS, IPv4 and IPv6, added up.
 udp_counter() {
-  in_ns "$1" awk -v f="$2" '
-    $1 == "Udp:" && !seen { for (i = 2; i <= NF; i++) col[$i] = i; seen = 1; next }
-    $1 == "Udp:" { v4 = $col[f] }
-    $1 == "Udp6" f { v6 = $2 }
-    END { print v4 + v6 }' /proc/net/snmp /proc/net/snmp6
+  local ns=$1; shift
+  in_ns "$ns" awk -v want=" $* " '
+    $1 == "Udp:" && !seen { for (i = 2; i <= NF; i++) name[i] = $i; seen = 1; next }
+    $1 == "Udp:" { for (i = 2; i <= NF; i++) if (index(want, " " name[i] " ")) s += $i }
+    $1 ~ /^Udp6/ && index(want, " " substr($1, 5) " ") { s += $2 }
+    END { print s + 0 }' /proc/net/snmp /proc/net/snmp6
 }
