@@ -19,6 +19,7 @@
  * of them and starts over for the time left.
  */
 #include <errno.h>
+#include <signal.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
@@ -518,6 +519,26 @@ ost_select_bypass(int lim, fd_set *readfds, fd_set *writefds,
 	}
 }
 
+/* Whether the read or write set names a bypass socket. */
+static bool
+ost_select_any_bypass(int nfds, const fd_set *readfds, const fd_set *writefds)
+{
+	int lim = nfds < FD_SETSIZE ? nfds : FD_SETSIZE;
+
+	for (int fd = 0; fd < lim; fd++) {
+		uost_t *up;
+
+		if ((readfds == NULL || !FD_ISSET(fd, readfds)) &&
+		    (writefds == NULL || !FD_ISSET(fd, writefds)))
+			continue;
+		if ((up = ost_find_sd(fd)) != NULL) {
+			ost_release(up);
+			return true;
+		}
+	}
+	return false;
+}
+
 /* The bypass sockets found ready, added to the kernel's answer k. */
 static int
 ost_select_merge(int lim, fd_set *sets[3], const ost_select_pass_t *sp, int k)
@@ -563,17 +584,23 @@ ost_select_deadline(const struct timeval *timeout)
  * descriptors to a kernel select that does not sleep (Linux's timer slack
  * would turn even a 1 us time-out into 50 us or more).  After
  * OST_SELECT_SPIN_NS of passes that found nothing the wait sleeps in poll,
- * so that a signal ends it and an idle set does not hold a CPU.
+ * so that an idle set does not hold a CPU.
+ *
+ * A signal must end a select with EINTR, but a handler that runs while
+ * the passes spin in user space leaves no trace.  So the spin runs with
+ * signals blocked, and each kernel pass is a pselect with the caller's own
+ * mask: a signal that came meanwhile is delivered there, and the pass says
+ * EINTR, as the kernel would have.
  */
 static int
 ost_select_spin(int nfds, fd_set *sets[3], fd_set *const saved[3],
-    struct timeval *timeout, hrtime_t *deadline)
+    struct timeval *timeout, hrtime_t *deadline, const sigset_t *caller)
 {
 	int lim = nfds < FD_SETSIZE ? nfds : FD_SETSIZE;
 	hrtime_t spin_end = 0;
 
 	for (;;) {
-		struct timeval zero = { 0, 0 };
+		struct timespec zero = { 0, 0 };
 		ost_select_pass_t sp;
 		int k;
 
@@ -586,10 +613,14 @@ ost_select_spin(int nfds, fd_set *sets[3], fd_set *const saved[3],
 			 * and a signal may end the wait, as without us.  It
 			 * writes the time left itself. */
 			*deadline = 0;
+			(void)pthread_sigmask(SIG_SETMASK, caller, NULL);
 			return real_select(nfds, sets[0], sets[1], sets[2],
 			    timeout);
 		}
-		k = real_select(nfds, sets[0], sets[1], sets[2], &zero);
+		k = real_pselect(nfds, sets[0], sets[1], sets[2], &zero,
+		    caller);
+		if (k == -1 && errno == EINTR)
+			return k;
 		if (sp.sp_n > 0) {
 			int err = errno;
 
@@ -601,7 +632,7 @@ ost_select_spin(int nfds, fd_set *sets[3], fd_set *const saved[3],
 			return k;
 		/* A kernel select that fails keeps failing: without a
 		 * deadline, say so now rather than spin forever. */
-		if (k == -1 && (*deadline == 0 || errno == EINTR))
+		if (k == -1 && *deadline == 0)
 			return k;
 		if (*deadline != 0 && gethrtime() >= *deadline)
 			return k;
@@ -609,11 +640,13 @@ ost_select_spin(int nfds, fd_set *sets[3], fd_set *const saved[3],
 			if (sets[s] != NULL)
 				memcpy(sets[s], saved[s], sizeof(fd_set));
 		}
-		if (spin_end == 0)
+		if (spin_end == 0) {
 			spin_end = gethrtime() + OST_SELECT_SPIN_NS;
-		else if (gethrtime() >= spin_end)
+		} else if (gethrtime() >= spin_end) {
+			(void)pthread_sigmask(SIG_SETMASK, caller, NULL);
 			return ost_select_by_poll(lim, sets[0], sets[1],
 			    sets[2], *deadline);
+		}
 	}
 }
 
@@ -637,8 +670,15 @@ ost_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
 		if (sets[s] != NULL)
 			memcpy(saved[s], sets[s], sizeof(fd_set));
 	}
-	k = ost_select_spin(nfds, sets, saved, timeout, &deadline);
+	if (!ost_select_any_bypass(nfds, readfds, writefds))
+		return real_select(nfds, readfds, writefds, errorfds, timeout);
+	sigset_t all, caller;
+
+	(void)sigfillset(&all);
+	(void)pthread_sigmask(SIG_BLOCK, &all, &caller);
+	k = ost_select_spin(nfds, sets, saved, timeout, &deadline, &caller);
 	err = errno;
+	(void)pthread_sigmask(SIG_SETMASK, &caller, NULL);
 	if (deadline != 0) {
 		hrtime_t left = deadline - gethrtime();
 

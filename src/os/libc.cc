@@ -28,6 +28,8 @@ int (*real_poll)(struct pollfd *, nfds_t, int);
 ssize_t (*real_read)(int, void *, size_t);
 int (*real_select)(int, fd_set *, fd_set *, fd_set *, struct timeval *);
 ssize_t (*real_write)(int, const void *, size_t);
+int (*real_pselect)(int, fd_set *, fd_set *, fd_set *, const struct timespec *,
+    const sigset_t *);
 int (*real_execv)(const char *, char *const[]);
 int (*real_execve)(const char *, char *const[], char *const[]);
 int (*real_execvp)(const char *, char *const[]);
@@ -84,6 +86,7 @@ ost_libc_init(void)
 	lookup(&real_read, "read");
 	lookup(&real_select, "select");
 	lookup(&real_write, "write");
+	lookup(&real_pselect, "pselect");
 	lookup(&real_execv, "execv");
 	lookup(&real_execve, "execve");
 	lookup(&real_execvp, "execvp");

@@ -41,6 +41,8 @@ extern int (*real_poll)(struct pollfd *, nfds_t, int);
 extern ssize_t (*real_read)(int, void *, size_t);
 extern int (*real_select)(int, fd_set *, fd_set *, fd_set *, struct timeval *);
 extern ssize_t (*real_write)(int, const void *, size_t);
+extern int (*real_pselect)(int, fd_set *, fd_set *, fd_set *,
+    const struct timespec *, const sigset_t *);
 extern int (*real_execv)(const char *, char *const[]);
 extern int (*real_execve)(const char *, char *const[], char *const[]);
 extern int (*real_execvp)(const char *, char *const[]);
