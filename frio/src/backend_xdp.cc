@@ -48,6 +48,10 @@
 
 #include <linux/ethtool.h>
 #include <linux/if_link.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <linux/sock_diag.h>
+#include <linux/xdp_diag.h>
 #include <linux/sockios.h>
 #include <net/if.h>
 #include <linux/if_xdp.h>
@@ -92,13 +96,17 @@ extern "C" const unsigned char frio_steer_obj_end[];
 #define XDP_HANDLE_BUDGET (XDP_RX_FRAMES - XDP_FILL_RESERVE)
 
 /*
- * The kernel releases the sockets of a process that ended up to a second
- * later, so the first open of a process tries a busy queue again this
- * often, this far apart (a server restarted at once still gets its
- * queue).  Later opens do not wait: a live owner would not go away.
+ * The kernel frees the queue of a process that ended some time after its
+ * sockets are gone (a second, more on a loaded machine), so an open that
+ * finds the queue busy while no socket of this namespace is bound to it
+ * tries again this often, this far apart (a server restarted at once
+ * still gets its queue).  A live owner fails the open at once.  Where
+ * the kernel cannot list AF_XDP sockets, only a process's first open
+ * waits, XDP_BUSY_RETRIES_BLIND times.
  */
-#define XDP_BUSY_RETRIES  75
-#define XDP_BUSY_RETRY_US 20000
+#define XDP_BUSY_RETRIES       250
+#define XDP_BUSY_RETRIES_BLIND 75
+#define XDP_BUSY_RETRY_US      20000
 
 /* iface_reuse: the program went away or was replaced; look again. */
 #define XDP_AGAIN (-1)
@@ -1021,6 +1029,80 @@ open_slot(xdp_handle_t *xh)
 	return FRIO_STATUS_OK;
 }
 
+/*
+ * Whether an AF_XDP socket of this namespace is bound to the queue: 1 or
+ * 0, or -1 when the kernel does not say (no sock_diag for AF_XDP).  Raw
+ * system calls: a preloaded library that interposes sendto and recvfrom
+ * may hold its own locks around this open.
+ */
+static int
+queue_held(int ifindex, uint32_t queue)
+{
+	struct {
+		struct nlmsghdr nh;
+		struct xdp_diag_req req;
+	} msg;
+	uint64_t buf[1024]; /* 8 KiB, aligned */
+	int fd =
+	    socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
+	int held = -1;
+
+	if (fd < 0)
+		return -1;
+	memset(&msg, 0, sizeof(msg));
+	msg.nh.nlmsg_len = sizeof(msg);
+	msg.nh.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+	msg.nh.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+	msg.req.sdiag_family = AF_XDP;
+	msg.req.xdiag_show = XDP_SHOW_INFO;
+	if (syscall(SYS_sendto, fd, &msg, sizeof(msg), 0, NULL, 0) < 0) {
+		(void)close(fd);
+		return -1;
+	}
+	for (;;) {
+		long n =
+		    syscall(SYS_recvfrom, fd, buf, sizeof(buf), 0, NULL, NULL);
+		struct nlmsghdr *nh = reinterpret_cast<struct nlmsghdr *>(buf);
+		bool done = n <= 0;
+
+		for (; !done && NLMSG_OK(nh, n); nh = NLMSG_NEXT(nh, n)) {
+			struct xdp_diag_msg *m;
+			struct rtattr *a;
+			int alen;
+
+			if (nh->nlmsg_type == NLMSG_DONE) {
+				held = held < 0 ? 0 : held;
+				done = true;
+				break;
+			}
+			if (nh->nlmsg_type != SOCK_DIAG_BY_FAMILY) {
+				done = true; /* NLMSG_ERROR: not supported */
+				break;
+			}
+			held = held < 0 ? 0 : held;
+			m = static_cast<struct xdp_diag_msg *>(NLMSG_DATA(nh));
+			a = reinterpret_cast<struct rtattr *>(m + 1);
+			alen = static_cast<int>(
+			    nh->nlmsg_len - NLMSG_LENGTH(sizeof(*m)));
+			for (; RTA_OK(a, alen); a = RTA_NEXT(a, alen)) {
+				struct xdp_diag_info info;
+
+				if (a->rta_type != XDP_DIAG_INFO ||
+				    RTA_PAYLOAD(a) < sizeof(info))
+					continue;
+				memcpy(&info, RTA_DATA(a), sizeof(info));
+				if (static_cast<int>(info.ifindex) == ifindex &&
+				    info.queue_id == queue)
+					held = 1;
+			}
+		}
+		if (done || held == 1)
+			break;
+	}
+	(void)close(fd);
+	return held;
+}
+
 /* The AF_XDP socket, bound to the port's queue and UMEM. */
 static frio_status_t
 open_socket(xdp_handle_t *xh, const char *ifname)
@@ -1037,9 +1119,16 @@ open_socket(xdp_handle_t *xh, const char *ifname)
 	cfg.libxdp_flags = XSK_LIBXDP_FLAGS__INHIBIT_PROG_LOAD;
 	cfg.bind_flags = XDP_USE_NEED_WAKEUP;
 	for (int tries = 0;; tries++) {
+		int held;
+
 		err = -xsk_socket__create(&xh->xh_xsk, ifname, xp->xp_queue,
 		    xp->xp_umem, &xh->xh_rx, &xh->xh_tx, &cfg);
-		if (err != EBUSY || xdp_waited || tries == XDP_BUSY_RETRIES)
+		if (err != EBUSY || tries == XDP_BUSY_RETRIES)
+			break;
+		held = queue_held(xp->xp_ifindex, xp->xp_queue);
+		if (held == 1 ||
+		    (held < 0 &&
+			(xdp_waited || tries == XDP_BUSY_RETRIES_BLIND)))
 			break;
 		(void)usleep(XDP_BUSY_RETRY_US);
 	}

@@ -84,14 +84,15 @@ for i in range(n): s.sendto(("%s-%d" % (x, i)).encode(), (a, p))' "$2" "$3" "$4"
 
 # py_recv NS ADDR PORT COUNT OUT [LEN]: a kernel socket in the background;
 # one line per datagram, its payload or with LEN whether it is friodump's
-# pattern of that length; exit 2 after 3 s quiet.
+# pattern of that length; exit 2 after 10 s quiet (a sender that starts
+# after it may first wait for the queue a process before it held).
 py_recv() {
 	ip netns exec "$1" python3 -c '
 import socket, sys
 a, p, n, plen = sys.argv[1], int(sys.argv[2]), int(sys.argv[3]), int(sys.argv[4])
 s = socket.socket(socket.AF_INET6 if ":" in a else socket.AF_INET, socket.SOCK_DGRAM)
 s.setsockopt(socket.SOL_SOCKET, 33, 1 << 22)
-s.bind((a, p)); s.settimeout(3)
+s.bind((a, p)); s.settimeout(10)
 print("ready", flush=True)
 def pat(i):
     h = b"tx-%d " % i
