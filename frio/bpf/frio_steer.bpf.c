@@ -24,14 +24,15 @@ struct {
 	__uint(max_entries, FRIO_STEER_MAX_SLOTS);
 	__uint(key_size, sizeof(__u32));
 	__uint(value_size, sizeof(__u32));
-} frio_xsks SEC(".maps");
+} frio_xsks_1k SEC(".maps");
 
 struct {
 	__uint(type, BPF_MAP_TYPE_HASH);
 	__uint(max_entries, FRIO_STEER_MAX_FILTERS);
+	__uint(map_flags, BPF_F_NO_PREALLOC);
 	__type(key, struct frio_steer_key);
 	__type(value, struct frio_steer_val);
-} frio_filters SEC(".maps");
+} frio_filters_2 SEC(".maps");
 
 SEC("xdp")
 int
@@ -91,7 +92,7 @@ frio_steer(struct xdp_md *ctx)
 	}
 	key.fk_port = udp->dest;
 
-	val = bpf_map_lookup_elem(&frio_filters, &key);
+	val = bpf_map_lookup_elem(&frio_filters_2, &key);
 	/* A socket bound to another queue would refuse the frame and the
 	 * redirect would drop it. */
 	if (!val || val->fv_queue != ctx->rx_queue_index)
@@ -99,7 +100,7 @@ frio_steer(struct xdp_md *ctx)
 	/* An empty slot (its socket closed, its process gone) falls back to
 	 * the kernel instead of dropping: the flags carry the action taken
 	 * when the lookup fails. */
-	return bpf_redirect_map(&frio_xsks, val->fv_slot, XDP_PASS);
+	return bpf_redirect_map(&frio_xsks_1k, val->fv_slot, XDP_PASS);
 }
 
 char _license[] SEC("license") = "GPL";

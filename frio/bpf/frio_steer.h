@@ -10,19 +10,21 @@
 #include <linux/types.h>
 
 #define FRIO_STEER_PROG_NAME    "frio_steer"
-#define FRIO_STEER_XSKS_NAME    "frio_xsks"
-#define FRIO_STEER_FILTERS_NAME "frio_filters"
+#define FRIO_STEER_XSKS_NAME    "frio_xsks_1k"
+#define FRIO_STEER_FILTERS_NAME "frio_filters_2"
 
 /*
- * Socket slots: queue q owns slots [q * FRIO_STEER_SLOTS_PER_QUEUE, +16).
+ * Socket slots: queue q owns slots [q * FRIO_STEER_SLOTS_PER_QUEUE, +1024).
  * Only one process can bind AF_XDP sockets to a queue (the kernel keeps one
  * UMEM per queue), so whoever holds the queue owns its slots outright.
+ * The XSKMAP costs the kernel 8 bytes a slot: 2 MiB per interface.
  */
-#define FRIO_STEER_SLOTS_PER_QUEUE 16
+#define FRIO_STEER_SLOTS_PER_QUEUE 1024
 #define FRIO_STEER_MAX_QUEUES      256
 #define FRIO_STEER_MAX_SLOTS \
 	(FRIO_STEER_SLOTS_PER_QUEUE * FRIO_STEER_MAX_QUEUES)
-#define FRIO_STEER_MAX_FILTERS 4096
+/* Not preallocated: an entry costs memory only while it exists. */
+#define FRIO_STEER_MAX_FILTERS 65536
 
 /* Frames longer than a handle may lend stay with the kernel. */
 #define FRIO_STEER_MAX_FRAME 1514
@@ -36,6 +38,8 @@ struct frio_steer_key {
 struct frio_steer_val {
 	__u32 fv_slot;  /* index into frio_xsks */
 	__u32 fv_queue; /* the receive queue the slot's socket is bound to */
+	__u32 fv_pid;   /* the process that entered it, to tell stale ones */
+	__u32 fv_pad;   /* zero */
 };
 
 #endif /* FRIO_STEER_H */

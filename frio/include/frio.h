@@ -16,6 +16,14 @@
  * handle is opened: "xdp" (AF_XDP), "packet" (AF_PACKET) or "mem" (an
  * in-memory double for tests, see frio_mem.h).  Unset, it is "xdp" when
  * libfrio was built with AF_XDP support, else "packet".
+ *
+ * Limits of the xdp backend.  A process opens at most FRIO_XDP_MAX_HANDLES
+ * handles on one interface queue (FRIO_QUEUE) at a time; past that,
+ * frio_open fails with FRIO_STATUS_FAILED and a text that says so.  One
+ * process at a time holds a queue; processes on other queues of the same
+ * interface share its steering program, which stays attached when they
+ * exit.  A handle lends at most FRIO_XDP_MAX_LENT frames at once:
+ * frio_rx_get returns FRIO_STATUS_NOMEM until one is put back.
  */
 #ifndef FRIO_H
 #define FRIO_H
@@ -44,6 +52,9 @@ typedef enum frio_status {
 	FRIO_STATUS_DLERR = 8,
 	FRIO_STATUS_FAILED = 9
 } frio_status_t;
+
+#define FRIO_XDP_MAX_HANDLES 1024
+#define FRIO_XDP_MAX_LENT    4
 
 /* Deliver frames to this MAC, destination address and destination port. */
 #define FRIO_FILTER_MAC_IP_PORT 3
@@ -97,6 +108,13 @@ frio_status_t frio_rx_put(frio_handle_t hdl, void *frame);
 const char *frio_status2str(frio_status_t status, char *buf, size_t len);
 /* A descriptor that polls readable while received frames wait. */
 int frio_get_fd(frio_handle_t hdl);
+/*
+ * 1 when the kernel also receives a copy of every frame the handle receives
+ * (the packet backend: a kernel socket bound to the same address and port
+ * gets the datagram too), 0 when the handle's frames never reach the
+ * kernel (xdp, mem); -1 for a null handle.
+ */
+int frio_rx_copies(frio_handle_t hdl);
 
 #ifdef __cplusplus
 #define FRIO_ASSERT_LAYOUT(c, m) static_assert(c, m)

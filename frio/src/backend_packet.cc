@@ -542,6 +542,14 @@ pkt_get_fd(struct frio_handle *hdl)
 	return pkt_of(hdl)->ph_fd;
 }
 
+/* An AF_PACKET socket taps a copy; the kernel's stack gets the frame. */
+static int
+pkt_rx_copies(struct frio_handle *hdl)
+{
+	(void)hdl;
+	return 1;
+}
+
 const frio_backend_ops_t frio_packet_ops = {
 	.fb_name = "packet",
 	.fb_open = pkt_open,
@@ -552,5 +560,6 @@ const frio_backend_ops_t frio_packet_ops = {
 	.fb_rx_get = pkt_rx_get,
 	.fb_rx_put = pkt_rx_put,
 	.fb_get_fd = pkt_get_fd,
+	.fb_rx_copies = pkt_rx_copies,
 	.fb_identify = NULL,
 };

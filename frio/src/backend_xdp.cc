@@ -2,27 +2,35 @@
  * The xdp backend: AF_XDP sockets fed by an XDP steering program.
  *
  * Per interface, one steering program (frio/bpf/frio_steer.bpf.c) with two
- * maps: frio_filters, (MAC, address, port) -> (slot, queue), and frio_xsks,
- * the XSKMAP of slots.  Per (interface, queue), one UMEM of 4096 frames
- * shared by every handle the process opens there; per handle, one AF_XDP
- * socket with its own receive and transmit rings and one slot.  The shared
- * fill and completion rings and the free transmit frames are guarded by the
- * port lock; that is the only lock on the per-frame paths.
+ * maps: the filters, (MAC, address, port) -> (slot, queue, pid), and the
+ * XSKMAP of slots, FRIO_XDP_MAX_HANDLES of them per queue.  Per (interface,
+ * queue), one UMEM shared by every handle the process opens there; per
+ * handle, one AF_XDP socket with its own receive and transmit rings and one
+ * slot.  The shared fill and completion rings and the free transmit frames
+ * are guarded by the port lock; that is the only lock on the per-frame
+ * paths.
  *
  * UMEM frames are split for good: XDP_RX_FRAMES circulate between the fill
  * ring, the receive rings and the caller; the rest circulate between the
  * free stack, the transmit rings and the completion ring.  Neither side can
  * starve the other, and the fill ring is large enough never to overflow.
+ * A handle holds at most its receive ring's size plus XDP_LEND_MAX lent
+ * frames.  Ring sizes come out of a budget that always keeps
+ * XDP_FILL_RESERVE frames for the fill ring and room for the smallest ring
+ * of every handle still to come, so the first handles of a port get large
+ * rings, later ones smaller, and no handle that is never read can starve
+ * the others.
  *
- * Nothing is pinned.  The process that attaches the program does so
- * through a BPF link, so the kernel detaches it when that process closes
- * its last handle there or dies in any way, and the kernel gets every frame
- * again.  The program never drops either: a frame whose slot is empty (its
- * socket closed, the kernel removing the socket from the map) goes to the
- * kernel.  A process that finds a compatible program of ours attached (a
- * second process on another queue) uses its maps; it replaces an older one
- * of ours that was attached without a link, and never touches anybody
- * else's program.
+ * The program is attached without a link and stays attached when the
+ * process that attached it closes its handles or dies: other processes
+ * (on other queues) keep using it, and a new process finds it and uses its
+ * maps.  It never drops a frame: one whose slot is empty (its socket
+ * closed, its process gone: the kernel removes a closed socket from the
+ * map) goes to the kernel.  Filters left by a dead process are replaced
+ * when asked for again.  A process that finds an older, incompatible
+ * program of ours replaces it when it can, and never touches anybody
+ * else's program.  `ip link set dev IFACE xdp off' (xdpgeneric off on veth)
+ * removes it.
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -34,11 +42,16 @@
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <linux/ethtool.h>
 #include <linux/if_link.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <linux/sock_diag.h>
+#include <linux/xdp_diag.h>
 #include <linux/sockios.h>
 #include <net/if.h>
 #include <linux/if_xdp.h>
@@ -58,26 +71,42 @@
 extern "C" const unsigned char frio_steer_obj[];
 extern "C" const unsigned char frio_steer_obj_end[];
 
-#define XDP_FRAME_SIZE 2048
-#define XDP_FRAMES     4096
-#define XDP_TX_FRAMES  1024
-#define XDP_RX_FRAMES  (XDP_FRAMES - XDP_TX_FRAMES)
-#define XDP_FILL_SIZE  4096 /* holds every receive frame */
-#define XDP_COMP_SIZE  1024 /* holds every transmit frame */
-#define XDP_RX_SIZE    2048
-#define XDP_TX_SIZE    512
-#define XDP_AREA_SIZE  (static_cast<size_t>(XDP_FRAMES) * XDP_FRAME_SIZE)
-#define XDP_NO_FRAME   (~0ULL)
-#define XDP_NO_SLOT    (~0U)
+/*
+ * Sizing.  The UMEM is 64 MiB of locked memory per (interface, queue).
+ * Every handle holds at most its receive ring plus XDP_LEND_MAX lent
+ * frames; XDP_FILL_RESERVE frames always stay with the fill ring and the
+ * driver (a zero-copy driver keeps a ring's worth posted).
+ */
+#define XDP_FRAME_SIZE    2048
+#define XDP_FRAMES        32768
+#define XDP_TX_FRAMES     1024
+#define XDP_RX_FRAMES     (XDP_FRAMES - XDP_TX_FRAMES)
+#define XDP_FILL_SIZE     32768 /* holds every receive frame */
+#define XDP_COMP_SIZE     1024  /* holds every transmit frame */
+#define XDP_FILL_RESERVE  2048
+#define XDP_RX_RING_MIN   8
+#define XDP_RX_RING_MAX   512
+#define XDP_LEND_MAX      FRIO_XDP_MAX_LENT
+#define XDP_TX_SIZE       512
+#define XDP_HANDLES       FRIO_STEER_SLOTS_PER_QUEUE
+#define XDP_AREA_SIZE     (static_cast<size_t>(XDP_FRAMES) * XDP_FRAME_SIZE)
+#define XDP_NO_FRAME      (~0ULL)
+#define XDP_NO_SLOT       (~0U)
+#define XDP_HOLD_MIN      (XDP_RX_RING_MIN + XDP_LEND_MAX)
+#define XDP_HANDLE_BUDGET (XDP_RX_FRAMES - XDP_FILL_RESERVE)
 
 /*
- * The kernel releases the sockets of a process that ended up to a second
- * later, so the first open of a process tries a busy queue again this
- * often, this far apart (a server restarted at once still gets its
- * queue).  Later opens do not wait: a live owner would not go away.
+ * The kernel frees the queue of a process that ended some time after its
+ * sockets are gone (a second, more on a loaded machine), so an open that
+ * finds the queue busy while no socket of this namespace is bound to it
+ * tries again this often, this far apart (a server restarted at once
+ * still gets its queue).  A live owner fails the open at once.  Where
+ * the kernel cannot list AF_XDP sockets, only a process's first open
+ * waits, XDP_BUSY_RETRIES_BLIND times.
  */
-#define XDP_BUSY_RETRIES  75
-#define XDP_BUSY_RETRY_US 20000
+#define XDP_BUSY_RETRIES       250
+#define XDP_BUSY_RETRIES_BLIND 75
+#define XDP_BUSY_RETRY_US      20000
 
 /* iface_reuse: the program went away or was replaced; look again. */
 #define XDP_AGAIN (-1)
@@ -87,6 +116,10 @@ static_assert(XDP_FILL_SIZE >= XDP_RX_FRAMES,
 static_assert(XDP_COMP_SIZE >= XDP_TX_FRAMES,
     "the completion ring must hold every transmit frame");
 static_assert(XDP_FRAME_SIZE >= FRIO_MAX_FRAME, "frame too small");
+static_assert(XDP_HANDLES == FRIO_XDP_MAX_HANDLES, "the limit frio.h states");
+static_assert(XDP_HANDLES * XDP_HOLD_MIN <= XDP_HANDLE_BUDGET,
+    "every handle must get at least the smallest ring");
+static_assert(XDP_HANDLES <= 0xffff, "frame owners are 16 bits");
 
 /* The steering program on one interface, shared by the ports there. */
 typedef struct xdp_iface {
@@ -97,7 +130,6 @@ typedef struct xdp_iface {
 	int xi_prog_fd;
 	int xi_xsks_fd;
 	int xi_filters_fd;
-	int xi_link_fd; /* ours: attached as long as it lives */
 } xdp_iface_t;
 
 /* One UMEM, bound to one queue of one interface. */
@@ -106,8 +138,11 @@ typedef struct xdp_port {
 	uint64_t xp_netns;
 	int xp_ifindex;
 	uint32_t xp_queue;
-	uint32_t xp_refs;  /* handles */
-	uint32_t xp_slots; /* bit k: slot queue * 16 + k taken */
+	uint32_t xp_refs; /* handles */
+	/* Bit k: slot queue * XDP_HANDLES + k taken; how many are. */
+	uint64_t xp_slots[XDP_HANDLES / 64];
+	uint32_t xp_nslots;
+	uint32_t xp_held; /* receive frames the handles may hold at most */
 	xdp_iface_t *xp_iface;
 	char *xp_area;
 	struct xsk_umem *xp_umem;
@@ -116,9 +151,10 @@ typedef struct xdp_port {
 	struct xsk_ring_cons xp_comp;
 	uint32_t xp_nfree;
 	uint64_t xp_free[XDP_TX_FRAMES];
-	/* Receive frames lent to the caller, by frame number.  A byte each:
-	 * handles of different threads write different bytes. */
-	uint8_t xp_lent[XDP_RX_FRAMES];
+	/* Receive frames lent to the caller, by frame number: the owning
+	 * handle's xh_owner, 0 when not lent.  A frame has one owner at a
+	 * time, so handles of different threads write different entries. */
+	uint16_t xp_owner[XDP_RX_FRAMES];
 } xdp_port_t;
 
 typedef struct xdp_handle {
@@ -127,6 +163,9 @@ typedef struct xdp_handle {
 	struct xsk_socket *xh_xsk;
 	int xh_fd;
 	uint32_t xh_slot;     /* XDP_NO_SLOT until one is taken */
+	uint16_t xh_owner;    /* slot within the queue + 1 */
+	uint32_t xh_hold;     /* receive ring size + XDP_LEND_MAX, once set */
+	uint32_t xh_lent;     /* frames lent now, at most XDP_LEND_MAX */
 	bool xh_kick_always;  /* copy mode: sends only when asked */
 	uint64_t xh_tx_frame; /* allocated, not yet committed */
 	struct xsk_ring_cons xh_rx;
@@ -274,7 +313,6 @@ iface_adopt_maps(xdp_iface_t *xi, int prog_fd)
 static void
 iface_close_fds(xdp_iface_t *xi)
 {
-	xdp_close_fd(&xi->xi_link_fd);
 	xdp_close_fd(&xi->xi_prog_fd);
 	xdp_close_fd(&xi->xi_xsks_fd);
 	xdp_close_fd(&xi->xi_filters_fd);
@@ -397,8 +435,9 @@ attach_modes(int ifindex, uint32_t modes[2])
 }
 
 /*
- * Attaches our freshly loaded program through a BPF link.  0, or an
- * errno: EBUSY or EEXIST when a program is already there.
+ * Attaches our freshly loaded program, without a link: it stays when this
+ * process goes, for the others that use it and the next one to come.  0,
+ * or an errno: EBUSY or EEXIST when a program is already there.
  */
 static int
 iface_attach(xdp_iface_t *xi)
@@ -407,15 +446,8 @@ iface_attach(xdp_iface_t *xi)
 	int n = attach_modes(xi->xi_ifindex, modes), err = EINVAL;
 
 	for (int i = 0; i < n; i++) {
-		LIBBPF_OPTS(bpf_link_create_opts, lo, .flags = modes[i]);
-		int fd = bpf_link_create(xi->xi_prog_fd, xi->xi_ifindex,
-		    BPF_XDP, &lo);
-
-		if (fd >= 0) {
-			xi->xi_link_fd = xdp_dup_cloexec(fd);
-			(void)close(fd);
-			if (xi->xi_link_fd < 0)
-				return EMFILE;
+		if (bpf_xdp_attach(xi->xi_ifindex, xi->xi_prog_fd,
+			modes[i] | XDP_FLAGS_UPDATE_IF_NOEXIST, NULL) == 0) {
 			frio_debug("xdp: steering program attached on ifindex "
 				   "%d in %s mode",
 			    xi->xi_ifindex, mode_name(modes[i]));
@@ -432,8 +464,9 @@ iface_attach(xdp_iface_t *xi)
 
 /*
  * The interface runs the program prog_id: use its maps when it is ours,
- * take it away when it is an older build of ours attached without a link
- * (XDP_AGAIN: look again), and leave anybody else's alone (EEXIST).
+ * take it away when it is an older, incompatible build of ours attached
+ * without a link (XDP_AGAIN: look again), and leave anybody else's alone
+ * (EEXIST).
  */
 static int
 iface_reuse(xdp_iface_t *xi, uint32_t prog_id, uint8_t attach_mode)
@@ -507,35 +540,13 @@ iface_setup(xdp_iface_t *xi)
 	return EEXIST;
 }
 
-static bool
-filters_empty(int fd)
-{
-	frio_steer_key next;
-
-	return bpf_map_get_next_key(fd, NULL, &next) != 0;
-}
-
-/* xdp_lock held.  Drops a port's reference to xi. */
+/* xdp_lock held.  Drops a port's reference to xi; the program stays
+ * attached for the next handle, of this process or another. */
 static void
 iface_put(xdp_iface_t *xi)
 {
 	if (--xi->xi_refs != 0)
 		return;
-	/* Ours goes with the link.  One that we found attached without a
-	 * link (an older build of ours) goes once no filter is left in it. */
-	if (xi->xi_link_fd < 0 && filters_empty(xi->xi_filters_fd)) {
-		LIBBPF_OPTS(bpf_xdp_query_opts, qo);
-		LIBBPF_OPTS(bpf_xdp_attach_opts, ao,
-		    .old_prog_fd = xi->xi_prog_fd);
-
-		if (bpf_xdp_query(xi->xi_ifindex, 0, &qo) == 0 &&
-		    qo.prog_id != 0 &&
-		    bpf_xdp_detach(xi->xi_ifindex, mode_flags(qo.attach_mode),
-			&ao) == 0)
-			frio_debug("xdp: steering program detached from "
-				   "ifindex %d",
-			    xi->xi_ifindex);
-	}
 	for (xdp_iface_t **pp = &xdp_ifaces; *pp != NULL;
 	     pp = &(*pp)->xi_next) {
 		if (*pp == xi) {
@@ -567,7 +578,6 @@ iface_get(uint64_t netns, int ifindex, xdp_iface_t **xip)
 	xi->xi_ifindex = ifindex;
 	xi->xi_netns = netns;
 	xi->xi_prog_fd = xi->xi_xsks_fd = xi->xi_filters_fd = -1;
-	xi->xi_link_fd = -1;
 	if ((err = iface_setup(xi)) != 0) {
 		free(xi);
 		return err;
@@ -613,8 +623,8 @@ queue_forget(xdp_iface_t *xi, uint32_t queue)
 	for (size_t i = 0; i < nstale; i++)
 		(void)bpf_map_delete_elem(xi->xi_filters_fd, &stale[i]);
 	free(stale);
-	for (uint32_t k = 0; k < FRIO_STEER_SLOTS_PER_QUEUE; k++) {
-		uint32_t slot = queue * FRIO_STEER_SLOTS_PER_QUEUE + k;
+	for (uint32_t k = 0; k < XDP_HANDLES; k++) {
+		uint32_t slot = queue * XDP_HANDLES + k;
 
 		(void)bpf_map_delete_elem(xi->xi_xsks_fd, &slot);
 	}
@@ -813,9 +823,9 @@ free_frame(xdp_port_t *xp, uint64_t addr)
 
 /*
  * Closing a socket loses what its rings hold, so hand the receive ring's
- * frames back to the fill ring and, in copy mode (where the kernel takes
- * transmit descriptors only inside our own sendto), the unsent ones back to
- * the free stack.
+ * frames and the ones still lent back to the fill ring and, in copy mode
+ * (where the kernel takes transmit descriptors only inside our own
+ * sendto), the unsent ones back to the free stack.
  */
 static void
 handle_drain(xdp_handle_t *xh)
@@ -830,7 +840,7 @@ handle_drain(xdp_handle_t *xh)
 	if (tx_ring_busy(xh))
 		tx_kick(xh);
 	(void)pthread_mutex_lock(&xp->xp_lock);
-	n = xsk_ring_cons__peek(&xh->xh_rx, XDP_RX_SIZE, &idx);
+	n = xsk_ring_cons__peek(&xh->xh_rx, xh->xh_rx.size, &idx);
 	for (uint32_t i = 0; i < n; i++) {
 		uint64_t addr =
 		    xsk_ring_cons__rx_desc(&xh->xh_rx, idx + i)->addr;
@@ -839,6 +849,14 @@ handle_drain(xdp_handle_t *xh)
 		    addr & ~static_cast<uint64_t>(XDP_FRAME_SIZE - 1));
 	}
 	xsk_ring_cons__release(&xh->xh_rx, n);
+	for (uint32_t f = 0; xh->xh_lent != 0 && f < XDP_RX_FRAMES; f++) {
+		if (xp->xp_owner[f] == xh->xh_owner) {
+			xp->xp_owner[f] = 0;
+			xh->xh_lent--;
+			(void)port_fill(xp,
+			    static_cast<uint64_t>(f) * XDP_FRAME_SIZE);
+		}
+	}
 	if (xh->xh_kick_always) {
 		uint32_t cons =
 		    __atomic_load_n(xh->xh_tx.consumer, __ATOMIC_ACQUIRE);
@@ -851,6 +869,40 @@ handle_drain(xdp_handle_t *xh)
 	}
 	port_reclaim(xp);
 	(void)pthread_mutex_unlock(&xp->xp_lock);
+}
+
+/* xdp_lock held.  Whether slot k of the port's queue is taken. */
+static bool
+slot_taken(const xdp_port_t *xp, uint32_t k)
+{
+	return k < XDP_HANDLES && (xp->xp_slots[k / 64] >> (k % 64) & 1) != 0;
+}
+
+static void
+slot_put(xdp_port_t *xp, uint32_t k)
+{
+	if (slot_taken(xp, k)) {
+		xp->xp_slots[k / 64] &= ~(1ULL << (k % 64));
+		xp->xp_nslots--;
+	}
+}
+
+/*
+ * The receive ring of the nslots-th handle of a port whose handles may
+ * hold held frames already: a power of two between XDP_RX_RING_MIN and
+ * XDP_RX_RING_MAX that leaves the smallest ring to every handle still to
+ * come, and a quarter of what is left over to the next one.
+ */
+static uint32_t
+rx_ring_size(uint32_t held, uint32_t nslots)
+{
+	uint32_t later = (XDP_HANDLES - nslots) * XDP_HOLD_MIN;
+	uint32_t spare = XDP_HANDLE_BUDGET - held - later - XDP_HOLD_MIN;
+	uint32_t ring = XDP_RX_RING_MAX;
+
+	while (ring > XDP_RX_RING_MIN && ring - XDP_RX_RING_MIN > spare / 4)
+		ring /= 2;
+	return ring;
 }
 
 /* xdp_lock held.  Drops a handle's reference to xp, the last one with
@@ -907,8 +959,8 @@ handle_release(xdp_handle_t *xh)
 	}
 	if (xp != NULL) {
 		if (xh->xh_slot != XDP_NO_SLOT)
-			xp->xp_slots &=
-			    ~(1U << (xh->xh_slot % FRIO_STEER_SLOTS_PER_QUEUE));
+			slot_put(xp, xh->xh_slot % XDP_HANDLES);
+		xp->xp_held -= xh->xh_hold;
 		port_put(xp);
 	}
 	free(xh->xh_keys);
@@ -953,21 +1005,102 @@ open_port(xdp_handle_t *xh, uint64_t netns, int ifindex, uint32_t queue,
 	return FRIO_STATUS_OK;
 }
 
+/* The lowest free slot of the port's queue, and the handle's ring size
+ * out of the port's budget. */
 static frio_status_t
 open_slot(xdp_handle_t *xh)
 {
 	xdp_port_t *xp = xh->xh_port;
-	uint32_t k = 0;
+	uint32_t k = 0, w;
 
-	while (k < FRIO_STEER_SLOTS_PER_QUEUE && (xp->xp_slots & (1U << k)))
-		k++;
-	if (k == FRIO_STEER_SLOTS_PER_QUEUE)
+	if (xp->xp_nslots == XDP_HANDLES)
 		return frio_fail(FRIO_STATUS_FAILED,
 		    "too many handles on "
-		    "one queue (at most 16)");
-	xp->xp_slots |= 1U << k;
-	xh->xh_slot = xp->xp_queue * FRIO_STEER_SLOTS_PER_QUEUE + k;
+		    "one interface queue (at most 1024 per process)");
+	for (w = 0; xp->xp_slots[w] == ~0ULL; w++)
+		;
+	k = w * 64 + static_cast<uint32_t>(__builtin_ctzll(~xp->xp_slots[w]));
+	xp->xp_slots[w] |= 1ULL << (k % 64);
+	xp->xp_nslots++;
+	xh->xh_slot = xp->xp_queue * XDP_HANDLES + k;
+	xh->xh_owner = static_cast<uint16_t>(k + 1);
+	xh->xh_hold = rx_ring_size(xp->xp_held, xp->xp_nslots) + XDP_LEND_MAX;
+	xp->xp_held += xh->xh_hold;
 	return FRIO_STATUS_OK;
+}
+
+/*
+ * Whether an AF_XDP socket of this namespace is bound to the queue: 1 or
+ * 0, or -1 when the kernel does not say (no sock_diag for AF_XDP).  Raw
+ * system calls: a preloaded library that interposes sendto and recvfrom
+ * may hold its own locks around this open.
+ */
+static int
+queue_held(int ifindex, uint32_t queue)
+{
+	struct {
+		struct nlmsghdr nh;
+		struct xdp_diag_req req;
+	} msg;
+	uint64_t buf[1024]; /* 8 KiB, aligned */
+	int fd =
+	    socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
+	int held = -1;
+
+	if (fd < 0)
+		return -1;
+	memset(&msg, 0, sizeof(msg));
+	msg.nh.nlmsg_len = sizeof(msg);
+	msg.nh.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+	msg.nh.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+	msg.req.sdiag_family = AF_XDP;
+	msg.req.xdiag_show = XDP_SHOW_INFO;
+	if (syscall(SYS_sendto, fd, &msg, sizeof(msg), 0, NULL, 0) < 0) {
+		(void)close(fd);
+		return -1;
+	}
+	for (;;) {
+		long n =
+		    syscall(SYS_recvfrom, fd, buf, sizeof(buf), 0, NULL, NULL);
+		struct nlmsghdr *nh = reinterpret_cast<struct nlmsghdr *>(buf);
+		bool done = n <= 0;
+
+		for (; !done && NLMSG_OK(nh, n); nh = NLMSG_NEXT(nh, n)) {
+			struct xdp_diag_msg *m;
+			struct rtattr *a;
+			int alen;
+
+			if (nh->nlmsg_type == NLMSG_DONE) {
+				held = held < 0 ? 0 : held;
+				done = true;
+				break;
+			}
+			if (nh->nlmsg_type != SOCK_DIAG_BY_FAMILY) {
+				done = true; /* NLMSG_ERROR: not supported */
+				break;
+			}
+			held = held < 0 ? 0 : held;
+			m = static_cast<struct xdp_diag_msg *>(NLMSG_DATA(nh));
+			a = reinterpret_cast<struct rtattr *>(m + 1);
+			alen = static_cast<int>(
+			    nh->nlmsg_len - NLMSG_LENGTH(sizeof(*m)));
+			for (; RTA_OK(a, alen); a = RTA_NEXT(a, alen)) {
+				struct xdp_diag_info info;
+
+				if (a->rta_type != XDP_DIAG_INFO ||
+				    RTA_PAYLOAD(a) < sizeof(info))
+					continue;
+				memcpy(&info, RTA_DATA(a), sizeof(info));
+				if (static_cast<int>(info.ifindex) == ifindex &&
+				    info.queue_id == queue)
+					held = 1;
+			}
+		}
+		if (done || held == 1)
+			break;
+	}
+	(void)close(fd);
+	return held;
 }
 
 /* The AF_XDP socket, bound to the port's queue and UMEM. */
@@ -981,14 +1114,21 @@ open_socket(xdp_handle_t *xh, const char *ifname)
 	int err;
 
 	memset(&cfg, 0, sizeof(cfg));
-	cfg.rx_size = XDP_RX_SIZE;
+	cfg.rx_size = xh->xh_hold - XDP_LEND_MAX;
 	cfg.tx_size = XDP_TX_SIZE;
 	cfg.libxdp_flags = XSK_LIBXDP_FLAGS__INHIBIT_PROG_LOAD;
 	cfg.bind_flags = XDP_USE_NEED_WAKEUP;
 	for (int tries = 0;; tries++) {
+		int held;
+
 		err = -xsk_socket__create(&xh->xh_xsk, ifname, xp->xp_queue,
 		    xp->xp_umem, &xh->xh_rx, &xh->xh_tx, &cfg);
-		if (err != EBUSY || xdp_waited || tries == XDP_BUSY_RETRIES)
+		if (err != EBUSY || tries == XDP_BUSY_RETRIES)
+			break;
+		held = queue_held(xp->xp_ifindex, xp->xp_queue);
+		if (held == 1 ||
+		    (held < 0 &&
+			(xdp_waited || tries == XDP_BUSY_RETRIES_BLIND)))
 			break;
 		(void)usleep(XDP_BUSY_RETRY_US);
 	}
@@ -1137,13 +1277,21 @@ filter_key(const frio_filter_args_t *f, frio_steer_key *key)
 	return FRIO_STATUS_OK;
 }
 
+/* Whether the process that entered a filter is gone. */
+static bool
+owner_gone(uint32_t pid)
+{
+	return pid != 0 && kill(static_cast<pid_t>(pid), 0) != 0 &&
+	    errno == ESRCH;
+}
+
 /*
  * xdp_lock held.  Whether the map's entry for key, if any, may be
  * replaced by ours; *mine when it is ours already.  Entries of our own
- * queue that are not ours were left by a process that held the queue
- * before us: queue_forget removed those, so one here is a live handle of
- * ours.  An entry of another queue belongs to the process that holds that
- * queue.  Either keeps its traffic.
+ * queue were left by a process that held the queue before us (queue_forget
+ * removed those) or by one of our handles: taken slots keep their traffic.
+ * An entry of another queue belongs to the process that holds that queue,
+ * and keeps its traffic while that process lives.
  */
 static frio_status_t
 filter_free(xdp_handle_t *xh, int fd, const frio_steer_key *key, bool *mine)
@@ -1154,12 +1302,14 @@ filter_free(xdp_handle_t *xh, int fd, const frio_steer_key *key, bool *mine)
 	*mine = false;
 	if (bpf_map_lookup_elem(fd, key, &cur) != 0)
 		return FRIO_STATUS_OK;
-	if (cur.fv_slot == xh->xh_slot && cur.fv_queue == xp->xp_queue) {
+	if (cur.fv_slot == xh->xh_slot && cur.fv_queue == xp->xp_queue &&
+	    cur.fv_pid == static_cast<uint32_t>(getpid())) {
 		*mine = true;
 		return FRIO_STATUS_OK;
 	}
-	if (cur.fv_queue != xp->xp_queue ||
-	    (xp->xp_slots & (1U << (cur.fv_slot % FRIO_STEER_SLOTS_PER_QUEUE))))
+	if (cur.fv_queue == xp->xp_queue ?
+		slot_taken(xp, cur.fv_slot - xp->xp_queue * XDP_HANDLES) :
+		!owner_gone(cur.fv_pid))
 		return frio_fail(FRIO_STATUS_FAILED,
 		    "another handle already "
 		    "receives for this address and port");
@@ -1180,6 +1330,8 @@ filter_enter(xdp_handle_t *xh, int fd, const frio_steer_key *key)
 	xh->xh_keys = static_cast<frio_steer_key *>(p);
 	val.fv_slot = xh->xh_slot;
 	val.fv_queue = xh->xh_port->xp_queue;
+	val.fv_pid = static_cast<uint32_t>(getpid());
+	val.fv_pad = 0;
 	if (bpf_map_update_elem(fd, key, &val, BPF_ANY) != 0) {
 		err = errno;
 		frio_debug("xdp: cannot install a filter: %s", strerror(err));
@@ -1293,6 +1445,10 @@ xdp_rx_get(struct frio_handle *hdl, void **framep, uint32_t *lenp)
 	const struct xdp_desc *d;
 	uint32_t idx;
 
+	/* The bound on what one handle holds: it gets no more until it
+	 * puts one back. */
+	if (xh->xh_lent == XDP_LEND_MAX)
+		return FRIO_STATUS_NOMEM;
 	if (xsk_ring_cons__peek(&xh->xh_rx, 1, &idx) == 0) {
 		rx_kick(xh);
 		return FRIO_STATUS_NOMEM;
@@ -1300,7 +1456,8 @@ xdp_rx_get(struct frio_handle *hdl, void **framep, uint32_t *lenp)
 	d = xsk_ring_cons__rx_desc(&xh->xh_rx, idx);
 	*framep = xsk_umem__get_data(xp->xp_area, d->addr);
 	*lenp = d->len;
-	xp->xp_lent[d->addr / XDP_FRAME_SIZE] = 1;
+	xp->xp_owner[d->addr / XDP_FRAME_SIZE] = xh->xh_owner;
+	xh->xh_lent++;
 	/* The frame is ours now; the ring slot is not needed to hold it. */
 	xsk_ring_cons__release(&xh->xh_rx, 1);
 	return FRIO_STATUS_OK;
@@ -1313,7 +1470,7 @@ xdp_rx_put(struct frio_handle *hdl, void *frame)
 	xdp_port_t *xp = xh->xh_port;
 	char *p = static_cast<char *>(frame);
 	uint64_t addr;
-	uint8_t *lent;
+	uint16_t *owner;
 	bool ok;
 
 	if (p < xp->xp_area ||
@@ -1322,13 +1479,16 @@ xdp_rx_put(struct frio_handle *hdl, void *frame)
 		return FRIO_STATUS_BADARG;
 	addr = static_cast<uint64_t>(p - xp->xp_area) &
 	    ~static_cast<uint64_t>(XDP_FRAME_SIZE - 1);
-	lent = &xp->xp_lent[addr / XDP_FRAME_SIZE];
-	if (!*lent) {
-		frio_debug("%s: frio_rx_put of a frame that is not lent (%p)",
+	owner = &xp->xp_owner[addr / XDP_FRAME_SIZE];
+	/* Not lent, or lent by another handle: that handle still owns it. */
+	if (*owner != xh->xh_owner) {
+		frio_debug("%s: frio_rx_put of a frame that this handle has "
+			   "not lent (%p)",
 		    hdl->fh_ifname, frame);
 		return FRIO_STATUS_BADARG;
 	}
-	*lent = 0;
+	*owner = 0;
+	xh->xh_lent--;
 	(void)pthread_mutex_lock(&xp->xp_lock);
 	ok = port_fill(xp, addr);
 	(void)pthread_mutex_unlock(&xp->xp_lock);
@@ -1344,6 +1504,14 @@ xdp_get_fd(struct frio_handle *hdl)
 	return xdp_of(hdl)->xh_fd;
 }
 
+/* The steering program takes the handle's frames from the kernel. */
+static int
+xdp_rx_copies(struct frio_handle *hdl)
+{
+	(void)hdl;
+	return 0;
+}
+
 extern const frio_backend_ops_t frio_xdp_ops = {
 	.fb_name = "xdp",
 	.fb_open = xdp_open,
@@ -1354,5 +1522,6 @@ extern const frio_backend_ops_t frio_xdp_ops = {
 	.fb_rx_get = xdp_rx_get,
 	.fb_rx_put = xdp_rx_put,
 	.fb_get_fd = xdp_get_fd,
+	.fb_rx_copies = xdp_rx_copies,
 	.fb_identify = NULL,
 };

@@ -512,3 +512,9 @@ frio_get_fd(frio_handle_t hdl)
 {
 	return hdl != NULL ? hdl->fh_ops->fb_get_fd(hdl) : -1;
 }
+
+EXPORT int
+frio_rx_copies(frio_handle_t hdl)
+{
+	return hdl != NULL ? hdl->fh_ops->fb_rx_copies(hdl) : -1;
+}

@@ -62,6 +62,9 @@ typedef struct frio_backend_ops {
 	    *fb_rx_get)(struct frio_handle *hdl, void **framep, uint32_t *lenp);
 	frio_status_t (*fb_rx_put)(struct frio_handle *hdl, void *frame);
 	int (*fb_get_fd)(struct frio_handle *hdl);
+	/* 1 when the kernel also gets every frame the handle receives, 0
+	 * when the handle takes them from the kernel. */
+	int (*fb_rx_copies)(struct frio_handle *hdl);
 	/* Optional, for a backend without a real interface behind it: gives
 	 * the index and MAC instead of the kernel's look-up.  Null: the
 	 * common code asks the kernel. */

@@ -19,7 +19,7 @@ exports() {
 
 want=$(printf '%s\n' frio_open frio_close frio_get_mac_addr frio_setup_rx \
   frio_handle2statid frio_tx_vec frio_rx_get frio_rx_put frio_status2str \
-  frio_get_fd | sort)
+  frio_get_fd frio_rx_copies | sort)
 have=$(exports "$frio")
 if grep -q '^frio_mem_' <<<"$have"; then
   echo "libfrio.so.1 exports the test double's hooks:" $(grep '^frio_mem_' <<<"$have")

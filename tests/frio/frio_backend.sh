@@ -44,14 +44,15 @@ for i in range(n): s.sendto(("%s-%d" % (x, i)).encode(), (a, p))' "$2" "$3" "$4"
 
 # py_recv NS ADDR PORT COUNT OUT [LEN]: a kernel socket in the background;
 # one line per datagram, its payload or with LEN whether it is friodump's
-# pattern of that length; exit 2 after 3 s quiet.
+# pattern of that length; exit 2 after 10 s quiet (a sender that starts
+# after it may first wait for the queue a process before it held).
 py_recv() {
 	ip netns exec "$1" "$PYTHON3" -c '
 import socket, sys
 a, p, n, plen = sys.argv[1], int(sys.argv[2]), int(sys.argv[3]), int(sys.argv[4])
 s = socket.socket(socket.AF_INET6 if ":" in a else socket.AF_INET, socket.SOCK_DGRAM)
 s.setsockopt(socket.SOL_SOCKET, 33, 1 << 22)
-s.bind((a, p)); s.settimeout(3)
+s.bind((a, p)); s.settimeout(10)
 print("ready", flush=True)
 def pat(i):
     h = b"tx-%d " % i
@@ -153,16 +154,89 @@ case_two_handles() {
 		fail "duplicate filter: rc $rc: $(cat "$out")"
 }
 
-# kill -9 of a process with handles open gives the kernel its traffic back.
+# kill -9 of a process with handles open gives the kernel its traffic back;
+# with xdp the steering program stays attached for the next process.
 case_killed() {
 	local hold=$WORK/killed.out out=$WORK/after.out
 	dump_bg "$hold" -H $IF_A $IP4_A 8000,8001 || { fail "killed: $(cat "$hold")"; return; }
 	kill -9 $LASTPID; wait $LASTPID 2>/dev/null
-	[ $BACKEND = xdp ] && ip -n "$A" link show $IF_A | grep -q 'prog/xdp' &&
-		fail "killed: the steering program outlived its process"
+	[ $BACKEND = xdp ] && ! ip -n "$A" link show $IF_A | grep -q 'prog/xdp' &&
+		fail "killed: the steering program went with its process"
 	py_recv "$A" $IP4_A 8000 3 "$out" || { fail "killed: receiver"; return; }
 	py_send "$B" $IP4_A 8000 3 back
 	wait $LASTPID && [ "$(grep -c '^back-' "$out")" = 3 ] || fail "killed: black hole: $(cat "$out")"
+}
+
+# Many handles in one process, a port each: every datagram reaches the
+# handle of its own port, once; with xdp, one handle past the limit fails
+# and says why.
+case_many() {
+	local out=$WORK/many.out n=200 rc
+	ulimit -n 4096
+	"${INA[@]}" "$PROBE" many $IF_A $IP4_A 20000 $n 10 >"$out" 2>&1 &
+	LASTPID=$!; PIDS+=($LASTPID)
+	wait_for "$out" $LASTPID ready || { fail "many: $(head -3 "$out")"; return; }
+	ip netns exec "$B" "$PYTHON3" -c '
+import socket, sys
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+for i in range(int(sys.argv[1])): s.sendto(b"many-%d" % i, (sys.argv[2], 20000 + i))' $n $IP4_A
+	wait $LASTPID; rc=$?
+	[ $rc = 0 ] && grep -q "^ok $n" "$out" || fail "many: rc $rc: $(head -5 "$out")"
+	[ $BACKEND = xdp ] || return
+	"${INA[@]}" "$PROBE" many $IF_A $IP4_A 30000 1025 1 >"$out" 2>&1; rc=$?
+	[ $rc = 3 ] && grep -q '^open 1024: .*at most 1024' "$out" ||
+		fail "many: handle 1025: rc $rc: $(head -3 "$out")"
+}
+
+# py_send_cpu NS CPU ADDR PORT PREFIX: one datagram from a fresh socket on
+# CPU, which transmit packet steering maps to the queue of that number.
+py_send_cpu() {
+	ip netns exec "$1" "$PYTHON3" -c '
+import os, socket, sys
+os.sched_setaffinity(0, {int(sys.argv[1])})
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.sendto(sys.argv[4].encode(), (sys.argv[2], int(sys.argv[3])))' "$2" "$3" "$4" "$5"
+}
+
+# Processes on two queues of one interface share the steering program:
+# the second keeps receiving when the first (which attached it) is killed,
+# the first one's port goes back to the kernel, and a process started on
+# the first queue again takes its traffic, all under the same program.
+case_processes() {
+	local p1=$WORK/p1.out p2=$WORK/p2.out p3=$WORK/p3.out k=$WORK/k.out pid1 pid2 prog
+	[ "$(nproc)" -ge 2 ] || { echo "skip: processes: one CPU"; return; }
+	ip -n "$A" link add vA2 numtxqueues 2 numrxqueues 2 type veth peer name vB2 \
+	    netns "$B" numtxqueues 2 numrxqueues 2 || { fail "processes: veth"; return; }
+	ip -n "$A" addr add 10.78.0.1/24 dev vA2
+	ip -n "$B" addr add 10.78.0.2/24 dev vB2
+	ip -n "$A" link set vA2 up
+	ip -n "$B" link set vB2 up
+	ip netns exec "$B" sh -c 'echo 1 >/sys/class/net/vB2/queues/tx-0/xps_cpus &&
+	    echo 2 >/sys/class/net/vB2/queues/tx-1/xps_cpus' || { fail "processes: xps"; return; }
+	# Native mode: veth reports the receive queue only there.
+	local Q=(ip netns exec "$A" env FRIO_BACKEND=xdp FRIO_XDP_MODE=native)
+	"${Q[@]}" FRIO_QUEUE=0 "$DUMP" -n 1 -t 10 vA2 10.78.0.1 9000 >"$p1" 2>&1 &
+	pid1=$!; PIDS+=($pid1)
+	wait_for "$p1" $pid1 listening || { fail "processes: first: $(cat "$p1")"; return; }
+	"${Q[@]}" FRIO_QUEUE=1 "$DUMP" -n 2 -t 10 vA2 10.78.0.1 9001 >"$p2" 2>&1 &
+	pid2=$!; PIDS+=($pid2)
+	wait_for "$p2" $pid2 listening || { fail "processes: second: $(cat "$p2")"; return; }
+	prog=$(ip -n "$A" link show vA2 | grep -o 'prog/xdp id [0-9]*')
+	py_send_cpu "$B" 1 10.78.0.1 9001 before
+	kill -9 $pid1; wait $pid1 2>/dev/null
+	py_send_cpu "$B" 1 10.78.0.1 9001 after
+	wait $pid2 && [ "$(grep -c ':9001 len .* "\(before\|after\)"' "$p2")" = 2 ] ||
+		fail "processes: the second stopped receiving: $(cat "$p2")"
+	py_recv "$A" 10.78.0.1 9000 1 "$k" || { fail "processes: receiver"; return; }
+	py_send_cpu "$B" 0 10.78.0.1 9000 kernel
+	wait $LASTPID && grep -q '^kernel' "$k" || fail "processes: the dead one's port: $(cat "$k")"
+	"${Q[@]}" FRIO_QUEUE=0 "$DUMP" -n 1 -t 10 vA2 10.78.0.1 9000 >"$p3" 2>&1 &
+	LASTPID=$!; PIDS+=($LASTPID)
+	wait_for "$p3" $LASTPID listening || { fail "processes: third: $(cat "$p3")"; return; }
+	py_send_cpu "$B" 0 10.78.0.1 9000 third
+	wait $LASTPID && grep -q ':9000 len 5 "third"' "$p3" || fail "processes: third: $(cat "$p3")"
+	[ -n "$prog" ] && [ "$(ip -n "$A" link show vA2 | grep -o 'prog/xdp id [0-9]*')" = "$prog" ] ||
+		fail "processes: the program was replaced ($prog)"
 }
 
 # Opening a missing interface or without privilege fails, leaking nothing.
@@ -175,7 +249,9 @@ case_open_fails() {
 	    grep -q "^status 7: .*CAP_NET_RAW" "$out" || fail "open without privileges: $(cat "$out")"
 }
 
-for c in transmit receive others two_handles killed open_fails; do
+CASES="transmit receive others two_handles killed many open_fails"
+[ "$BACKEND" = xdp ] && CASES="$CASES processes"
+for c in $CASES; do
 	n=$FAILS; case_$c
 	[ $FAILS = $n ] && echo "ok: $BACKEND $c"
 done

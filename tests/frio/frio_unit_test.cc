@@ -503,6 +503,51 @@ TEST_F(MemTest, FilterBelongsToOneHandlePerInterface)
 	frio_close(h2);
 }
 
+/* Many handles on one interface, a port each, opened and closed out of
+ * order: every frame reaches its own port's handle and no other. */
+TEST_F(MemTest, ManyHandlesEachGetOnlyTheirOwnPort)
+{
+	const int n = 70;
+	std::vector<frio_handle_t> h(n);
+
+	for (int round = 0; round < 2; round++) {
+		for (int i = 0; i < n; i++) {
+			if (round == 1 && i % 3 != 0)
+				continue;
+			frio_filter_args_t f = filter_for(
+			    wire_frame(false, 0, uint16_t(20000 + i)));
+
+			ASSERT_EQ(frio_open("mem0", nullptr, &h[i]),
+			    FRIO_STATUS_OK);
+			ASSERT_EQ(frio_setup_rx(h[i], &f), FRIO_STATUS_OK) << i;
+		}
+		for (int i = 0; i < n; i++) {
+			bytes fr = wire_frame(false, 4, uint16_t(20000 + i));
+			EXPECT_EQ(frio_mem_deliver("mem0", fr.data(),
+				      fr.size()),
+			    1);
+		}
+		for (int i = 0; i < n; i++) {
+			frio_rx_args_t ra;
+			void *p;
+
+			ASSERT_EQ(frio_rx_get(h[i], &ra, &p), FRIO_STATUS_OK);
+			EXPECT_EQ(get16(static_cast<uint8_t *>(p) + 36),
+			    20000 + i);
+			EXPECT_EQ(frio_rx_put(h[i], p), FRIO_STATUS_OK);
+			EXPECT_EQ(frio_rx_get(h[i], &ra, &p),
+			    FRIO_STATUS_NOMEM);
+			EXPECT_EQ(frio_rx_copies(h[i]), 0);
+		}
+		/* Every third closes and opens again next round. */
+		for (int i = 0; round == 0 && i < n; i += 3)
+			frio_close(h[i]);
+	}
+	for (int i = 0; i < n; i++)
+		frio_close(h[i]);
+	EXPECT_EQ(frio_rx_copies(nullptr), -1);
+}
+
 /* Filters that would name no frame, and the limit of one handle's set. */
 TEST_F(MemTest, SetupRxRefusesWildcardsAndTooManyFilters)
 {
