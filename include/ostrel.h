@@ -31,12 +31,21 @@ typedef struct so_ost_stats_s {
 	uint64_t osts_opkts_spin; /* of those, ones retried for want of room */
 	uint32_t osts_send_spin_max; /* most retries one frame needed */
 	uint32_t osts_pad;
+	/* Since 1.1; an older caller's 40 bytes get the fields above. */
+	uint64_t osts_kernel_ipkts; /* datagrams delivered from the kernel
+				       socket (fragments, loopback, ...) */
+	uint64_t osts_idrops;       /* frames dropped: malformed, not the
+				       socket's, from a martian source */
+	uint64_t osts_requeued;     /* datagrams handed back to the kernel
+				       socket when the socket left the bypass */
 } so_ost_stats_t;
 
+#define SO_OSTREL_STATS_V1_SIZE 40
+
 #ifdef __cplusplus
-static_assert(sizeof(so_ost_stats_t) == 40, "so_ost_stats_t is 40 bytes");
+static_assert(sizeof(so_ost_stats_t) == 64, "so_ost_stats_t is 64 bytes");
 #else
-_Static_assert(sizeof(so_ost_stats_t) == 40, "so_ost_stats_t is 40 bytes");
+_Static_assert(sizeof(so_ost_stats_t) == 64, "so_ost_stats_t is 64 bytes");
 #endif
 
 #ifdef __cplusplus

@@ -7,7 +7,8 @@
  * makes the handle match, whatever order the application's calls came in:
  * it opens the handle, installs each filter not yet installed, and switches
  * the kernel socket once there is a filter and a port (Linux refuses the
- * switch on a socket without one).  It is called again after every change
+ * switch on a socket without one).  The kernel socket stays a live second
+ * source: it keeps whatever the handle does not serve.  It is called again after every change
  * that may need more (bind, a join, a destination), and does only what is
  * missing.  Filters are never removed from a handle: a socket whose needs
  * shrink leaves the bypass instead.
@@ -36,6 +37,10 @@ ost_open_handle_locked(uost_t *up)
 	up->uost_frio_set = true;
 	if (ost_frio->get_mac_addr(up->uost_frio_hdl, &mac) == FRIO_STATUS_OK)
 		ost_tpl_set_src_mac(up, &mac);
+	up->uost_rx_copies = ost_frio->rx_copies(up->uost_frio_hdl) != 0;
+	up->uost_mtu = ost_if_mtu(up->uost_if_name);
+	if (up->uost_mtu == 0 || up->uost_mtu > ETH_DATA_LEN)
+		up->uost_mtu = ETH_DATA_LEN;
 	return true;
 }
 
@@ -64,7 +69,12 @@ ost_set_filter(uost_t *up, const struct in6_addr *addr, in_port_t port,
 	return true;
 }
 
-/* Every filter the record names that the handle lacks; none before bind. */
+/*
+ * Every filter the record names that the handle lacks; none before bind.
+ * Groups go on a handle only when the kernel sees copies of its frames: a
+ * handle that took group frames away from the kernel would take them from
+ * every other member on this host, in this process or another.
+ */
 static bool
 ost_install_filters_locked(uost_t *up)
 {
@@ -77,7 +87,8 @@ ost_install_filters_locked(uost_t *up)
 			return false;
 		up->uost_laddr_filtered = true;
 	}
-	while (up->uost_groups_filtered < up->uost_ngroups) {
+	while (
+	    up->uost_rx_copies && up->uost_groups_filtered < up->uost_ngroups) {
 		const struct in6_addr *group =
 		    &up->uost_groups[up->uost_groups_filtered];
 		struct ether_addr mac;
@@ -90,16 +101,35 @@ ost_install_filters_locked(uost_t *up)
 	return true;
 }
 
+/* The kernel switch for the filters installed so far. */
+static void
+ost_kernel_opt(const uost_t *up, so_ost_opt_t *opt)
+{
+	memset(opt, 0, sizeof(*opt));
+	opt->ost_onoff = true;
+	opt->ost_stat_id = ost_frio->handle2statid(up->uost_frio_hdl);
+	opt->ost_if_id = (int)up->uost_if_index;
+	opt->ost_copies = up->uost_rx_copies;
+	opt->ost_v6 = up->uost_is_v6;
+	opt->ost_port = up->uost_lport;
+	opt->ost_mtu = up->uost_mtu;
+	if (up->uost_laddr_filtered)
+		opt->ost_addrs[opt->ost_naddrs++] = up->uost_laddr_v6;
+	for (uint32_t i = 0; i < up->uost_groups_filtered; i++)
+		opt->ost_addrs[opt->ost_naddrs++] = up->uost_groups[i];
+}
+
+/* Switches the kernel socket, again when the filters changed. */
 static bool
 ost_switch_kernel_locked(uost_t *up)
 {
 	so_ost_opt_t opt;
 
-	if (up->uost_kernel_set || !up->uost_filter_set || !up->uost_bound)
+	if (!up->uost_filter_set || !up->uost_bound)
 		return true;
-	opt.ost_onoff = true;
-	opt.ost_stat_id = ost_frio->handle2statid(up->uost_frio_hdl);
-	opt.ost_if_id = (int)up->uost_if_index;
+	ost_kernel_opt(up, &opt);
+	if (up->uost_kernel_set && up->uost_kernel_naddrs == opt.ost_naddrs)
+		return true;
 	if (ost_kernel_bypass_set(up->uost_sd, &opt) != 0) {
 		int err = errno;
 
@@ -109,6 +139,7 @@ ost_switch_kernel_locked(uost_t *up)
 		return false;
 	}
 	up->uost_kernel_set = true;
+	up->uost_kernel_naddrs = opt.ost_naddrs;
 	return true;
 }
 
@@ -134,8 +165,10 @@ ost_detach_handle_locked(uost_t *up)
 void
 ost_detach_locked(uost_t *up, bool sd_open)
 {
-	static const so_ost_opt_t off = { false, 0, 0 };
+	so_ost_opt_t off;
 	ost_errno_keep keep;
+
+	memset(&off, 0, sizeof(off));
 
 	if (up->uost_kernel_set && !sd_open)
 		ost_kernel_bypass_forget(up->uost_sd);
@@ -143,7 +176,10 @@ ost_detach_locked(uost_t *up, bool sd_open)
 	    ost_kernel_bypass_set(up->uost_sd, &off) != 0)
 		ost_debug("cannot switch %d back to the kernel: %d\n",
 		    up->uost_sd, errno);
+	if (sd_open && up->uost_filter_set)
+		ost_requeue_locked(up);
 	up->uost_kernel_set = false;
+	up->uost_kernel_naddrs = 0;
 	up->uost_filter_set = false;
 	up->uost_laddr_filtered = false;
 	up->uost_groups_filtered = 0;

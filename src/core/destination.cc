@@ -63,6 +63,7 @@ ost_set_group_peer(uost_t *up, const struct in6_addr *group, in_port_t port)
 	ost_tpl_set_dst_mac(up, &mac);
 	ost_tpl_set_peer(up, group, port);
 	ost_tpl_set_hops(up, up->uost_mc_hops != 0 ? up->uost_mc_hops : 1);
+	up->uost_peer_group = true;
 	return true;
 }
 
@@ -73,6 +74,7 @@ ost_set_unicast_peer(uost_t *up, const struct in6_addr *dst, in_port_t port)
 	if (!ost_attach_locked(up))
 		return false;
 	ost_tpl_set_peer(up, dst, port);
+	up->uost_peer_group = false;
 	if (up->uost_uc_hops != 0)
 		ost_tpl_set_hops(up, up->uost_uc_hops);
 	return true;

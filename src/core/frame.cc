@@ -4,12 +4,11 @@
  *
  * A frame reaches a socket only through the receive filter of its handle,
  * so a frame that is not UDP or not addressed to the socket means the
- * filter or the frame library is broken: the process ends with a message
- * rather than deliver someone else's data.  A frame whose IP length runs
- * past the end of the frame ends it too.  A frame that is not even as long
- * as its own headers, or whose IP length claims less than them, is dropped:
- * none of its lengths can be trusted to locate a payload.  Whatever the
- * length fields say, nothing beyond the frame is read.
+ * filter or the frame library let something through; it is dropped and
+ * counted rather than delivered, and never ends the process: whoever sends
+ * frames must not be able to.  So is a frame whose lengths do not add up
+ * (nothing beyond the frame is read, whatever they say) and one from a
+ * source the kernel would call martian.
  *
  * IPv4 and IPv6 differ here only in where the fields lie and how long the
  * addresses are: one table per family says so.
@@ -90,6 +89,23 @@ port_at(const uint8_t *p)
 
 static const uint8_t ost_zero_addr[16] = {};
 
+/*
+ * Sources the kernel drops a datagram for: multicast, the limited
+ * broadcast, "this network", loopback arriving on a real link.
+ */
+static bool
+ost_martian_src(const uost_t *up, const uint8_t *src)
+{
+	if (up->uost_is_v6) {
+		static const uint8_t loop6[16] = { 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+			0, 0, 0, 0, 0, 1 };
+
+		return src[0] == 0xff || memcmp(src, loop6, 16) == 0;
+	}
+	return src[0] == 0 || src[0] == 127 || (src[0] & 0xf0) == 0xe0 ||
+	    (src[0] == 255 && src[1] == 255 && src[2] == 255 && src[3] == 255);
+}
+
 ost_pkt_verdict_t
 ost_check_pkt(const uost_t *up, const uint8_t *frame, size_t framelen,
     ost_pkt_info_t *pi)
@@ -111,6 +127,8 @@ ost_check_pkt(const uost_t *up, const uint8_t *frame, size_t framelen,
 	pi->pi_len = iplen - l->pl_len_min;
 	pi->pi_sport = port_at(frame + l->pl_udp);
 	pi->pi_dport = port_at(frame + l->pl_udp + 2);
+	if (ost_martian_src(up, frame + l->pl_src))
+		return OST_PKT_MARTIAN;
 	/* A group's frames carry the group, not the local address; only
 	 * the socket's own group filters bring them here. */
 	if ((memcmp(laddr, ost_zero_addr, l->pl_addr_len) != 0 &&
@@ -127,36 +145,15 @@ ost_check_pkt(const uost_t *up, const uint8_t *frame, size_t framelen,
 	return OST_PKT_ACCEPT;
 }
 
-/* Ends the process for a verdict that means the filter is broken. */
-static void
-ost_pkt_verdict_fatal(ost_pkt_verdict_t v, const uost_t *up,
-    const ost_pkt_info_t *pi, size_t framelen)
-{
-	const char *family = ost_layout(up)->pl_name;
-
-	switch (v) {
-	case OST_PKT_NOT_UDP:
-		(void)fprintf(stderr, "Not %s/UDP packet received: proto %u\n",
-		    family, pi->pi_proto);
-		break;
-	case OST_PKT_TRUNCATED:
-		(void)fprintf(stderr,
-		    "Truncated %s packet (len %lu) "
-		    "received\n",
-		    family, (unsigned long)framelen);
-		break;
-	case OST_PKT_NOT_FOR_US:
-		(void)fprintf(stderr,
-		    "Packet not for us received: my port %d, "
-		    "packet dst port %d, data len %lu\n",
-		    ntohs(up->uost_lport), ntohs(pi->pi_dport),
-		    (unsigned long)pi->pi_len);
-		break;
-	default:
-		return;
-	}
-	exit(1);
-}
+static const char *const ost_verdict_text[] = {
+	[OST_PKT_ACCEPT] = "accepted",
+	[OST_PKT_FOREIGN] = "another peer",
+	[OST_PKT_SHORT] = "shorter than its headers",
+	[OST_PKT_NOT_UDP] = "not plain UDP",
+	[OST_PKT_TRUNCATED] = "truncated",
+	[OST_PKT_NOT_FOR_US] = "not for this socket",
+	[OST_PKT_MARTIAN] = "martian source",
+};
 
 /* The sender, as the kernel writes it: cut to the caller's length. */
 static void
@@ -199,18 +196,15 @@ ost_parse_pkt(uost_t *up, const void *frame, uint8_t **payload, size_t *len,
 	ost_pkt_info_t pi;
 	ost_pkt_verdict_t v = ost_check_pkt(up, f, *len, &pi);
 
-	ost_pkt_verdict_fatal(v, up, &pi, *len);
-	if (v == OST_PKT_SHORT) {
-		ost_debug("frame shorter than its headers (len %lu): dropped\n",
-		    (unsigned long)*len);
+	if (v != OST_PKT_ACCEPT) {
+		ost_debug("%d: frame of %zu bytes dropped: %s (port %d)\n",
+		    up->uost_sd, *len, ost_verdict_text[v],
+		    v >= OST_PKT_NOT_FOR_US ? ntohs(pi.pi_dport) : 0);
+		if (v != OST_PKT_FOREIGN)
+			up->uost_rx_dropped++;
 		return false;
 	}
 	*len = pi.pi_len;
-	if (v == OST_PKT_FOREIGN) {
-		ost_debug("connected socket: fport %d pkt sport %d\n",
-		    ntohs(up->uost_fport), ntohs(pi.pi_sport));
-		return false;
-	}
 	if (from != NULL)
 		ost_pkt_from(up, f, pi.pi_sport, from, fromlen);
 	if (payload != NULL)

@@ -145,6 +145,9 @@ ost_mcast_if_locked(uost_t *up, uint32_t if_index, const char *name,
 		ost_tpl_set_saddr(up, addr);
 		memcpy(up->uost_if_name, name, OST_IFNAME_SIZE);
 		up->uost_if_index = if_index;
+	} else if (IN6_IS_ADDR_UNSPECIFIED(&up->uost_laddr_v6)) {
+		/* A join opened the handle: frames still need a source. */
+		ost_tpl_set_saddr(up, addr);
 	}
 	up->uost_mc_bind = true;
 	return ost_attach_locked(up);

@@ -38,7 +38,12 @@ typedef enum {
 #define OST_RECV_BUF_SIZE 2048 /* receive stash: one whole frame */
 #define OST_HDR_SIZE      64 /* 2 bytes of alignment + Ethernet + IPv6 + UDP */
 #define OST_ETH_OFFSET    2  /* puts the IP header on a 4-byte boundary */
-#define OST_MAX_GROUPS    20 /* the kernel's default IP_MAX_MEMBERSHIPS */
+/*
+ * How often a busy receive or poll looks at the kernel socket between its
+ * looks at the handle: each look is a system call.
+ */
+#define OST_KERNEL_CHECK_NS (20 * 1000)
+#define OST_MAX_GROUPS      20 /* the kernel's default IP_MAX_MEMBERSHIPS */
 
 /*
  * One bypass socket.  Fields are read and written under uost_lock unless
@@ -67,9 +72,14 @@ typedef struct uost_s {
 	uint32_t uost_ngroups;
 	uint32_t uost_groups_filtered; /* uost_groups[0..n) have filters */
 	bool uost_laddr_filtered;      /* the own-address filter is installed */
+	bool uost_rx_copies; /* the kernel also sees the handle's frames */
+	uint32_t uost_kernel_naddrs; /* addresses the kernel switch covers */
+	uint32_t uost_mtu;           /* of the handle's interface */
 	bool uost_is_v6;
 	bool uost_bound;
-	bool uost_mc_bind; /* group datagrams leave by the handle */
+	bool uost_mc_bind;    /* group datagrams leave by the handle */
+	bool uost_mc_noloop;  /* IP_MULTICAST_LOOP 0 */
+	bool uost_peer_group; /* the cached peer is a group */
 	bool uost_peer_set;
 	bool uost_filter_set; /* some filter is installed */
 	bool uost_frio_set;
@@ -84,6 +94,10 @@ typedef struct uost_s {
 				   the record: leave the descriptor alone */
 	char *uost_recv_buf;      /* OST_RECV_BUF_SIZE bytes */
 	size_t uost_recv_buf_len; /* 0: empty; the receive slot */
+	/* Owned by the holder of the receive slot: */
+	hrtime_t uost_kernel_due; /* next look at the kernel socket */
+	bool uost_kernel_peeked;  /* a peek came from the kernel socket */
+	uint32_t uost_rx_dropped; /* frames dropped, for the statistics */
 	pthread_cond_t uost_recv_cv;
 	uint32_t uost_refcnt;
 	pthread_cond_t uost_cv;
@@ -138,6 +152,8 @@ void ost_del_all(void);
  */
 bool ost_attach_locked(uost_t *up);
 void ost_detach_locked(uost_t *up, bool sd_open);
+/* What the stash and the ring hold, back into the kernel socket. */
+void ost_requeue_locked(uost_t *up);
 /* Closes a handle that carries no filter yet, to open another elsewhere. */
 void ost_detach_handle_locked(uost_t *up);
 
@@ -166,6 +182,9 @@ bool ost_set_destination(uost_t *up, const struct sockaddr *to, bool do_bind);
 int ost_socket(int domain, int type, int protocol);
 int ost_close(int fd);
 void ost_note_fl_change(int fd, int cmd, unsigned long arg);
+/* dup (newfd -1), dup2 and dup3: the whole calls. */
+int ost_dup_call(int oldfd, int newfd, int flags, int (*dup3fn)(int, int, int));
+void ost_note_dup(int oldfd);
 void ost_note_fionbio(int fd, unsigned long request, const void *argp);
 
 /* Bind and connect. */

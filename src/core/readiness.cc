@@ -213,7 +213,6 @@ ost_pollset_arm(ost_pollset_t *ps, const struct pollfd *fds, nfds_t nfds)
 	for (nfds_t j = 0; j < ps->ps_nb; j++) {
 		struct pollfd *k = &ps->ps_kfds[nfds + j];
 
-		ps->ps_kfds[ps->ps_tbl[j].idx].events &= ~OST_POLL_READ;
 		k->fd = ost_frio->get_fd(ps->ps_tbl[j].up->uost_frio_hdl);
 		k->events = POLLIN;
 		k->revents = 0;
@@ -302,11 +301,16 @@ ost_busy_poll(uost_t *self, struct pollfd *fds, nfds_t nfds, hrtime_t timeout)
 	if (nfds == 0)
 		return ost_poll_kernel(self, fds, 0, ost_ns_to_ms(timeout));
 restart:
-	fd_uost_t *tbl = (fd_uost_t *)calloc(nfds, sizeof(*tbl));
+	/* The table, then a copy of the caller's array for the kernel. */
+	fd_uost_t *tbl =
+	    (fd_uost_t *)calloc(nfds, sizeof(*tbl) + sizeof(struct pollfd));
+	struct pollfd *kfds;
+	hrtime_t kernel_due = 0;
 	int n = 0;
 
 	if (tbl == NULL)
 		return -1;
+	kfds = (struct pollfd *)(tbl + nfds);
 	for (nfds_t i = 0; i < nfds; i++) {
 		uost_t *up;
 
@@ -325,11 +329,20 @@ restart:
 		tbl[i].up = up;
 	}
 	for (;;) {
+		bool kernel = gethrtime() >= kernel_due;
 		ost_wait_t what;
 
+		/* The kernel sockets, on the first pass and then every
+		 * OST_KERNEL_CHECK_NS: one system call for the whole set. */
+		if (kernel) {
+			memcpy(kfds, fds, nfds * sizeof(*kfds));
+			if (real_poll(kfds, nfds, 0) < 0)
+				kernel = false;
+			kernel_due = gethrtime() + OST_KERNEL_CHECK_NS;
+		}
 		for (nfds_t i = 0; i < nfds; i++) {
 			struct pollfd *pfd = &fds[tbl[i].idx];
-			short rev = 0;
+			short rev = kernel ? kfds[i].revents & ~POLLOUT : 0;
 
 			if ((pfd->events & OST_POLL_READ) &&
 			    ost_rx_ready(tbl[i].up, true))
@@ -488,8 +501,9 @@ typedef struct ost_select_pass {
 } ost_select_pass_t;
 
 /*
- * Tests the bypass sockets of the read and write sets and takes them out
- * of the sets, which then hold only what the kernel is to answer.
+ * Tests the handles of the bypass sockets in the read set (their kernel
+ * sockets stay in it for the kernel's pass) and takes the bypass sockets
+ * out of the write set: they are always writable.
  */
 static void
 ost_select_bypass(int lim, fd_set *readfds, fd_set *writefds,
@@ -504,7 +518,6 @@ ost_select_bypass(int lim, fd_set *readfds, fd_set *writefds,
 			continue;
 		sp->sp_any_bypass = true;
 		if (rd && ost_rx_served(up)) {
-			FD_CLR(fd, readfds);
 			if (ost_rx_ready(up, true)) {
 				FD_SET(fd, &sp->sp_rd);
 				sp->sp_n++;
@@ -551,13 +564,19 @@ ost_select_merge(int lim, fd_set *sets[3], const ost_select_pass_t *sp, int k)
 		}
 		k = 0;
 	}
+	/* A socket both sources call readable counts once. */
 	for (int fd = 0; fd < lim; fd++) {
-		if (sets[0] != NULL && FD_ISSET(fd, &sp->sp_rd))
+		if (sets[0] != NULL && FD_ISSET(fd, &sp->sp_rd) &&
+		    !FD_ISSET(fd, sets[0])) {
 			FD_SET(fd, sets[0]);
-		if (sets[1] != NULL && FD_ISSET(fd, &sp->sp_wr))
+			k++;
+		}
+		if (sets[1] != NULL && FD_ISSET(fd, &sp->sp_wr)) {
 			FD_SET(fd, sets[1]);
+			k++;
+		}
 	}
-	return k + sp->sp_n;
+	return k;
 }
 
 /* The time-out as a deadline; 0 for none, -1 for an invalid one. */

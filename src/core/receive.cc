@@ -51,6 +51,8 @@ ost_recv_slot_take(uost_t *up, bool leave_if_closing)
 void
 ost_recv_slot_give_locked(uost_t *up)
 {
+	up->uost_stats.osts_idrops += up->uost_rx_dropped;
+	up->uost_rx_dropped = 0;
 	up->uost_receiving = false;
 	if (up->uost_want_recv)
 		(void)pthread_cond_broadcast(&up->uost_recv_cv);
@@ -141,6 +143,56 @@ ost_recv_fail(uost_t *up, bool holds_slot, int err)
 	return -1;
 }
 
+/*
+ * One datagram from the kernel socket, as the kernel gives it (addresses,
+ * control data, flags): its length, -2 when it has none, or -1 with the
+ * kernel's error (a refused peer, a shut-down socket).
+ */
+static ssize_t
+ost_recv_kernel(uost_t *up, struct msghdr *msg, int flags)
+{
+	ssize_t n;
+
+	up->uost_kernel_due = gethrtime() + OST_KERNEL_CHECK_NS;
+	n = real_recvmsg(up->uost_sd, msg, flags | MSG_DONTWAIT);
+	if (n >= 0) {
+		up->uost_kernel_peeked = (flags & MSG_PEEK) != 0;
+		return n;
+	}
+	return errno == EAGAIN || errno == EWOULDBLOCK ? -2 : -1;
+}
+
+/*
+ * One look at both sources, with the receive slot.  The stash comes first
+ * (a readiness test or a peek promised it), then the handle; the kernel
+ * socket on every first look of a call that finds the handle empty, and
+ * first whenever it is due, so that a busy handle cannot starve it.  -2:
+ * neither has a datagram.
+ */
+static ssize_t
+ost_recv_look(uost_t *up, struct msghdr *msg, int flags, bool first, bool *cut,
+    bool *from_kernel)
+{
+	bool due = up->uost_kernel_peeked || gethrtime() >= up->uost_kernel_due;
+	ssize_t n;
+
+	*from_kernel = false;
+	if (up->uost_recv_buf_len != 0 &&
+	    (n = ost_recv_stash(up, msg, flags, cut)) >= 0)
+		return n;
+	if (due && (n = ost_recv_kernel(up, msg, flags)) != -2) {
+		*from_kernel = true;
+		return n;
+	}
+	if ((n = ost_recv_handle(up, msg, flags, cut)) != -2)
+		return n;
+	if (first && !due && (n = ost_recv_kernel(up, msg, flags)) != -2) {
+		*from_kernel = true;
+		return n;
+	}
+	return -2;
+}
+
 /* How long a busy-waiting receive spins before it waits in poll. */
 #define OST_SPIN_NS (20 * 1000 * 1000LL)
 
@@ -148,8 +200,8 @@ ssize_t
 ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 {
 	hrtime_t deadline = 0, pause = recv_sleep_time, spin_end = 0;
-	int poll_ms = -1;
-	bool paused = false, cut = false;
+	int saved_errno = errno, poll_ms = -1;
+	bool paused = false, cut = false, from_kernel = false;
 	ssize_t n;
 
 	if (timeout != 0) {
@@ -165,11 +217,11 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 	for (;;) {
 		if (!ost_recv_slot_take(up, true))
 			return ost_recv_fail(up, false, EBADF);
-		if (up->uost_recv_buf_len != 0 &&
-		    (n = ost_recv_stash(up, msg, flags, &cut)) >= 0)
-			goto delivered;
-		for (;;) {
-			n = ost_recv_handle(up, msg, flags, &cut);
+		for (bool first = true;; first = false) {
+			n = ost_recv_look(up, msg, flags, first, &cut,
+			    &from_kernel);
+			if (n == -1)
+				return ost_recv_fail(up, true, errno);
 			if (n >= 0)
 				goto delivered;
 			if (__atomic_load_n(&up->uost_nonblock,
@@ -197,8 +249,9 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 			paused = true;
 		}
 
-		/* RCV_POLL: sleep without the slot, so that readiness tests of
-		 * other threads may fill the stash meanwhile. */
+		/* Sleep without the slot, so that readiness tests of other
+		 * threads may fill the stash meanwhile.  The poll wakes for
+		 * the kernel socket and for the handle. */
 		ost_recv_slot_give(up);
 		struct pollfd pfd = { up->uost_sd, POLLIN, 0 };
 		int r = ost_poll_wait(up, &pfd, 1, poll_ms);
@@ -216,15 +269,21 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 	}
 
 delivered:
-	msg->msg_controllen = 0;
-	msg->msg_flags = cut ? MSG_TRUNC : 0;
+	if (!from_kernel) {
+		msg->msg_controllen = 0;
+		msg->msg_flags = cut ? MSG_TRUNC : 0;
+	}
 	(void)pthread_mutex_lock(&up->uost_lock);
-	up->uost_stats.osts_ipkts++;
+	if (from_kernel)
+		up->uost_stats.osts_kernel_ipkts++;
+	else
+		up->uost_stats.osts_ipkts++;
 	if (paused)
 		up->uost_stats.osts_ipkts_spin++;
 	ost_recv_slot_give_locked(up);
 	ost_release_locked(up);
 	(void)pthread_mutex_unlock(&up->uost_lock);
+	errno = saved_errno;
 	return n;
 }
 

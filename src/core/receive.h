@@ -15,16 +15,19 @@
 #define OST_RECV_BATCH_MAX 1024
 
 /*
- * What a received frame is to a socket.  The first three let the process
- * go on; the last three end it (ost_parse_pkt).
+ * What a received frame is to a socket.  Only the first is delivered.  The
+ * handle's filters should never let the others through, but a frame from
+ * the wire must never be able to end the process or make the library read
+ * out of bounds: each is dropped, and all but FOREIGN are counted.
  */
 typedef enum {
-	OST_PKT_ACCEPT,  /* the socket's: deliver it */
-	OST_PKT_FOREIGN, /* connected socket, another peer: drop */
-	OST_PKT_SHORT,   /* shorter than its own headers: drop */
-	OST_PKT_NOT_UDP,
-	OST_PKT_TRUNCATED, /* its IP length runs past the frame */
-	OST_PKT_NOT_FOR_US /* another address or port */
+	OST_PKT_ACCEPT,     /* the socket's: deliver it */
+	OST_PKT_FOREIGN,    /* connected socket, another peer: as the kernel */
+	OST_PKT_SHORT,      /* shorter than its own headers */
+	OST_PKT_NOT_UDP,    /* IPv4 options, IPv6 extension headers, ... */
+	OST_PKT_TRUNCATED,  /* its IP length runs past the frame */
+	OST_PKT_NOT_FOR_US, /* another address or port */
+	OST_PKT_MARTIAN     /* a source no sender may have */
 } ost_pkt_verdict_t;
 
 /* The facts a verdict rests on, for the caller's outputs and messages. */
@@ -48,7 +51,7 @@ ost_pkt_verdict_t ost_check_pkt(const uost_t *up, const uint8_t *frame,
  * length on entry and the payload length once the length check passed.
  * payload, from and fromlen may be null (from and fromlen together); from
  * is a sockaddr_in or sockaddr_in6, written only when *fromlen holds it.
- * A frame that cannot be the socket's ends the process.
+ * A dropped frame is counted in the receive slot's uost_rx_dropped.
  */
 bool ost_parse_pkt(uost_t *up, const void *frame, uint8_t **payload,
     size_t *len, void *from, socklen_t *fromlen);

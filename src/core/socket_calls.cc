@@ -103,3 +103,46 @@ ost_note_fionbio(int fd, unsigned long request, const void *argp)
 	on = *(const int *)argp;
 	ost_set_nonblock(fd, on != 0);
 }
+
+/*
+ * A bypass socket that gets a second descriptor leaves the bypass: its
+ * record is one descriptor's, and every copy must keep working whichever
+ * is closed first.  What its handle still holds goes back to the kernel
+ * socket, which all the copies share.
+ */
+void
+ost_note_dup(int oldfd)
+{
+	uost_t *up = ost_find_sd(oldfd);
+
+	if (up == NULL)
+		return;
+	ost_debug("%d leaves the bypass: duplicated\n", oldfd);
+	ost_del(up, true);
+}
+
+int
+ost_dup_call(int oldfd, int newfd, int flags, int (*dup3fn)(int, int, int))
+{
+	uost_t *target = NULL;
+	int ret, saved_errno;
+
+	/* dup2 and dup3 close newfd first, as close would. */
+	if (newfd >= 0 && newfd != oldfd)
+		target = ost_find_sd(newfd);
+	if (newfd < 0)
+		ret = real_dup(oldfd);
+	else if (dup3fn != NULL)
+		ret = dup3fn(oldfd, newfd, flags);
+	else
+		ret = real_dup2(oldfd, newfd);
+	saved_errno = errno;
+	if (target != NULL && ret >= 0)
+		ost_del(target, false);
+	else if (target != NULL)
+		ost_release(target);
+	if (ret >= 0 && ret != oldfd)
+		ost_note_dup(oldfd);
+	errno = saved_errno;
+	return ret;
+}

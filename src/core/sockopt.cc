@@ -30,7 +30,6 @@ ost_v4_opt_leaves(int optname)
 	case IP_RECVOPTS:
 	case IP_RETOPTS: /* also IP_RECVRETOPTS */
 	case IP_RECVTTL:
-	case IP_MULTICAST_LOOP:
 	case IP_BLOCK_SOURCE:
 	case IP_UNBLOCK_SOURCE:
 	case IP_ADD_SOURCE_MEMBERSHIP:
@@ -68,7 +67,6 @@ static bool
 ost_v6_opt_leaves(int optname)
 {
 	switch (optname) {
-	case IPV6_MULTICAST_LOOP:
 	case IPV6_PKTINFO:
 	case IPV6_HOPLIMIT:
 	case IPV6_NEXTHOP:
@@ -200,6 +198,19 @@ ost_set_mc_hops(uost_t *up, int hops)
 }
 
 /*
+ * Group datagrams the socket sends loop back to this host's members unless
+ * the option says not to; frames on the handle never would, so while it
+ * is on (the kernel's default) they go through the kernel socket.
+ */
+static void
+ost_set_mc_loop(uost_t *up, bool loop)
+{
+	(void)pthread_mutex_lock(&up->uost_lock);
+	up->uost_mc_noloop = !loop;
+	(void)pthread_mutex_unlock(&up->uost_lock);
+}
+
+/*
  * The interface of an IPv4 membership: by index, by one of its addresses,
  * or, for neither, the one the kernel picks: the route to the group.
  */
@@ -287,6 +298,9 @@ ost_process_v4_opt(uost_t *up, int optname, const void *optval,
 		 * byte is the value either way. */
 		ost_set_mc_hops(up, *(const uint8_t *)optval);
 		return OST_OPT_KEEP;
+	case IP_MULTICAST_LOOP:
+		ost_set_mc_loop(up, *(const uint8_t *)optval != 0);
+		return OST_OPT_KEEP;
 	case IP_MULTICAST_IF: {
 		ost_mcast_if_t want;
 
@@ -339,6 +353,9 @@ ost_process_v6_opt(uost_t *up, int optname, const void *optval)
 		return OST_OPT_KEEP;
 	case IPV6_MULTICAST_HOPS:
 		ost_set_mc_hops(up, *(const int *)optval);
+		return OST_OPT_KEEP;
+	case IPV6_MULTICAST_LOOP:
+		ost_set_mc_loop(up, *(const int *)optval != 0);
 		return OST_OPT_KEEP;
 	case IPV6_MULTICAST_IF:
 		return ost_process_mcast_if(up, IPV6_MULTICAST_IF, optval);
@@ -454,9 +471,11 @@ ost_getsockopt(int sd, int level, int optname, void *optval, socklen_t *optlen)
 		bool served = false;
 
 		(void)pthread_mutex_lock(&up->uost_lock);
-		if (*optlen >= sizeof(so_ost_stats_t) && up->uost_frio_set) {
-			memcpy(optval, &up->uost_stats, sizeof(so_ost_stats_t));
-			*optlen = sizeof(so_ost_stats_t);
+		/* An older caller's shorter record gets its first fields. */
+		if (*optlen >= SO_OSTREL_STATS_V1_SIZE && up->uost_frio_set) {
+			if (*optlen > sizeof(so_ost_stats_t))
+				*optlen = sizeof(so_ost_stats_t);
+			memcpy(optval, &up->uost_stats, *optlen);
 			served = true;
 		}
 		ost_release_locked(up);

@@ -2,7 +2,7 @@
  * The transmit path: a datagram to the socket's cached peer leaves as the
  * frame template followed by the caller's buffers, handed to the frame
  * library under the record's lock.  Everything the bypass path cannot carry
- * (another destination, a payload above the fixed 1500-byte MTU, control
+ * (another destination, a payload above the interface's MTU, control
  * data, a socket without peer or handle) goes to the C library unchanged.
  *
  * Per datagram: one lock, the length stores and the pseudo-header seed, one
@@ -19,7 +19,6 @@
 #include "core/ost.h"
 #include "os/frio_loader.h"
 
-#define OST_MTU       1500
 #define OST_BATCH_MAX 1024 /* larger batches go to the kernel whole */
 
 /* What became of a datagram offered to the bypass path. */
@@ -29,10 +28,11 @@ typedef enum {
 	OST_TX_KERNEL  /* not the bypass path's: the kernel sends it */
 } ost_tx_t;
 
+/* What one frame on the handle's interface carries; uost_frio_set. */
 static inline size_t
 ost_max_payload(const uost_t *up)
 {
-	return OST_MTU - up->uost_ip_hdr_len;
+	return up->uost_mtu - up->uost_ip_hdr_len;
 }
 
 /*
@@ -83,6 +83,12 @@ ost_send_peer_locked(uost_t *up, const struct iovec *iov, int iovcnt,
 {
 	if (!up->uost_frio_set || !up->uost_peer_set) {
 		ost_debug("%d: no peer on the bypass\n", up->uost_sd);
+		return OST_TX_KERNEL;
+	}
+	if (up->uost_peer_group && !up->uost_mc_noloop) {
+		ost_debug("%d: group datagram loops back: the kernel sends "
+			  "it\n",
+		    up->uost_sd);
 		return OST_TX_KERNEL;
 	}
 	if (len > ost_max_payload(up)) {
@@ -180,8 +186,7 @@ ost_sendto(int sd, const void *buf, size_t len, int flags,
 	if (up == NULL)
 		return real_sendto(sd, buf, len, flags, to, tolen);
 	(void)pthread_mutex_lock(&up->uost_lock);
-	if (ost_addr_fits(up, to, tolen) && len <= ost_max_payload(up) &&
-	    ost_to_peer_locked(up, to, true))
+	if (ost_addr_fits(up, to, tolen) && ost_to_peer_locked(up, to, true))
 		r = ost_send_peer_locked(up, &iov, 1, len);
 	ost_release_locked(up);
 	(void)pthread_mutex_unlock(&up->uost_lock);

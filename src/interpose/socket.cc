@@ -2,6 +2,7 @@
  * socket, close and the descriptor-flag calls; bind and connect.  The
  * decisions live in the core (core/socket_calls.cc); these only route.
  */
+#include <fcntl.h>
 #include <stdarg.h>
 #include <sys/ioctl.h>
 
@@ -32,10 +33,19 @@ close(int fd)
 static int
 ost_fcntl(int (*const *real)(int, int, ...), int fd, int cmd, unsigned long arg)
 {
+	int ret, saved_errno;
+
 	OST_ENTRY();
-	if (!OST_FROM_FRIO())
-		ost_note_fl_change(fd, cmd, arg);
-	return (*real)(fd, cmd, arg);
+	if (OST_FROM_FRIO())
+		return (*real)(fd, cmd, arg);
+	ost_note_fl_change(fd, cmd, arg);
+	ret = (*real)(fd, cmd, arg);
+	if (ret >= 0 && (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC)) {
+		saved_errno = errno;
+		ost_note_dup(fd);
+		errno = saved_errno;
+	}
+	return ret;
 }
 
 /* The one optional argument is an int or a pointer; both fit a long. */
@@ -62,6 +72,33 @@ fcntl64(int fd, int cmd, ...)
 	arg = va_arg(ap, unsigned long);
 	va_end(ap);
 	return ost_fcntl(&real_fcntl64, fd, cmd, arg);
+}
+
+OST_EXPORT int
+dup(int fd)
+{
+	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return real_dup(fd);
+	return ost_dup_call(fd, -1, 0, NULL);
+}
+
+OST_EXPORT int
+dup2(int fd, int newfd)
+{
+	OST_ENTRY();
+	if (OST_FROM_FRIO() || newfd < 0)
+		return real_dup2(fd, newfd);
+	return ost_dup_call(fd, newfd, 0, NULL);
+}
+
+OST_EXPORT int
+dup3(int fd, int newfd, int flags)
+{
+	OST_ENTRY();
+	if (OST_FROM_FRIO() || newfd < 0)
+		return real_dup3(fd, newfd, flags);
+	return ost_dup_call(fd, newfd, flags, real_dup3);
 }
 
 OST_EXPORT int

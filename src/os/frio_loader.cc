@@ -46,6 +46,7 @@ FRIO_GUARDED(frio_status_t, rx_put, (frio_handle_t h, void *f), (h, f))
 FRIO_GUARDED(const char *, status2str, (frio_status_t st, char *b, size_t len),
     (st, b, len))
 FRIO_GUARDED(int, get_fd, (frio_handle_t h), (h))
+FRIO_GUARDED(int, rx_copies, (frio_handle_t h), (h))
 
 static void
 guarded_close(frio_handle_t h)
@@ -66,6 +67,7 @@ static const ost_frio_ops_t frio_guarded = {
 	guarded_rx_put,
 	guarded_status2str,
 	guarded_get_fd,
+	guarded_rx_copies,
 };
 static const char *frio_path = "libfrio.so.1"; /* tests only */
 
@@ -105,7 +107,8 @@ frio_load(void)
 	    resolve(lib, &frio_ops.rx_get, "frio_rx_get") &&
 	    resolve(lib, &frio_ops.rx_put, "frio_rx_put") &&
 	    resolve(lib, &frio_ops.status2str, "frio_status2str") &&
-	    resolve(lib, &frio_ops.get_fd, "frio_get_fd")) {
+	    resolve(lib, &frio_ops.get_fd, "frio_get_fd") &&
+	    resolve(lib, &frio_ops.rx_copies, "frio_rx_copies")) {
 		__atomic_store_n(&ost_frio, &frio_guarded, __ATOMIC_RELEASE);
 		return;
 	}

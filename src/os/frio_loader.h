@@ -21,6 +21,7 @@ typedef struct ost_frio_ops {
 	frio_status_t (*rx_put)(frio_handle_t, void *);
 	const char *(*status2str)(frio_status_t, char *, size_t);
 	int (*get_fd)(frio_handle_t);
+	int (*rx_copies)(frio_handle_t);
 } ost_frio_ops_t;
 
 /*

@@ -21,6 +21,9 @@ ssize_t (*real_recvmsg)(int, struct msghdr *, int);
 int (*real_recvmmsg)(int, struct mmsghdr *, unsigned int, int,
     struct timespec *);
 int (*real_close)(int);
+int (*real_dup)(int);
+int (*real_dup2)(int, int);
+int (*real_dup3)(int, int, int);
 int (*real_fcntl)(int, int, ...);
 int (*real_fcntl64)(int, int, ...);
 int (*real_ioctl)(int, unsigned long, ...);
@@ -79,6 +82,9 @@ ost_libc_init(void)
 	lookup(&real_recvmsg, "recvmsg");
 	lookup(&real_recvmmsg, "recvmmsg");
 	lookup(&real_close, "close");
+	lookup(&real_dup, "dup");
+	lookup(&real_dup2, "dup2");
+	lookup(&real_dup3, "dup3");
 	lookup(&real_fcntl, "fcntl");
 	lookup(&real_fcntl64, "fcntl64");
 	lookup(&real_ioctl, "ioctl");

@@ -34,6 +34,9 @@ extern ssize_t (*real_recvmsg)(int, struct msghdr *, int);
 extern int (*real_recvmmsg)(int, struct mmsghdr *, unsigned int, int,
     struct timespec *);
 extern int (*real_close)(int);
+extern int (*real_dup)(int);
+extern int (*real_dup2)(int, int);
+extern int (*real_dup3)(int, int, int);
 extern int (*real_fcntl)(int, int, ...);
 extern int (*real_fcntl64)(int, int, ...);
 extern int (*real_ioctl)(int, unsigned long, ...);

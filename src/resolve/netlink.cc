@@ -11,8 +11,11 @@
 #include <limits.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
+#include <net/if.h>
 #include <net/if_arp.h>
+#include <sys/ioctl.h>
 #include <netpacket/packet.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
 
@@ -489,4 +492,25 @@ ost_if_ether(const struct ifaddrs *list, uint32_t index,
 	}
 	ost_debug("no link-layer address for index %u\n", index);
 	return false;
+}
+
+uint32_t
+ost_if_mtu(const char *if_name)
+{
+	ost_errno_keep keep;
+	struct ifreq ifr;
+	int fd, ret;
+
+	fd = real_socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+	if (fd < 0)
+		return 0;
+	memset(&ifr, 0, sizeof(ifr));
+	snprintf(ifr.ifr_name, sizeof(ifr.ifr_name), "%s", if_name);
+	ret = real_ioctl(fd, SIOCGIFMTU, &ifr);
+	(void)real_close(fd);
+	if (ret != 0) {
+		ost_debug("SIOCGIFMTU %s: %d\n", if_name, errno);
+		return 0;
+	}
+	return ifr.ifr_mtu > 0 ? (uint32_t)ifr.ifr_mtu : 0;
 }

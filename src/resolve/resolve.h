@@ -87,4 +87,7 @@ bool ost_find_if_v6(const struct in6_addr *addr, uint32_t scope_id,
 bool ost_get_eaddr_v6(const struct in6_addr *addr, struct ether_addr *ether,
     uint32_t *if_index, char *if_name);
 
+/* The MTU of interface if_name, or 0 when the kernel does not say. */
+uint32_t ost_if_mtu(const char *if_name);
+
 #endif /* OST_RESOLVE_RESOLVE_H */

@@ -23,6 +23,8 @@ run_case() {
     "$dst" "$port" "$COUNT" "$call" >"$NETNS_TMP/got" 2>"$NETNS_TMP/ready"
   pid=$BG_PID
   wait_udp_port "$NS_B" "$port"
+  # "ready" follows bind, and the socket is on the bypass once bind returns.
+  wait_line "$NETNS_TMP/ready" "$pid" ready || fail "$call $dst: receiver"
   in0=$(udp_counter "$NS_B" InDatagrams)
   in_ns "$NS_A" "$SEND" sendto "$dst" "$port" "$COUNT" >"$NETNS_TMP/sent" ||
     fail "sender to $dst"

@@ -174,8 +174,8 @@ case_many() {
 	local out=$WORK/many.out n=200 rc
 	ulimit -n 4096
 	"${INA[@]}" "$PROBE" many $IF_A $IP4_A 20000 $n 10 >"$out" 2>&1 &
-	LASTPID=$!; PIDS+=($LASTPID)
-	wait_for "$out" $LASTPID ready || { fail "many: $(head -3 "$out")"; return; }
+	LASTPID=$!; NETNS_PIDS+=($LASTPID)
+	wait_line "$out" $LASTPID ready || { fail "many: $(head -3 "$out")"; return; }
 	ip netns exec "$B" "$PYTHON3" -c '
 import socket, sys
 s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -216,11 +216,11 @@ case_processes() {
 	# Native mode: veth reports the receive queue only there.
 	local Q=(ip netns exec "$A" env FRIO_BACKEND=xdp FRIO_XDP_MODE=native)
 	"${Q[@]}" FRIO_QUEUE=0 "$DUMP" -n 1 -t 10 vA2 10.78.0.1 9000 >"$p1" 2>&1 &
-	pid1=$!; PIDS+=($pid1)
-	wait_for "$p1" $pid1 listening || { fail "processes: first: $(cat "$p1")"; return; }
+	pid1=$!; NETNS_PIDS+=($pid1)
+	wait_line "$p1" $pid1 listening || { fail "processes: first: $(cat "$p1")"; return; }
 	"${Q[@]}" FRIO_QUEUE=1 "$DUMP" -n 2 -t 10 vA2 10.78.0.1 9001 >"$p2" 2>&1 &
-	pid2=$!; PIDS+=($pid2)
-	wait_for "$p2" $pid2 listening || { fail "processes: second: $(cat "$p2")"; return; }
+	pid2=$!; NETNS_PIDS+=($pid2)
+	wait_line "$p2" $pid2 listening || { fail "processes: second: $(cat "$p2")"; return; }
 	prog=$(ip -n "$A" link show vA2 | grep -o 'prog/xdp id [0-9]*')
 	py_send_cpu "$B" 1 10.78.0.1 9001 before
 	kill -9 $pid1; wait $pid1 2>/dev/null
@@ -231,8 +231,8 @@ case_processes() {
 	py_send_cpu "$B" 0 10.78.0.1 9000 kernel
 	wait $LASTPID && grep -q '^kernel' "$k" || fail "processes: the dead one's port: $(cat "$k")"
 	"${Q[@]}" FRIO_QUEUE=0 "$DUMP" -n 1 -t 10 vA2 10.78.0.1 9000 >"$p3" 2>&1 &
-	LASTPID=$!; PIDS+=($LASTPID)
-	wait_for "$p3" $LASTPID listening || { fail "processes: third: $(cat "$p3")"; return; }
+	LASTPID=$!; NETNS_PIDS+=($LASTPID)
+	wait_line "$p3" $LASTPID listening || { fail "processes: third: $(cat "$p3")"; return; }
 	py_send_cpu "$B" 0 10.78.0.1 9000 third
 	wait $LASTPID && grep -q ':9000 len 5 "third"' "$p3" || fail "processes: third: $(cat "$p3")"
 	[ -n "$prog" ] && [ "$(ip -n "$A" link show vA2 | grep -o 'prog/xdp id [0-9]*')" = "$prog" ] ||

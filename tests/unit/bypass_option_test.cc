@@ -2,30 +2,95 @@
  * Bypass mode on the kernel socket: what it accepts, that it silences the
  * kernel path and gives it back, and that it never touches what is not ours.
  */
+#include <arpa/inet.h>
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <linux/filter.h>
+#include <net/if.h>
+#include <poll.h>
+#include <string.h>
+
+#include <vector>
 #include <unistd.h>
 
 #include "support.h"
 
-namespace {
+namespace
+{
 
-const so_ost_opt_t kOn = { true, 42, 3 };
-const so_ost_opt_t kOff = { false, 0, 0 };
+so_ost_opt_t
+opt(bool on, bool copies = false, int if_id = 3)
+{
+	so_ost_opt_t o;
 
-TEST(BypassOption, SilencesAndRestoresTheKernelPath)
+	memset(&o, 0, sizeof(o));
+	o.ost_onoff = on;
+	o.ost_stat_id = 42;
+	o.ost_if_id = if_id;
+	o.ost_copies = copies;
+	o.ost_mtu = 1500;
+	return o;
+}
+
+const so_ost_opt_t kOn = opt(true);
+const so_ost_opt_t kOff = opt(false);
+
+/* A datagram of len bytes to addr: whether sd received it. */
+bool
+delivered_len(int sd, const struct sockaddr_storage &addr, size_t len)
+{
+	std::vector<char> buf(len, 'd');
+	int tx = real_socket(addr.ss_family, SOCK_DGRAM, 0);
+	struct pollfd pfd = { sd, POLLIN, 0 };
+
+	real_sendto(tx, buf.data(), len, 0, (const struct sockaddr *)&addr,
+	    addr.ss_family == AF_INET ? sizeof(struct sockaddr_in) :
+					sizeof(struct sockaddr_in6));
+	close(tx);
+	return poll(&pfd, 1, 200) == 1 &&
+	    real_recvfrom(sd, buf.data(), len, MSG_DONTWAIT, NULL, NULL) ==
+	    (ssize_t)len;
+}
+
+/*
+ * The kernel socket stays a live second source.  Beside a handle that
+ * takes its frames from the kernel it keeps everything; beside one that
+ * sees copies it drops exactly what the handle serves: whole datagrams on
+ * the handle's interface to its address and port, and nothing else.
+ */
+TEST(BypassOption, KernelSocketDropsOnlyWhatTheHandleServes)
 {
 	ost_test_init();
 	for (int family : { AF_INET, AF_INET6 }) {
 		struct sockaddr_storage addr;
 		int sd = bound_udp_socket(family, &addr);
+		so_ost_opt_t copies = opt(true, true, if_nametoindex("lo"));
+		so_ost_opt_t elsewhere = opt(true, true, 999);
+
 		ASSERT_GE(sd, 0);
+		copies.ost_v6 = elsewhere.ost_v6 = family == AF_INET6;
+		copies.ost_port = elsewhere.ost_port =
+		    ((struct sockaddr_in *)&addr)->sin_port;
+		copies.ost_naddrs = elsewhere.ost_naddrs = 1;
+		if (family == AF_INET6)
+			copies.ost_addrs[0] = in6addr_loopback;
+		else
+			inet_pton(AF_INET6, "::ffff:127.0.0.1",
+			    &copies.ost_addrs[0]);
+		elsewhere.ost_addrs[0] = copies.ost_addrs[0];
 
 		ASSERT_EQ(ost_kernel_bypass_set(sd, &kOn), 0);
-		EXPECT_FALSE(delivered(sd, addr));
+		EXPECT_TRUE(delivered_len(sd, addr, 100)) << "steered: live";
+		ASSERT_EQ(ost_kernel_bypass_set(sd, &copies), 0);
+		EXPECT_FALSE(delivered_len(sd, addr, 100)) << "served: dropped";
+		EXPECT_TRUE(delivered_len(sd, addr, 3000)) << "above the link";
+		ASSERT_EQ(ost_kernel_bypass_set(sd, &elsewhere), 0);
+		EXPECT_TRUE(delivered_len(sd, addr, 100)) << "other interface";
+		copies.ost_addrs[0].s6_addr[15] ^= 2;
+		ASSERT_EQ(ost_kernel_bypass_set(sd, &copies), 0);
+		EXPECT_TRUE(delivered_len(sd, addr, 100)) << "other address";
 		ASSERT_EQ(ost_kernel_bypass_set(sd, &kOff), 0);
-		EXPECT_TRUE(delivered(sd, addr));
+		EXPECT_TRUE(delivered_len(sd, addr, 100));
 		/* Off twice, or off on a socket never armed: accepted. */
 		EXPECT_EQ(ost_kernel_bypass_set(sd, &kOff), 0);
 		close(sd);
@@ -58,22 +123,26 @@ TEST(BypassOption, LeavesOtherFiltersAndReusedDescriptorsAlone)
 	struct sock_filter drop[] = { BPF_STMT(BPF_RET | BPF_K, 0) };
 	struct sock_fprog prog = { 1, drop };
 	ASSERT_EQ(real_setsockopt(sd, SOL_SOCKET, SO_ATTACH_FILTER, &prog,
-	    sizeof (prog)), 0);
+		      sizeof(prog)),
+	    0);
 	EXPECT_EQ(ost_kernel_bypass_set(sd, &kOff), 0);
-	EXPECT_FALSE(delivered(sd, addr));	/* still the app's filter */
+	EXPECT_FALSE(delivered(sd, addr)); /* still the app's filter */
 	close(sd);
 
 	sd = bound_udp_socket(AF_INET, &addr);
-	ASSERT_EQ(ost_kernel_bypass_set(sd, &kOn), 0);
+	so_ost_opt_t filtered = opt(true, true, 999);
+	filtered.ost_port = ((struct sockaddr_in *)&addr)->sin_port;
+	ASSERT_EQ(ost_kernel_bypass_set(sd, &filtered), 0);
 	/* Another socket takes the same number behind our back. */
 	struct sockaddr_storage addr2;
 	int other = bound_udp_socket(AF_INET, &addr2);
 	ASSERT_EQ(real_setsockopt(other, SOL_SOCKET, SO_ATTACH_FILTER, &prog,
-	    sizeof (prog)), 0);
+		      sizeof(prog)),
+	    0);
 	ASSERT_EQ(dup2(other, sd), sd);
 	close(other);
 	EXPECT_EQ(ost_kernel_bypass_set(sd, &kOff), 0);
-	EXPECT_FALSE(delivered(sd, addr2));	/* its filter stayed */
+	EXPECT_FALSE(delivered(sd, addr2)); /* its filter stayed */
 	close(sd);
 }
 

@@ -12,7 +12,8 @@
 #include "frio_mem.h"
 #include "support.h"
 
-namespace {
+namespace
+{
 
 std::string
 cleaned(const char *value)
@@ -37,9 +38,14 @@ TEST(EnvCleanup, BlanksTheLibraryWordKeepingTheLength)
 	EXPECT_EQ(getenv("LD_PRELOAD"), nullptr);
 }
 
-class CleanupTest : public ::testing::Test {
-protected:
-	void SetUp() override { ost_test_init(); ost_cleanup(); }
+class CleanupTest : public ::testing::Test
+{
+      protected:
+	void SetUp() override
+	{
+		ost_test_init();
+		ost_cleanup();
+	}
 	void TearDown() override { ost_cleanup(); }
 };
 
@@ -53,13 +59,15 @@ TEST_F(CleanupTest, EmptiesTheRegistryAndGivesSocketsBackToTheKernel)
 	inet_pton(AF_INET6, "::ffff:127.0.0.1", &loop);
 	ASSERT_TRUE(attach_to_mem(record(sd), "mem0", &loop,
 	    ((struct sockaddr_in *)&addr)->sin_port));
-	ASSERT_FALSE(delivered(sd, addr)) << "not armed";
+	so_ost_opt_t tie;
+	ASSERT_TRUE(ost_kernel_bypass_get(sd, &tie)) << "not armed";
 	for (int i = 0; i < 40; i++)
 		ASSERT_TRUE(ost_add(kFakeFd + i, i % 2 ? AF_INET6 : AF_INET));
 
 	ost_cleanup();
 	EXPECT_EQ(registry_size(), 0);
 	EXPECT_EQ(frio_mem_open_count(), 0);
+	EXPECT_FALSE(ost_kernel_bypass_get(sd, &tie));
 	EXPECT_TRUE(delivered(sd, addr)) << "the kernel path stayed silent";
 	close(sd);
 }
@@ -68,8 +76,8 @@ TEST_F(CleanupTest, WaitsForThreadsInsideTheLibrary)
 {
 	ASSERT_TRUE(ost_add(kFakeFd, AF_INET));
 	uost_t *up = ost_find_sd(kFakeFd);
-	std::atomic<bool> done{false};
-	std::atomic<bool> saw_closing{false};
+	std::atomic<bool> done{ false };
+	std::atomic<bool> saw_closing{ false };
 
 	std::thread holder([&] {
 		pthread_mutex_lock(&up->uost_lock);
