@@ -6,6 +6,7 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <string>
 #include <vector>
 
 namespace frio_test
@@ -86,6 +87,42 @@ udp_hdr(bool v6, size_t payload_len, uint16_t dport = 5678)
 	put16(udp + 4, ulen);
 	put16(udp + 6, pseudo_seed(h.data(), ulen));
 	return h;
+}
+
+/* Fills in f's IPv4 header checksum and its UDP checksum, a UDP sum of
+ * zero sent as 0xffff. */
+inline void
+complete(bytes &f)
+{
+	bool v6 = f[12] == 0x86;
+	size_t u = v6 ? 54 : 34;
+	uint16_t ulen = get16(&f[u + 4]), sum;
+
+	if (!v6) {
+		put16(&f[24], 0);
+		put16(&f[24], uint16_t(~fold(sum_be(&f[14], 20))));
+	}
+	put16(&f[u + 6], 0);
+	sum = uint16_t(~fold(sum_be(&f[u], ulen, pseudo_seed(f.data(), ulen))));
+	put16(&f[u + 6], sum != 0 ? sum : 0xffff);
+}
+
+/* udp_hdr's frame from src to dst (IPv6 or IPv4-mapped addresses, ports in
+ * network order) carrying payload, complete as a kernel sends it. */
+inline bytes
+udp_frame(bool v6, const std::string &payload, const struct in6_addr &src,
+    uint16_t sport, const struct in6_addr &dst, uint16_t dport)
+{
+	bytes f = udp_hdr(v6, payload.size());
+	size_t a = v6 ? 22 : 26, n = v6 ? 16 : 4, u = v6 ? 54 : 34;
+
+	memcpy(&f[a], &src.s6_addr[16 - n], n);
+	memcpy(&f[a + n], &dst.s6_addr[16 - n], n);
+	memcpy(&f[u], &sport, 2);
+	memcpy(&f[u + 2], &dport, 2);
+	f.insert(f.end(), payload.begin(), payload.end());
+	complete(f);
+	return f;
 }
 
 inline bytes

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "../frio/frame_util.h"
 #include "frio_mem.h"
 #include "support.h"
 
@@ -28,14 +29,15 @@ peer_addr(int family)
 
 inline std::string err_str(int e) { return "<" + std::to_string(e) + ">"; }
 
-/* Bound to loopback with a mem handle and filter, as bind leaves it. */
+/* Bound to loopback with a mem handle (of interface index if_index) and
+ * filter, as bind leaves it. */
 struct BypassSock {
 	int family = AF_INET, fd = -1;
 	uost_t *up = nullptr;
 	frio_handle_t hdl = nullptr;
 	struct sockaddr_storage local = {};
 
-	void open(int fam)
+	void open(int fam, uint32_t if_index = 0)
 	{
 		family = fam;
 		ost_test_init();
@@ -48,7 +50,7 @@ struct BypassSock {
 		inet_pton(AF_INET6, family == AF_INET ? "::ffff:127.0.0.1" :
 		    "::1", &laddr);
 		ASSERT_TRUE(attach_to_mem(up, "mem0", &laddr,
-		    ((struct sockaddr_in *)&local)->sin_port));
+		    ((struct sockaddr_in *)&local)->sin_port, if_index));
 		hdl = up->uost_frio_hdl;
 	}
 
@@ -76,32 +78,12 @@ struct BypassSock {
 		    sizeof (struct sockaddr_in);
 	}
 
-	/* Ethernet, IP and UDP headers as a kernel sender makes them. */
+	/* A datagram from the peer, as a kernel sender makes it. */
 	std::vector<uint8_t> frame(const std::string &payload,
 	    in_port_t sport = kPeerPort) const
 	{
-		bool v6 = family == AF_INET6;
-		size_t hdrs = v6 ? 62 : 42, ulen = 8 + payload.size();
-		size_t iplen = v6 ? ulen : 20 + ulen;
-		std::vector<uint8_t> f(hdrs + payload.size());
-		uint8_t *ip = &f[14], *udp = &f[hdrs - 8];
-		struct in6_addr src = peer_addr(family);
-
-		f[12] = v6 ? 0x86 : 0x08;
-		f[13] = v6 ? 0xdd : 0x00;
-		ip[0] = v6 ? 0x60 : 0x45;
-		ip[v6 ? 4 : 2] = (uint8_t)(iplen >> 8);
-		ip[v6 ? 5 : 3] = (uint8_t)iplen;
-		ip[v6 ? 6 : 9] = IPPROTO_UDP;
-		memcpy(ip + (v6 ? 8 : 12), &src.s6_addr[v6 ? 0 : 12], v6 ? 16 : 4);
-		memcpy(ip + (v6 ? 24 : 16), &up->uost_laddr_v6.s6_addr[v6 ? 0 :
-		    12], v6 ? 16 : 4);
-		memcpy(udp, &sport, 2);
-		memcpy(udp + 2, &up->uost_lport, 2);
-		udp[4] = (uint8_t)(ulen >> 8);
-		udp[5] = (uint8_t)ulen;
-		memcpy(udp + 8, payload.data(), payload.size());
-		return f;
+		return frio_test::udp_frame(family == AF_INET6, payload,
+		    peer_addr(family), sport, up->uost_laddr_v6, up->uost_lport);
 	}
 
 	void inject(const std::vector<uint8_t> &f) const

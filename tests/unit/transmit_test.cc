@@ -6,60 +6,49 @@
 #include <errno.h>
 #include <sys/uio.h>
 
-#include "../frio/frame_util.h"
 #include "recv_frames.h"
 
 namespace {
 
-using frio_test::fold;
-using frio_test::get16;
-using frio_test::sum_be;
-
-const uint8_t kSrcMac[6] = { 0x02, 0, 0, 0, 0, 0x11 };
-const uint8_t kDstMac[6] = { 0x02, 0, 0, 0, 0, 0x22 };
+/* The MACs of frio_test::udp_hdr, so that udp_frame builds the frames
+ * expected. */
+const uint8_t kSrcMac[6] = { 0x02, 0, 0, 0, 0, 0x01 };
+const uint8_t kDstMac[6] = { 0x02, 0, 0, 0, 0, 0x02 };
 
 class Transmit : public ::testing::TestWithParam<int> {
 protected:
+	BypassSock s;
 	bool v6_ = false;
-	int fd_ = -1, peer_ = -1, other_ = -1;
+	int peer_ = -1, other_ = -1;
 	struct sockaddr_storage peer_addr_, other_addr_;
-	uost_t *up_ = nullptr;
-	frio_handle_t hdl_ = nullptr;
+	struct in6_addr loop_;
 
 	void SetUp() override
 	{
 		v6_ = GetParam() == AF_INET6;
 		ost_test_init();
-		setenv("FRIO_BACKEND", "mem", 1);
 		frio_mem_reset();
 		send_busy_wait_cnt = 15;
 		peer_ = bound_udp_socket(GetParam(), &peer_addr_);
 		other_ = bound_udp_socket(GetParam(), &other_addr_);
-		fd_ = ost_socket(GetParam(), SOCK_DGRAM, 0);
-		struct sockaddr_storage local;
-		ASSERT_EQ(bind_loopback(fd_, GetParam(), &local), 0);
-		ASSERT_EQ(real_connect(fd_, peer(), addr_len()), 0);
-		up_ = record(fd_);
-		struct in6_addr loop;
-		inet_pton(AF_INET6, v6_ ? "::1" : "::ffff:127.0.0.1", &loop);
 		ASSERT_EQ(frio_mem_add_interface("mem0", 7,
 		    (const struct ether_addr *)kSrcMac), 0);
-		ASSERT_TRUE(attach_to_mem(up_, "mem0", &loop, port_of(&local), 7));
-		hdl_ = up_->uost_frio_hdl;
-		pthread_mutex_lock(&up_->uost_lock);
-		ost_tpl_set_dst_mac(up_, (const struct ether_addr *)kDstMac);
-		ost_tpl_set_peer(up_, &loop, port_of(&peer_addr_));
-		pthread_mutex_unlock(&up_->uost_lock);
+		s.open(GetParam(), 7);
+		ASSERT_EQ(real_connect(s.fd, peer(), s.addr_len()), 0);
+		inet_pton(AF_INET6, v6_ ? "::1" : "::ffff:127.0.0.1", &loop_);
+		pthread_mutex_lock(&s.up->uost_lock);
+		ost_tpl_set_dst_mac(s.up, (const struct ether_addr *)kDstMac);
+		pthread_mutex_unlock(&s.up->uost_lock);
+		set_peer(loop_);
 	}
 
 	void TearDown() override
 	{
-		if (up_ != nullptr) {	/* every path gave its reference back */
-			EXPECT_EQ(refcnt_of(up_), 1u);
-			EXPECT_EQ(frio_mem_tx_pending(hdl_), 0);
+		if (s.up != nullptr) {	/* every path gave its reference back */
+			EXPECT_EQ(refcnt_of(s.up), 1u);
+			EXPECT_EQ(frio_mem_tx_pending(s.hdl), 0);
 		}
-		if (fd_ >= 0)
-			ost_close(fd_);
+		s.close_sock();
 		close(peer_);
 		close(other_);
 		EXPECT_EQ(frio_mem_open_count(), 0);
@@ -70,9 +59,11 @@ protected:
 	{
 		return ((const struct sockaddr_in *)ss)->sin_port;
 	}
-	socklen_t addr_len() const
+	void set_peer(const struct in6_addr &addr)
 	{
-		return v6_ ? sizeof (struct sockaddr_in6) : sizeof (struct sockaddr_in);
+		pthread_mutex_lock(&s.up->uost_lock);
+		ost_tpl_set_peer(s.up, &addr, port_of(&peer_addr_));
+		pthread_mutex_unlock(&s.up->uost_lock);
 	}
 	const struct sockaddr *peer() const
 	{
@@ -84,9 +75,16 @@ protected:
 	std::vector<uint8_t> pop_frame()
 	{
 		std::vector<uint8_t> f(2048);
-		ssize_t n = frio_mem_tx_pop(hdl_, f.data(), f.size());
+		ssize_t n = frio_mem_tx_pop(s.hdl, f.data(), f.size());
 		f.resize(n < 0 ? 0 : (size_t)n);
 		return f;
+	}
+
+	/* The frame a kernel would send to the peer. */
+	std::vector<uint8_t> want(const std::string &payload) const
+	{
+		return frio_test::udp_frame(v6_, payload, loop_,
+		    port_of(&s.local), loop_, port_of(&peer_addr_));
 	}
 
 	/* What kernel socket sock received within 1 s. */
@@ -105,48 +103,9 @@ protected:
 		return f.size() < 23 ? -1 : f[f[12] == 0x86 ? 21 : 22];
 	}
 
-	/* The headers a kernel would write, both checksums complete. */
-	void expect_frame(const std::vector<uint8_t> &f,
-	    const std::string &payload, int hops)
-	{
-		ASSERT_EQ(f.size(), hdr_len() + payload.size());
-		EXPECT_EQ(memcmp(&f[0], kDstMac, 6), 0);
-		EXPECT_EQ(memcmp(&f[6], kSrcMac, 6), 0);
-		const uint8_t *ip = &f[14], *udp = ip + (v6_ ? 40 : 20);
-		uint16_t ulen = (uint16_t)(8 + payload.size());
-		uint32_t pseudo;
-		EXPECT_EQ(hops_of(f), hops);
-		if (v6_) {
-			EXPECT_EQ(get16(&f[12]), 0x86dd);
-			EXPECT_EQ(get16(ip), 0x6000);
-			EXPECT_EQ(get16(ip + 4), ulen);
-			EXPECT_EQ(ip[6], IPPROTO_UDP);
-			EXPECT_EQ(memcmp(ip + 8, &in6addr_loopback, 16), 0);
-			EXPECT_EQ(memcmp(ip + 24, &in6addr_loopback, 16), 0);
-			pseudo = sum_be(ip + 8, 32);
-		} else {
-			EXPECT_EQ(get16(&f[12]), 0x0800);
-			EXPECT_EQ(get16(ip), 0x4500);
-			EXPECT_EQ(get16(ip + 2), 20 + ulen);
-			EXPECT_EQ(get16(ip + 6), 0x4000);	/* DF */
-			EXPECT_EQ(ip[9], IPPROTO_UDP);
-			EXPECT_EQ(fold(sum_be(ip, 20)), 0xffff);
-			EXPECT_EQ(get16(ip + 12), 0x7f00);
-			EXPECT_EQ(get16(ip + 16), 0x7f00);
-			pseudo = sum_be(ip + 12, 8);
-		}
-		EXPECT_EQ(memcmp(udp, &up_->uost_lport, 2), 0);
-		EXPECT_EQ(memcmp(udp + 2, &up_->uost_fport, 2), 0);
-		EXPECT_EQ(get16(udp + 4), ulen);
-		EXPECT_EQ(fold(sum_be(udp, ulen, pseudo + IPPROTO_UDP + ulen)),
-		    0xffff);
-		EXPECT_EQ(std::string((const char *)udp + 8, payload.size()),
-		    payload);
-	}
-
 	ssize_t sendto_(const std::string &m, const void *to, socklen_t len)
 	{
-		return ost_sendto(fd_, m.data(), m.size(), 0,
+		return ost_sendto(s.fd, m.data(), m.size(), 0,
 		    (const struct sockaddr *)to, len);
 	}
 };
@@ -155,13 +114,13 @@ TEST_P(Transmit, FramesCarryTheTemplateAndTheirOwnLengths)
 {
 	std::string small(10, 'a'), big(1000, 'b');
 
-	ASSERT_EQ(ost_sendto(fd_, small.data(), small.size(), MSG_DONTROUTE,
-	    peer(), addr_len()), 10);
-	ASSERT_EQ(ost_send_call(fd_, big.data(), big.size(), 0), 1000);
-	ASSERT_EQ(ost_write_call(fd_, "", 0), 0);
-	expect_frame(pop_frame(), small, 64);
-	expect_frame(pop_frame(), big, 64);
-	expect_frame(pop_frame(), "", 64);
+	ASSERT_EQ(ost_sendto(s.fd, small.data(), small.size(), MSG_DONTROUTE,
+	    peer(), s.addr_len()), 10);
+	ASSERT_EQ(ost_send_call(s.fd, big.data(), big.size(), 0), 1000);
+	ASSERT_EQ(ost_write_call(s.fd, "", 0), 0);
+	EXPECT_EQ(pop_frame(), want(small));
+	EXPECT_EQ(pop_frame(), want(big));
+	EXPECT_EQ(pop_frame(), want(""));
 }
 
 /* The unicast option shapes frames to a unicast peer, the multicast one
@@ -178,18 +137,18 @@ TEST_P(Transmit, HopOptionsReachTheFrame)
 		{ uc, -1, 0, 64 },
 	};
 	for (const auto &st : steps) {
-		EXPECT_EQ(ost_setsockopt(fd_, lvl, st.name, &st.value,
+		EXPECT_EQ(ost_setsockopt(s.fd, lvl, st.name, &st.value,
 		    sizeof (int)), st.ret) << st.name << "=" << st.value;
-		ASSERT_EQ(ost_send_call(fd_, "h", 1, 0), 1);
+		ASSERT_EQ(ost_send_call(s.fd, "h", 1, 0), 1);
 		EXPECT_EQ(hops_of(pop_frame()), st.hops) << st.name << "=" <<
 		    st.value;
 	}
 	if (!v6_) {	/* IPv4 also takes a single byte, and the TOS */
 		unsigned char byte = 5;
 		int tos = 0x10;
-		ASSERT_EQ(ost_setsockopt(fd_, lvl, IP_TTL, &byte, 1), 0);
-		ASSERT_EQ(ost_setsockopt(fd_, lvl, IP_TOS, &tos, sizeof (tos)), 0);
-		ASSERT_EQ(ost_send_call(fd_, "h", 1, 0), 1);
+		ASSERT_EQ(ost_setsockopt(s.fd, lvl, IP_TTL, &byte, 1), 0);
+		ASSERT_EQ(ost_setsockopt(s.fd, lvl, IP_TOS, &tos, sizeof (tos)), 0);
+		ASSERT_EQ(ost_send_call(s.fd, "h", 1, 0), 1);
 		auto f = pop_frame();
 		EXPECT_EQ(hops_of(f), 5);
 		EXPECT_EQ(f[15], 0x10);
@@ -197,12 +156,10 @@ TEST_P(Transmit, HopOptionsReachTheFrame)
 
 	struct in6_addr group;
 	inet_pton(AF_INET6, v6_ ? "ff0e::1" : "::ffff:239.1.1.1", &group);
-	pthread_mutex_lock(&up_->uost_lock);
-	ost_tpl_set_peer(up_, &group, port_of(&peer_addr_));
-	pthread_mutex_unlock(&up_->uost_lock);
+	set_peer(group);
 	int four = 4;
-	ASSERT_EQ(ost_setsockopt(fd_, lvl, mc, &four, sizeof (four)), 0);
-	ASSERT_EQ(ost_send_call(fd_, "g", 1, 0), 1);
+	ASSERT_EQ(ost_setsockopt(s.fd, lvl, mc, &four, sizeof (four)), 0);
+	ASSERT_EQ(ost_send_call(s.fd, "g", 1, 0), 1);
 	EXPECT_EQ(hops_of(pop_frame()), 4);
 }
 
@@ -212,9 +169,9 @@ TEST_P(Transmit, PayloadAboveTheMtuGoesToTheKernel)
 
 	for (int call = 0; call < 3; call++) {
 		for (const std::string *m : { &fits, &over })
-			EXPECT_EQ(call == 0 ? sendto_(*m, peer(), addr_len()) :
-			    call == 1 ? ost_send_call(fd_, m->data(), m->size(), 0) :
-			    ost_write_call(fd_, m->data(), m->size()),
+			EXPECT_EQ(call == 0 ? sendto_(*m, peer(), s.addr_len()) :
+			    call == 1 ? ost_send_call(s.fd, m->data(), m->size(), 0) :
+			    ost_write_call(s.fd, m->data(), m->size()),
 			    (ssize_t)m->size()) << call;
 		EXPECT_EQ(pop_frame().size(), hdr_len() + fits.size());
 		EXPECT_EQ(kernel_got(peer_), over);
@@ -223,16 +180,16 @@ TEST_P(Transmit, PayloadAboveTheMtuGoesToTheKernel)
 
 TEST_P(Transmit, FullRingIsRetriedWithinTheAttemptBudget)
 {
-	frio_mem_fail_tx(hdl_, 2);
-	EXPECT_EQ(ost_send_call(fd_, "abc", 3, 0), 3);
+	frio_mem_fail_tx(s.hdl, 2);
+	EXPECT_EQ(ost_send_call(s.fd, "abc", 3, 0), 3);
 	EXPECT_EQ(pop_frame().size(), hdr_len() + 3);
 
 	/* Budget spent: EIO, nothing sent. */
 	send_busy_wait_cnt = 1;
-	frio_mem_fail_tx(hdl_, 1);
-	EXPECT_EQ(ost_send_call(fd_, "abc", 3, 0), -1);
+	frio_mem_fail_tx(s.hdl, 1);
+	EXPECT_EQ(ost_send_call(s.fd, "abc", 3, 0), -1);
 	EXPECT_EQ(errno, EIO);
-	frio_mem_fail_tx(hdl_, 0);
+	frio_mem_fail_tx(s.hdl, 0);
 
 	/* Any other refusal fails at once. */
 	send_busy_wait_cnt = 15;
@@ -240,7 +197,7 @@ TEST_P(Transmit, FullRingIsRetriedWithinTheAttemptBudget)
 	struct msghdr msg = {};
 	msg.msg_iov = &bad;
 	msg.msg_iovlen = 1;
-	EXPECT_EQ(ost_sendmsg_call(fd_, &msg, 0), -1);
+	EXPECT_EQ(ost_sendmsg_call(s.fd, &msg, 0), -1);
 	EXPECT_EQ(errno, EIO);
 }
 
@@ -248,23 +205,23 @@ TEST_P(Transmit, FullRingIsRetriedWithinTheAttemptBudget)
  * sendto (not sendmsg) also wants the handle's scope or none. */
 TEST_P(Transmit, OnlyTheCachedPeerTakesTheBypass)
 {
-	EXPECT_EQ(sendto_("B", &other_addr_, addr_len()), 1);
+	EXPECT_EQ(sendto_("B", &other_addr_, s.addr_len()), 1);
 	EXPECT_EQ(kernel_got(other_), "B");
-	EXPECT_EQ(sendto_("A", peer(), addr_len()), 1);	/* peer kept */
+	EXPECT_EQ(sendto_("A", peer(), s.addr_len()), 1);	/* peer kept */
 	EXPECT_EQ(pop_frame().size(), hdr_len() + 1);
 	EXPECT_EQ(sendto_("N", nullptr, 0), 1);
 	EXPECT_EQ(pop_frame().size(), hdr_len() + 1);
 	/* The kernel's answer, whatever it is, from a socket of its own. */
 	struct sockaddr_storage ss = peer_addr_, unused;
 	int kfd = bound_udp_socket(GetParam(), &unused);
-	for (socklen_t len : { (socklen_t)1, addr_len() - 1, (socklen_t)0 }) {
+	for (socklen_t len : { (socklen_t)1, s.addr_len() - 1, (socklen_t)0 }) {
 		if (len == 0)
-			ss.ss_family = v6_ ? AF_INET : AF_INET6, len = addr_len();
+			ss.ss_family = v6_ ? AF_INET : AF_INET6, len = s.addr_len();
 		EXPECT_EQ(sendto_("s", &ss, len), real_sendto(kfd, "s", 1, 0,
 		    (struct sockaddr *)&ss, len)) << len;
 	}
 	close(kfd);
-	EXPECT_EQ(frio_mem_tx_pending(hdl_), 0);
+	EXPECT_EQ(frio_mem_tx_pending(s.hdl), 0);
 	char drain[8];	/* what the kernel delivered of those */
 	while (real_recvfrom(peer_, drain, 8, MSG_DONTWAIT, nullptr, nullptr) > 0)
 		;
@@ -279,7 +236,7 @@ TEST_P(Transmit, OnlyTheCachedPeerTakesTheBypass)
 	EXPECT_EQ(kernel_got(peer_), "2");
 	struct iovec iov = { (void *)"3", 1 };
 	struct msghdr msg = { &to, sizeof (to), &iov, 1, nullptr, 0, 0 };
-	EXPECT_EQ(ost_sendmsg_call(fd_, &msg, 0), 1);
+	EXPECT_EQ(ost_sendmsg_call(s.fd, &msg, 0), 1);
 	EXPECT_EQ(pop_frame().size(), hdr_len() + 1);
 }
 
@@ -291,10 +248,10 @@ TEST_P(Transmit, MessagesGatherIntoOneFrame)
 	    { &c[0], c.size() } };
 	struct msghdr msg = { nullptr, 0, iov, 3, nullptr, 0, 0 };
 
-	EXPECT_EQ(ost_sendmsg_call(fd_, &msg, 0), (ssize_t)max);
-	expect_frame(pop_frame(), a + b + c, 64);
+	EXPECT_EQ(ost_sendmsg_call(s.fd, &msg, 0), (ssize_t)max);
+	EXPECT_EQ(pop_frame(), want(a + b + c));
 	iov[2] = { &c2[0], c2.size() };
-	EXPECT_EQ(ost_sendmsg_call(fd_, &msg, 0), (ssize_t)max + 1);
+	EXPECT_EQ(ost_sendmsg_call(s.fd, &msg, 0), (ssize_t)max + 1);
 	EXPECT_EQ(kernel_got(peer_), a + b + c2);
 
 	/* Control data, and a vector longer than the kernel takes. */
@@ -302,12 +259,12 @@ TEST_P(Transmit, MessagesGatherIntoOneFrame)
 	msg.msg_iovlen = 1;
 	msg.msg_control = cbuf;
 	msg.msg_controllen = sizeof (cbuf);
-	EXPECT_EQ(ost_sendmsg_call(fd_, &msg, 0), -1);
+	EXPECT_EQ(ost_sendmsg_call(s.fd, &msg, 0), -1);
 	EXPECT_EQ(errno, EINVAL);	/* the kernel's answer */
 	msg.msg_control = nullptr;
 	msg.msg_controllen = 0;
 	msg.msg_iovlen = (size_t)-1;
-	EXPECT_EQ(ost_sendmsg_call(fd_, &msg, 0), -1);
+	EXPECT_EQ(ost_sendmsg_call(s.fd, &msg, 0), -1);
 	EXPECT_EQ(errno, EMSGSIZE);
 }
 
@@ -321,21 +278,21 @@ TEST_P(Transmit, BatchesDecidePerMessage)
 		vec[i].msg_hdr.msg_iovlen = 1;
 	}
 	vec[1].msg_hdr.msg_name = &other_addr_;
-	vec[1].msg_hdr.msg_namelen = addr_len();
+	vec[1].msg_hdr.msg_namelen = s.addr_len();
 
-	EXPECT_EQ(ost_sendmmsg_call(fd_, vec, 3, 0), 3);
+	EXPECT_EQ(ost_sendmmsg_call(s.fd, vec, 3, 0), 3);
 	EXPECT_EQ(vec[1].msg_len, 3u);
 	EXPECT_EQ(kernel_got(other_), "two");
-	expect_frame(pop_frame(), "one", 64);
-	expect_frame(pop_frame(), "six", 64);
+	EXPECT_EQ(pop_frame(), want("one"));
+	EXPECT_EQ(pop_frame(), want("six"));
 
 	/* The third fails: two sent.  The first fails: -1 with EIO. */
 	iov[2] = { nullptr, 3 };
-	EXPECT_EQ(ost_sendmmsg_call(fd_, vec, 3, 0), 2);
+	EXPECT_EQ(ost_sendmmsg_call(s.fd, vec, 3, 0), 2);
 	EXPECT_EQ(kernel_got(other_), "two");
 	pop_frame();
 	iov[0] = { nullptr, 3 };
-	EXPECT_EQ(ost_sendmmsg_call(fd_, vec, 3, 0), -1);
+	EXPECT_EQ(ost_sendmmsg_call(s.fd, vec, 3, 0), -1);
 	EXPECT_EQ(errno, EIO);
 
 	/* Control data anywhere: all the kernel's. */
@@ -344,7 +301,7 @@ TEST_P(Transmit, BatchesDecidePerMessage)
 	char cbuf[CMSG_SPACE(sizeof (int))] = {};
 	vec[2].msg_hdr.msg_control = cbuf;
 	vec[2].msg_hdr.msg_controllen = sizeof (cbuf);
-	EXPECT_EQ(ost_sendmmsg_call(fd_, vec, 3, 0), 2);
+	EXPECT_EQ(ost_sendmmsg_call(s.fd, vec, 3, 0), 2);
 	EXPECT_EQ(kernel_got(peer_), "one");
 	EXPECT_EQ(kernel_got(other_), "two");
 }
