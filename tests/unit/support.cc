@@ -163,15 +163,16 @@ bound_udp_socket(int family, struct sockaddr_storage *addr)
 }
 
 bool
-delivered(int sd, const struct sockaddr_storage &addr)
+delivered(int sd, const struct sockaddr_storage &addr, size_t len)
 {
+	std::string buf(len, 'd');
 	int tx = real_socket(addr.ss_family, SOCK_DGRAM, 0);
 	struct pollfd pfd = { sd, POLLIN, 0 };
-	char buf[16];
-	real_sendto(tx, "ping", 4, 0, (const struct sockaddr *)&addr,
+
+	real_sendto(tx, buf.data(), len, 0, (const struct sockaddr *)&addr,
 	    addr.ss_family == AF_INET ? sizeof (struct sockaddr_in) :
 	    sizeof (struct sockaddr_in6));
 	close(tx);
-	return poll(&pfd, 1, 200) == 1 && real_recvfrom(sd, buf, sizeof (buf),
-	    MSG_DONTWAIT, NULL, NULL) == 4;
+	return poll(&pfd, 1, 200) == 1 && real_recvfrom(sd, &buf[0], len,
+	    MSG_DONTWAIT, NULL, NULL) == (ssize_t)len;
 }

@@ -35,7 +35,7 @@ int bound_udp_socket(int family, struct sockaddr_storage *addr);
  */
 bool attach_to_mem(uost_t *up, const char *if_name,
     const struct in6_addr *addr, in_port_t port, uint32_t if_index = 0);
-/* Sends a datagram to addr; whether sd received it. */
-bool delivered(int sd, const struct sockaddr_storage &addr);
+/* Sends a datagram of len bytes to addr; whether sd received it. */
+bool delivered(int sd, const struct sockaddr_storage &addr, size_t len = 4);
 
 #endif
