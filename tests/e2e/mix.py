@@ -1,6 +1,6 @@
 # Plain sender and receiver of the mix tests; every payload names its
 # sequence number and size and is checked byte for byte.
-#   mix.py send DST PORT BASE COUNT SIZE OPT   (OPT: -, bcast, dstopts)
+#   mix.py send DST PORT BASE COUNT SIZE OPT [SPORT]  (OPT: -, bcast, dstopts)
 #   mix.py recv ADDR PORT TOTAL PEER WAIT
 # The receiver binds ADDR; with PEER (not -) it sends to PEER first, or,
 # with WAIT seconds, sleeps while requests queue, then replies to the first.
@@ -15,6 +15,8 @@ def sock(addr):
 if sys.argv[1] == "send":
     dst, port, base, count, size, opt = sys.argv[2:8]
     s = sock(dst)
+    if len(sys.argv) > 8:
+        s.bind(("::" if ":" in dst else "0.0.0.0", int(sys.argv[8])))
     s.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, opt == "bcast")
     anc = [(socket.IPPROTO_IPV6, socket.IPV6_DSTOPTS, b"\0\0\1\4\0\0\0\0")] * (opt == "dstopts")
     for seq in range(int(base), int(base) + int(count)):
