@@ -198,6 +198,7 @@ ssize_t ost_sendto(int sd, const void *buf, size_t len, int flags,
     const struct sockaddr *to, socklen_t tolen);
 ssize_t ost_send_call(int sd, const void *buf, size_t len, int flags);
 ssize_t ost_write_call(int sd, const void *buf, size_t len);
+ssize_t ost_writev_call(int sd, const struct iovec *iov, int iovcnt);
 ssize_t ost_sendmsg_call(int sd, const struct msghdr *msg, int flags);
 int
 ost_sendmmsg_call(int sd, struct mmsghdr *vec, unsigned int vlen, int flags);

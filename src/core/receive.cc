@@ -344,19 +344,35 @@ ost_recvfrom_call(int fd, void *buf, size_t len, int flags,
 	return n;
 }
 
+/* read and readv: a receive without flags or sender. */
+static ssize_t
+ost_readv_common(int fd, const struct iovec *iov, int iovcnt, bool vector)
+{
+	struct msghdr msg;
+	uost_t *up;
+
+	if (iovcnt < 0 || iovcnt > IOV_MAX || (iov == NULL && iovcnt != 0) ||
+	    (up = ost_recv_record(fd)) == NULL)
+		return vector ? real_readv(fd, iov, iovcnt) :
+				real_read(fd, iov[0].iov_base, iov[0].iov_len);
+	memset(&msg, 0, sizeof(msg));
+	msg.msg_iov = const_cast<struct iovec *>(iov);
+	msg.msg_iovlen = (size_t)iovcnt;
+	return ost_recvmsg(up, &msg, 0, ost_rcvtimeo(up));
+}
+
 ssize_t
 ost_read_call(int fd, void *buf, size_t len)
 {
-	uost_t *up = ost_recv_record(fd);
 	struct iovec iov = { buf, len };
-	struct msghdr msg;
 
-	if (up == NULL)
-		return real_read(fd, buf, len);
-	memset(&msg, 0, sizeof(msg));
-	msg.msg_iov = &iov;
-	msg.msg_iovlen = 1;
-	return ost_recvmsg(up, &msg, 0, ost_rcvtimeo(up));
+	return ost_readv_common(fd, &iov, 1, false);
+}
+
+ssize_t
+ost_readv_call(int fd, const struct iovec *iov, int iovcnt)
+{
+	return ost_readv_common(fd, iov, iovcnt, true);
 }
 
 /* An iovec array the engine can walk; the kernel answers the others. */

@@ -102,6 +102,7 @@ bool ost_rx_served(uost_t *up);
 ssize_t ost_recvfrom_call(int fd, void *buf, size_t len, int flags,
     struct sockaddr *from, socklen_t *fromlen);
 ssize_t ost_read_call(int fd, void *buf, size_t len);
+ssize_t ost_readv_call(int fd, const struct iovec *iov, int iovcnt);
 ssize_t ost_recvmsg_call(int fd, struct msghdr *msg, int flags);
 int ost_recvmmsg_call(int fd, struct mmsghdr *vec, unsigned int vlen, int flags,
     struct timespec *timeout);

@@ -195,36 +195,63 @@ ost_sendto(int sd, const void *buf, size_t len, int flags,
 	return real_sendto(sd, buf, len, flags, to, tolen);
 }
 
-/* send and write: to the peer, or by the kernel as the caller asked. */
+typedef enum {
+	OST_BY_SEND,
+	OST_BY_WRITE,
+	OST_BY_WRITEV
+} ost_by_t;
+
+/* send, write and writev: to the peer, or by the kernel as asked. */
 static ssize_t
-ost_send_common(int sd, const void *buf, size_t len, int flags, bool is_write)
+ost_send_common(int sd, const struct iovec *iov, int iovcnt, int flags,
+    ost_by_t by)
 {
-	struct iovec iov = { const_cast<void *>(buf), len };
-	uost_t *up = ost_find_sd(sd);
+	uost_t *up = NULL;
+	size_t len = 0;
 	ost_tx_t r;
 
+	if (iovcnt >= 0 && iovcnt <= IOV_MAX && (iov != NULL || iovcnt == 0))
+		up = ost_find_sd(sd);
 	if (up != NULL) {
+		for (int i = 0; i < iovcnt; i++)
+			len += iov[i].iov_len;
 		(void)pthread_mutex_lock(&up->uost_lock);
-		r = ost_send_peer_locked(up, &iov, 1, len);
+		r = ost_send_peer_locked(up, iov, iovcnt, len);
 		ost_release_locked(up);
 		(void)pthread_mutex_unlock(&up->uost_lock);
 		if (r != OST_TX_KERNEL)
 			return ost_tx_result(r, len);
 	}
-	return is_write ? real_write(sd, buf, len) :
-			  real_send(sd, buf, len, flags);
+	switch (by) {
+	case OST_BY_SEND:
+		return real_send(sd, iov[0].iov_base, iov[0].iov_len, flags);
+	case OST_BY_WRITE:
+		return real_write(sd, iov[0].iov_base, iov[0].iov_len);
+	default:
+		return real_writev(sd, iov, iovcnt);
+	}
 }
 
 ssize_t
 ost_send_call(int sd, const void *buf, size_t len, int flags)
 {
-	return ost_send_common(sd, buf, len, flags, false);
+	struct iovec iov = { const_cast<void *>(buf), len };
+
+	return ost_send_common(sd, &iov, 1, flags, OST_BY_SEND);
 }
 
 ssize_t
 ost_write_call(int sd, const void *buf, size_t len)
 {
-	return ost_send_common(sd, buf, len, 0, true);
+	struct iovec iov = { const_cast<void *>(buf), len };
+
+	return ost_send_common(sd, &iov, 1, 0, OST_BY_WRITE);
+}
+
+ssize_t
+ost_writev_call(int sd, const struct iovec *iov, int iovcnt)
+{
+	return ost_send_common(sd, iov, iovcnt, 0, OST_BY_WRITEV);
 }
 
 /*

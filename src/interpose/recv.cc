@@ -1,5 +1,11 @@
-/* The receive calls. */
+/*
+ * The receive calls, and the checked forms that glibc's fortified headers
+ * (-D_FORTIFY_SOURCE) route recv, recvfrom and read through: the buffer
+ * check glibc makes, then the call itself.
+ */
 #include "interpose/interpose.h"
+
+extern "C" [[noreturn]] void __chk_fail(void);
 
 OST_EXPORT ssize_t
 recvfrom(int fd, void *buf, size_t len, int flags, struct sockaddr *from,
@@ -46,4 +52,38 @@ recvmmsg(int fd, struct mmsghdr *vec, unsigned int vlen, int flags,
 	if (OST_FROM_FRIO())
 		return real_recvmmsg(fd, vec, vlen, flags, timeout);
 	return ost_recvmmsg_call(fd, vec, vlen, flags, timeout);
+}
+
+OST_EXPORT ssize_t
+readv(int fd, const struct iovec *iov, int iovcnt)
+{
+	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return real_readv(fd, iov, iovcnt);
+	return ost_readv_call(fd, iov, iovcnt);
+}
+
+OST_EXPORT ssize_t
+__recv_chk(int fd, void *buf, size_t len, size_t buflen, int flags)
+{
+	if (len > buflen)
+		__chk_fail();
+	return recv(fd, buf, len, flags);
+}
+
+OST_EXPORT ssize_t
+__recvfrom_chk(int fd, void *buf, size_t len, size_t buflen, int flags,
+    struct sockaddr *from, socklen_t *fromlen)
+{
+	if (len > buflen)
+		__chk_fail();
+	return recvfrom(fd, buf, len, flags, from, fromlen);
+}
+
+OST_EXPORT ssize_t
+__read_chk(int fd, void *buf, size_t len, size_t buflen)
+{
+	if (len > buflen)
+		__chk_fail();
+	return read(fd, buf, len);
 }

@@ -46,3 +46,12 @@ sendmmsg(int fd, struct mmsghdr *vec, unsigned int vlen, int flags)
 		return real_sendmmsg(fd, vec, vlen, flags);
 	return ost_sendmmsg_call(fd, vec, vlen, flags);
 }
+
+OST_EXPORT ssize_t
+writev(int fd, const struct iovec *iov, int iovcnt)
+{
+	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return real_writev(fd, iov, iovcnt);
+	return ost_writev_call(fd, iov, iovcnt);
+}

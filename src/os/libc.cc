@@ -29,6 +29,8 @@ int (*real_fcntl64)(int, int, ...);
 int (*real_ioctl)(int, unsigned long, ...);
 int (*real_poll)(struct pollfd *, nfds_t, int);
 ssize_t (*real_read)(int, void *, size_t);
+ssize_t (*real_readv)(int, const struct iovec *, int);
+ssize_t (*real_writev)(int, const struct iovec *, int);
 int (*real_select)(int, fd_set *, fd_set *, fd_set *, struct timeval *);
 ssize_t (*real_write)(int, const void *, size_t);
 int (*real_pselect)(int, fd_set *, fd_set *, fd_set *, const struct timespec *,
@@ -90,6 +92,8 @@ ost_libc_init(void)
 	lookup(&real_ioctl, "ioctl");
 	lookup(&real_poll, "poll");
 	lookup(&real_read, "read");
+	lookup(&real_readv, "readv");
+	lookup(&real_writev, "writev");
 	lookup(&real_select, "select");
 	lookup(&real_write, "write");
 	lookup(&real_pselect, "pselect");

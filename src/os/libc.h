@@ -42,6 +42,8 @@ extern int (*real_fcntl64)(int, int, ...);
 extern int (*real_ioctl)(int, unsigned long, ...);
 extern int (*real_poll)(struct pollfd *, nfds_t, int);
 extern ssize_t (*real_read)(int, void *, size_t);
+extern ssize_t (*real_readv)(int, const struct iovec *, int);
+extern ssize_t (*real_writev)(int, const struct iovec *, int);
 extern int (*real_select)(int, fd_set *, fd_set *, fd_set *, struct timeval *);
 extern ssize_t (*real_write)(int, const void *, size_t);
 extern int (*real_pselect)(int, fd_set *, fd_set *, fd_set *,

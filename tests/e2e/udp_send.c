@@ -4,7 +4,8 @@
  *
  *   udp_send CALL DST PORT COUNT [BIND_ADDR]
  *
- * CALL is sendto, send (after connect), write (after connect), sendmsg or
+ * CALL is sendto, send (after connect), write or writev (after connect,
+ * two pieces), sendmsg or
  * sendmmsg (batches of 4).  Datagram i carries a payload of length
  * (i * 97) % 1473 (1453 for IPv6) filled with a pattern of i, so that every
  * size from empty to the largest the MTU allows is tried.  Prints each
@@ -76,7 +77,7 @@ main(int argc, char **argv)
 		}
 		freeaddrinfo(bi);
 	}
-	if ((strcmp(call, "send") == 0 || strcmp(call, "write") == 0) &&
+	if ((strcmp(call, "send") == 0 || strncmp(call, "write", 5) == 0) &&
 	    connect(fd, ai->ai_addr, ai->ai_addrlen) != 0) {
 		perror("connect");
 		return 1;
@@ -116,6 +117,11 @@ main(int argc, char **argv)
 			n = send(fd, buf[0], len, 0);
 		} else if (strcmp(call, "write") == 0) {
 			n = write(fd, buf[0], len);
+		} else if (strcmp(call, "writev") == 0) {
+			struct iovec iov[2] = { { buf[0], len / 3 },
+			    { buf[0] + len / 3, len - len / 3 } };
+
+			n = writev(fd, iov, 2);
 		} else if (strcmp(call, "sendmsg") == 0) {
 			/* Two pieces: the gather list reaches the wire whole. */
 			struct iovec iov[2] = { { buf[0], len / 2 },
