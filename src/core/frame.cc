@@ -215,7 +215,7 @@ ost_parse_pkt(uost_t *up, const void *frame, uint8_t **payload, size_t *len,
 
 ssize_t
 ost_copy_pkt_cut(uost_t *up, struct msghdr *msg, const void *frame, size_t len,
-    bool *cut)
+    size_t *whole)
 {
 	socklen_t *fromlen = msg->msg_name != NULL ? &msg->msg_namelen : NULL;
 	uint8_t *p;
@@ -223,6 +223,7 @@ ost_copy_pkt_cut(uost_t *up, struct msghdr *msg, const void *frame, size_t len,
 
 	if (!ost_parse_pkt(up, frame, &p, &left, msg->msg_name, fromlen))
 		return -1;
+	*whole = left;
 	for (size_t i = 0; i < msg->msg_iovlen && left != 0; i++) {
 		const struct iovec *iov = &msg->msg_iov[i];
 		size_t n = left < iov->iov_len ? left : iov->iov_len;
@@ -234,14 +235,13 @@ ost_copy_pkt_cut(uost_t *up, struct msghdr *msg, const void *frame, size_t len,
 		copied += n;
 		left -= n;
 	}
-	*cut = left != 0;
 	return (ssize_t)copied;
 }
 
 ssize_t
 ost_copy_pkt(uost_t *up, struct msghdr *msg, void *frame, size_t len)
 {
-	bool cut;
+	size_t whole;
 
-	return ost_copy_pkt_cut(up, msg, frame, len, &cut);
+	return ost_copy_pkt_cut(up, msg, frame, len, &whole);
 }

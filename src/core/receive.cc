@@ -85,7 +85,7 @@ ost_seen_closing(uost_t *up)
 
 /* Delivers the stashed frame; -1 when validation drops it. */
 static ssize_t
-ost_recv_stash(uost_t *up, struct msghdr *msg, int flags, bool *cut)
+ost_recv_stash(uost_t *up, struct msghdr *msg, int flags, size_t *whole)
 {
 	size_t len = up->uost_recv_buf_len;
 	ssize_t n;
@@ -93,7 +93,7 @@ ost_recv_stash(uost_t *up, struct msghdr *msg, int flags, bool *cut)
 	OST_VERIFY(up->uost_recv_buf != NULL);
 	if (!(flags & MSG_PEEK))
 		up->uost_recv_buf_len = 0;
-	n = ost_copy_pkt_cut(up, msg, up->uost_recv_buf, len, cut);
+	n = ost_copy_pkt_cut(up, msg, up->uost_recv_buf, len, whole);
 	if (n < 0)
 		up->uost_recv_buf_len = 0;
 	return n;
@@ -104,7 +104,7 @@ ost_recv_stash(uost_t *up, struct msghdr *msg, int flags, bool *cut)
  * handle has none.  With MSG_PEEK the frame stays in the stash.
  */
 static ssize_t
-ost_recv_handle(uost_t *up, struct msghdr *msg, int flags, bool *cut)
+ost_recv_handle(uost_t *up, struct msghdr *msg, int flags, size_t *whole)
 {
 	frio_rx_args_t rx;
 	void *frame;
@@ -122,7 +122,7 @@ ost_recv_handle(uost_t *up, struct msghdr *msg, int flags, bool *cut)
 			up->uost_recv_buf_len = rx.ur_pkt_len;
 			kept = true;
 		}
-		n = ost_copy_pkt_cut(up, msg, frame, rx.ur_pkt_len, cut);
+		n = ost_copy_pkt_cut(up, msg, frame, rx.ur_pkt_len, whole);
 		(void)ost_frio->rx_put(up->uost_frio_hdl, frame);
 		if (n < 0 && kept)
 			up->uost_recv_buf_len = 0;
@@ -170,21 +170,21 @@ ost_recv_kernel(uost_t *up, struct msghdr *msg, int flags)
  * neither has a datagram.
  */
 static ssize_t
-ost_recv_look(uost_t *up, struct msghdr *msg, int flags, bool first, bool *cut,
-    bool *from_kernel)
+ost_recv_look(uost_t *up, struct msghdr *msg, int flags, bool first,
+    size_t *whole, bool *from_kernel)
 {
 	bool due = up->uost_kernel_peeked || gethrtime() >= up->uost_kernel_due;
 	ssize_t n;
 
 	*from_kernel = false;
 	if (up->uost_recv_buf_len != 0 &&
-	    (n = ost_recv_stash(up, msg, flags, cut)) >= 0)
+	    (n = ost_recv_stash(up, msg, flags, whole)) >= 0)
 		return n;
 	if (due && (n = ost_recv_kernel(up, msg, flags)) != -2) {
 		*from_kernel = true;
 		return n;
 	}
-	if ((n = ost_recv_handle(up, msg, flags, cut)) != -2)
+	if ((n = ost_recv_handle(up, msg, flags, whole)) != -2)
 		return n;
 	if (first && !due && (n = ost_recv_kernel(up, msg, flags)) != -2) {
 		*from_kernel = true;
@@ -201,7 +201,8 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 {
 	hrtime_t deadline = 0, pause = recv_sleep_time, spin_end = 0;
 	int saved_errno = errno, poll_ms = -1;
-	bool paused = false, cut = false, from_kernel = false;
+	bool paused = false, from_kernel = false;
+	size_t whole = 0;
 	ssize_t n;
 
 	if (timeout != 0) {
@@ -218,7 +219,7 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 		if (!ost_recv_slot_take(up, true))
 			return ost_recv_fail(up, false, EBADF);
 		for (bool first = true;; first = false) {
-			n = ost_recv_look(up, msg, flags, first, &cut,
+			n = ost_recv_look(up, msg, flags, first, &whole,
 			    &from_kernel);
 			if (n == -1)
 				return ost_recv_fail(up, true, errno);
@@ -271,7 +272,10 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 delivered:
 	if (!from_kernel) {
 		msg->msg_controllen = 0;
-		msg->msg_flags = cut ? MSG_TRUNC : 0;
+		msg->msg_flags = whole > (size_t)n ? MSG_TRUNC : 0;
+		/* As the kernel: MSG_TRUNC asks for the datagram's length. */
+		if (flags & MSG_TRUNC)
+			n = (ssize_t)whole;
 	}
 	(void)pthread_mutex_lock(&up->uost_lock);
 	if (from_kernel)
@@ -310,11 +314,20 @@ ost_rcvtimeo(uost_t *up)
 	return __atomic_load_n(&up->uost_rcvtimeo, __ATOMIC_RELAXED);
 }
 
-static uost_t *
-ost_recv_record(int fd)
-{
-	uost_t *up = ost_find_sd(fd);
+/* Flags the engine serves; the others (MSG_ERRQUEUE, MSG_OOB) are the
+ * kernel socket's. */
+#define OST_RECV_FLAGS                                                        \
+	(MSG_PEEK | MSG_DONTWAIT | MSG_TRUNC | MSG_WAITALL | MSG_WAITFORONE | \
+	    MSG_CMSG_CLOEXEC)
 
+static uost_t *
+ost_recv_record(int fd, int flags)
+{
+	uost_t *up;
+
+	if (flags & ~OST_RECV_FLAGS)
+		return NULL;
+	up = ost_find_sd(fd);
 	if (up == NULL || ost_rx_served(up))
 		return up;
 	ost_release(up);
@@ -322,11 +335,34 @@ ost_recv_record(int fd)
 	return NULL;
 }
 
+bool
+ost_next_len(int fd, int *len)
+{
+	uost_t *up = ost_recv_record(fd, 0);
+	ost_pkt_info_t pi;
+	bool ours = false;
+
+	if (up == NULL)
+		return false;
+	if (ost_rx_ready(up, true)) {
+		(void)ost_recv_slot_take(up, false);
+		if (up->uost_recv_buf_len != 0 &&
+		    ost_check_pkt(up, (const uint8_t *)up->uost_recv_buf,
+			up->uost_recv_buf_len, &pi) == OST_PKT_ACCEPT) {
+			*len = (int)pi.pi_len;
+			ours = true;
+		}
+		ost_recv_slot_give(up);
+	}
+	ost_release(up);
+	return ours;
+}
+
 ssize_t
 ost_recvfrom_call(int fd, void *buf, size_t len, int flags,
     struct sockaddr *from, socklen_t *fromlen)
 {
-	uost_t *up = ost_recv_record(fd);
+	uost_t *up = ost_recv_record(fd, flags);
 	struct iovec iov = { buf, len };
 	struct msghdr msg;
 	ssize_t n;
@@ -352,7 +388,7 @@ ost_readv_common(int fd, const struct iovec *iov, int iovcnt, bool vector)
 	uost_t *up;
 
 	if (iovcnt < 0 || iovcnt > IOV_MAX || (iov == NULL && iovcnt != 0) ||
-	    (up = ost_recv_record(fd)) == NULL)
+	    (up = ost_recv_record(fd, 0)) == NULL)
 		return vector ? real_readv(fd, iov, iovcnt) :
 				real_read(fd, iov[0].iov_base, iov[0].iov_len);
 	memset(&msg, 0, sizeof(msg));
@@ -391,7 +427,7 @@ ost_recvmsg_call(int fd, struct msghdr *msg, int flags)
 
 	if (msg == NULL || !ost_msg_ok(msg))
 		return real_recvmsg(fd, msg, flags);
-	up = ost_recv_record(fd);
+	up = ost_recv_record(fd, flags);
 	if (up == NULL)
 		return real_recvmsg(fd, msg, flags);
 	return ost_recvmsg(up, msg, flags, ost_rcvtimeo(up));
@@ -420,7 +456,7 @@ ost_recvmmsg_call(int fd, struct mmsghdr *vec, unsigned int vlen, int flags,
 	    (timeout->tv_sec < 0 || timeout->tv_nsec < 0 ||
 		timeout->tv_nsec >= NANOSEC))
 		return real_recvmmsg(fd, vec, vlen, flags, timeout);
-	up = ost_recv_record(fd);
+	up = ost_recv_record(fd, flags);
 	if (up == NULL)
 		return real_recvmmsg(fd, vec, vlen, flags, timeout);
 	if (timeout != NULL) {

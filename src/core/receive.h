@@ -62,9 +62,9 @@ bool ost_parse_pkt(uost_t *up, const void *frame, uint8_t **payload,
  * only msg_name, msg_namelen, msg_iov and msg_iovlen; sets no errno.
  */
 ssize_t ost_copy_pkt(uost_t *up, struct msghdr *msg, void *frame, size_t len);
-/* The same; *cut says whether part of the payload did not fit. */
+/* The same; *whole is the payload's length, copied or not. */
 ssize_t ost_copy_pkt_cut(uost_t *up, struct msghdr *msg, const void *frame,
-    size_t len, bool *cut);
+    size_t len, size_t *whole);
 
 /*
  * The receive slot: one thread at a time uses the stash and the handle's
@@ -102,6 +102,12 @@ bool ost_rx_served(uost_t *up);
 ssize_t ost_recvfrom_call(int fd, void *buf, size_t len, int flags,
     struct sockaddr *from, socklen_t *fromlen);
 ssize_t ost_read_call(int fd, void *buf, size_t len);
+/*
+ * FIONREAD (SIOCINQ) of a bypass socket: the next datagram's payload length
+ * when a frame waits in the stash or the ring; false: the kernel socket's
+ * answer is the one.
+ */
+bool ost_next_len(int fd, int *len);
 ssize_t ost_readv_call(int fd, const struct iovec *iov, int iovcnt);
 ssize_t ost_recvmsg_call(int fd, struct msghdr *msg, int flags);
 int ost_recvmmsg_call(int fd, struct mmsghdr *vec, unsigned int vlen, int flags,

@@ -111,8 +111,13 @@ ioctl(int fd, unsigned long request, ...)
 	va_start(ap, request);
 	argp = va_arg(ap, void *);
 	va_end(ap);
-	if (!OST_FROM_FRIO())
-		ost_note_fionbio(fd, request, argp);
+	if (OST_FROM_FRIO())
+		return real_ioctl(fd, request, argp);
+	/* The next datagram's length, when the ring holds it. */
+	if (request == FIONREAD && argp != NULL &&
+	    ost_next_len(fd, (int *)argp))
+		return 0;
+	ost_note_fionbio(fd, request, argp);
 	return real_ioctl(fd, request, argp);
 }
 
