@@ -11,6 +11,7 @@
 uint32_t send_busy_wait_cnt = 15; /* immutable after start-up */
 uint32_t recv_sleep_time = 500;   /* immutable after start-up */
 int32_t poll_usec;                /* immutable after start-up */
+int32_t epoll_usec;               /* immutable after start-up */
 int recv_mode = RCV_BUSY_WAIT;    /* immutable after start-up */
 
 volatile int ost_initialised; /* set last by ost_init() */
@@ -34,6 +35,7 @@ ost_config_read(void)
 	v = env_int("_OSTREL_SLEEP_TIME", 500);
 	recv_sleep_time = v >= 1 ? (uint32_t)v : 1;
 	poll_usec = env_int("_OSTREL_POLL_USEC", 0);
+	epoll_usec = env_int("_OSTREL_EPOLL_USEC", 0);
 	recv_mode = env_int("_OSTREL_RECV_MODE", RCV_BUSY_WAIT);
 }
 

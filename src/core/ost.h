@@ -98,6 +98,9 @@ typedef struct uost_s {
 	hrtime_t uost_kernel_due; /* next look at the kernel socket */
 	bool uost_kernel_peeked;  /* a peek came from the kernel socket */
 	uint32_t uost_rx_dropped; /* frames dropped, for the statistics */
+	/* Bumped by every look that finds neither stash nor ring holding a
+	 * datagram; relaxed atomics (epoll's edge-triggered news). */
+	uint32_t uost_empty_seq;
 	pthread_cond_t uost_recv_cv;
 	uint32_t uost_refcnt;
 	pthread_cond_t uost_cv;
@@ -123,6 +126,7 @@ extern fd_tbl_t fd_tbl_array[OST_NBUCKETS];
 extern uint32_t send_busy_wait_cnt;
 extern uint32_t recv_sleep_time;
 extern int32_t poll_usec;
+extern int32_t epoll_usec;
 extern int recv_mode;
 
 /* Start-up. */
@@ -224,6 +228,14 @@ int ost_multicast_leave(uost_t *up, uint32_t if_index,
     const struct in6_addr *group);
 /* optval: an ost_mcast_if_t for IP_MULTICAST_IF, an index for IPv6. */
 int ost_process_mcast_if(uost_t *up, int optname, const void *optval);
+
+/* epoll over bypass sockets (core/epoll.cc). */
+struct epoll_event;
+int ost_epoll_ctl(int epfd, int op, int fd, struct epoll_event *event);
+bool ost_epoll_watched(int epfd);
+int ost_epoll_wait(int epfd, struct epoll_event *evs, int max, hrtime_t timeout,
+    const sigset_t *mask);
+void ost_epoll_forget(int fd);
 
 /* Multicast groups to Ethernet addresses. */
 void ost_maddr_ip2e_v4(uint32_t group, struct ether_addr *ether);

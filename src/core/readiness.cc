@@ -33,12 +33,14 @@
 #define OST_POLL_READ (POLLIN | POLLRDNORM)
 
 bool
-ost_rx_ready(uost_t *up, bool validate)
+ost_rx_ready(uost_t *up, bool validate, bool *fetched)
 {
 	frio_rx_args_t rx;
 	void *frame;
 	bool ready = false;
 
+	if (fetched != NULL)
+		*fetched = false;
 	(void)ost_recv_slot_take(up, false);
 	if (up->uost_recv_buf_len != 0) {
 		ready = true;
@@ -59,10 +61,14 @@ ost_rx_ready(uost_t *up, bool validate)
 				memcpy(up->uost_recv_buf, frame, rx.ur_pkt_len);
 				up->uost_recv_buf_len = rx.ur_pkt_len;
 				ready = true;
+				if (fetched != NULL)
+					*fetched = true;
 			}
 			(void)ost_frio->rx_put(up->uost_frio_hdl, frame);
 		}
 	}
+	if (!ready)
+		__atomic_add_fetch(&up->uost_empty_seq, 1, __ATOMIC_RELAXED);
 	ost_recv_slot_give(up);
 	return ready;
 }

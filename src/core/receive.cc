@@ -190,6 +190,7 @@ ost_recv_look(uost_t *up, struct msghdr *msg, int flags, bool first,
 		*from_kernel = true;
 		return n;
 	}
+	__atomic_add_fetch(&up->uost_empty_seq, 1, __ATOMIC_RELAXED);
 	return -2;
 }
 
@@ -314,18 +315,20 @@ ost_rcvtimeo(uost_t *up)
 	return __atomic_load_n(&up->uost_rcvtimeo, __ATOMIC_RELAXED);
 }
 
-/* Flags the engine serves; the others (MSG_ERRQUEUE, MSG_OOB) are the
- * kernel socket's. */
-#define OST_RECV_FLAGS                                                        \
-	(MSG_PEEK | MSG_DONTWAIT | MSG_TRUNC | MSG_WAITALL | MSG_WAITFORONE | \
-	    MSG_CMSG_CLOEXEC)
+/*
+ * Flags only the kernel socket can answer: its error queue, out-of-band
+ * data.  The engine serves the rest (MSG_PEEK, MSG_DONTWAIT, MSG_TRUNC) or,
+ * as the kernel does for UDP, has nothing to do for them (MSG_NOSIGNAL,
+ * MSG_WAITALL, MSG_CMSG_CLOEXEC).
+ */
+#define OST_KERNEL_RECV_FLAGS (MSG_ERRQUEUE | MSG_OOB)
 
 static uost_t *
 ost_recv_record(int fd, int flags)
 {
 	uost_t *up;
 
-	if (flags & ~OST_RECV_FLAGS)
+	if (flags & OST_KERNEL_RECV_FLAGS)
 		return NULL;
 	up = ost_find_sd(fd);
 	if (up == NULL || ost_rx_served(up))

@@ -93,7 +93,7 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout);
  * is fetched into it.  With validate, a fetched frame is checked first and
  * a dropped one does not count.  Takes and gives back the receive slot.
  */
-bool ost_rx_ready(uost_t *up, bool validate);
+bool ost_rx_ready(uost_t *up, bool validate, bool *fetched = NULL);
 
 /* Whether the socket has a handle with a filter, the engine's to serve. */
 bool ost_rx_served(uost_t *up);

@@ -58,6 +58,11 @@ ost_close(int fd)
 
 	/* The kernel descriptor goes first; the record after every user left. */
 	ret = real_close(fd);
+	if (ret == 0) {
+		saved_errno = errno;
+		ost_epoll_forget(fd);
+		errno = saved_errno;
+	}
 	if (up != NULL) {
 		saved_errno = errno;
 		ost_del(up, false);

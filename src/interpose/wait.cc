@@ -1,4 +1,6 @@
-/* poll and select; __poll_chk is poll under -D_FORTIFY_SOURCE. */
+/* poll, select and epoll; __poll_chk is poll under -D_FORTIFY_SOURCE. */
+#include <sys/epoll.h>
+
 #include "interpose/interpose.h"
 
 extern "C" [[noreturn]] void __chk_fail(void);
@@ -28,4 +30,59 @@ __poll_chk(struct pollfd *fds, nfds_t nfds, int timeout, size_t fdslen)
 	if (fdslen / sizeof(*fds) < nfds)
 		__chk_fail();
 	return poll(fds, nfds, timeout);
+}
+
+OST_EXPORT int
+epoll_ctl(int epfd, int op, int fd, struct epoll_event *event)
+{
+	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return real_epoll_ctl(epfd, op, fd, event);
+	return ost_epoll_ctl(epfd, op, fd, event);
+}
+
+static hrtime_t
+ost_ms_to_ns(int ms)
+{
+	return ms < 0 ? -1 : (hrtime_t)ms * 1000000;
+}
+
+OST_EXPORT int
+epoll_wait(int epfd, struct epoll_event *evs, int max, int timeout)
+{
+	OST_ENTRY();
+	if (OST_FROM_FRIO() || !ost_epoll_watched(epfd))
+		return real_epoll_pwait(epfd, evs, max, timeout, NULL);
+	return ost_epoll_wait(epfd, evs, max, ost_ms_to_ns(timeout), NULL);
+}
+
+OST_EXPORT int
+epoll_pwait(int epfd, struct epoll_event *evs, int max, int timeout,
+    const sigset_t *mask)
+{
+	OST_ENTRY();
+	if (OST_FROM_FRIO() || !ost_epoll_watched(epfd))
+		return real_epoll_pwait(epfd, evs, max, timeout, mask);
+	return ost_epoll_wait(epfd, evs, max, ost_ms_to_ns(timeout), mask);
+}
+
+OST_EXPORT int
+epoll_pwait2(int epfd, struct epoll_event *evs, int max,
+    const struct timespec *timeout, const sigset_t *mask)
+{
+	OST_ENTRY();
+	if (real_epoll_pwait2 == NULL) {
+		errno = ENOSYS;
+		return -1;
+	}
+	if (OST_FROM_FRIO() || !ost_epoll_watched(epfd) ||
+	    (timeout != NULL &&
+		(timeout->tv_sec < 0 || timeout->tv_nsec < 0 ||
+		    timeout->tv_nsec >= NANOSEC)))
+		return real_epoll_pwait2(epfd, evs, max, timeout, mask);
+	return ost_epoll_wait(epfd, evs, max,
+	    timeout == NULL ?
+		-1 :
+		(hrtime_t)timeout->tv_sec * NANOSEC + timeout->tv_nsec,
+	    mask);
 }

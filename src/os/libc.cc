@@ -33,6 +33,10 @@ ssize_t (*real_readv)(int, const struct iovec *, int);
 ssize_t (*real_writev)(int, const struct iovec *, int);
 int (*real_select)(int, fd_set *, fd_set *, fd_set *, struct timeval *);
 ssize_t (*real_write)(int, const void *, size_t);
+int (*real_epoll_ctl)(int, int, int, struct epoll_event *);
+int (*real_epoll_pwait)(int, struct epoll_event *, int, int, const sigset_t *);
+int (*real_epoll_pwait2)(int, struct epoll_event *, int,
+    const struct timespec *, const sigset_t *);
 int (*real_pselect)(int, fd_set *, fd_set *, fd_set *, const struct timespec *,
     const sigset_t *);
 int (*real_execv)(const char *, char *const[]);
@@ -97,6 +101,11 @@ ost_libc_init(void)
 	lookup(&real_select, "select");
 	lookup(&real_write, "write");
 	lookup(&real_pselect, "pselect");
+	lookup(&real_epoll_ctl, "epoll_ctl");
+	lookup(&real_epoll_pwait, "epoll_pwait");
+	/* glibc 2.35 and later; null before. */
+	real_epoll_pwait2 = reinterpret_cast<decltype(real_epoll_pwait2)>(
+	    dlsym(RTLD_NEXT, "epoll_pwait2"));
 	lookup(&real_execv, "execv");
 	lookup(&real_execve, "execve");
 	lookup(&real_execvp, "execvp");

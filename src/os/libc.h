@@ -12,6 +12,7 @@
 #include <errno.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/epoll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/types.h>
@@ -46,6 +47,11 @@ extern ssize_t (*real_readv)(int, const struct iovec *, int);
 extern ssize_t (*real_writev)(int, const struct iovec *, int);
 extern int (*real_select)(int, fd_set *, fd_set *, fd_set *, struct timeval *);
 extern ssize_t (*real_write)(int, const void *, size_t);
+extern int (*real_epoll_ctl)(int, int, int, struct epoll_event *);
+extern int (
+    *real_epoll_pwait)(int, struct epoll_event *, int, int, const sigset_t *);
+extern int (*real_epoll_pwait2)(int, struct epoll_event *, int,
+    const struct timespec *, const sigset_t *); /* null before glibc 2.35 */
 extern int (*real_pselect)(int, fd_set *, fd_set *, fd_set *,
     const struct timespec *, const sigset_t *);
 extern int (*real_execv)(const char *, char *const[]);
