@@ -28,7 +28,29 @@
 #include "os/frio_loader.h"
 
 #define OST_POLL_SLICE_MS 50
-#define OST_NEVER         INT64_MAX
+
+/*
+ * The signal mask of the ppoll or pselect this thread is in, or null.
+ * While it is set every signal is blocked, and each kernel wait runs with
+ * this mask instead, so that a signal is delivered exactly where the
+ * application's call would have let it in, and ends the call.
+ */
+static __thread const sigset_t *ost_wait_mask
+    __attribute__((tls_model("initial-exec")));
+
+static int
+ost_kpoll(struct pollfd *fds, nfds_t nfds, int ms)
+{
+	const sigset_t *mask = ost_wait_mask;
+	struct timespec ts;
+
+	if (mask == NULL)
+		return real_poll(fds, nfds, ms);
+	ts.tv_sec = ms / 1000;
+	ts.tv_nsec = (long)(ms % 1000) * 1000000;
+	return real_ppoll(fds, nfds, ms < 0 ? NULL : &ts, mask);
+}
+#define OST_NEVER INT64_MAX
 
 #define OST_POLL_READ (POLLIN | POLLRDNORM)
 
@@ -271,7 +293,7 @@ restart:
 	if (ost_pollset_open(&ps, fds, nfds) != 0)
 		return -1;
 	if (ps.ps_nb == 0 && self == NULL)
-		return real_poll(fds, nfds, ost_ms_left(deadline));
+		return ost_kpoll(fds, nfds, ost_ms_left(deadline));
 	for (;;) {
 		bool any = ost_pollset_arm(&ps, fds, nfds);
 		int wait = any ? 0 : ost_ms_left(deadline);
@@ -280,7 +302,7 @@ restart:
 		/* Slices, so that a teardown of one of ours is seen. */
 		if (wait < 0 || wait > OST_POLL_SLICE_MS)
 			wait = OST_POLL_SLICE_MS;
-		ret = real_poll(ps.ps_kfds, nfds + ps.ps_nb, wait);
+		ret = ost_kpoll(ps.ps_kfds, nfds + ps.ps_nb, wait);
 		if (ret < 0)
 			break;
 		ret = ost_pollset_collect(&ps, fds, nfds, ret > 0 && !any);
@@ -342,8 +364,13 @@ restart:
 		 * OST_KERNEL_CHECK_NS: one system call for the whole set. */
 		if (kernel) {
 			memcpy(kfds, fds, nfds * sizeof(*kfds));
-			if (real_poll(kfds, nfds, 0) < 0)
+			if (ost_kpoll(kfds, nfds, 0) < 0) {
+				if (errno == EINTR) {
+					n = -1;
+					break;
+				}
 				kernel = false;
+			}
 			kernel_due = gethrtime() + OST_KERNEL_CHECK_NS;
 		}
 		for (nfds_t i = 0; i < nfds; i++) {
@@ -373,8 +400,11 @@ restart:
 		}
 		ost_sleep(recv_sleep_time);
 	}
+	int err = errno;
+
 	ost_release_tbl(tbl, nfds); /* each asserts the count is above 1 */
 	free(tbl);
+	errno = err;
 	return n;
 }
 
@@ -619,8 +649,11 @@ ost_select_deadline(const struct timeval *timeout)
  */
 static int
 ost_select_spin(int nfds, fd_set *sets[3], fd_set *const saved[3],
-    struct timeval *timeout, hrtime_t *deadline, const sigset_t *caller)
+    struct timeval *timeout, hrtime_t *deadline, const sigset_t *caller,
+    const sigset_t *mask)
 {
+	/* The mask of the kernel's passes: pselect's, else the caller's. */
+	const sigset_t *pass = mask != NULL ? mask : caller;
 	int lim = nfds < FD_SETSIZE ? nfds : FD_SETSIZE;
 	hrtime_t spin_end = 0;
 
@@ -637,13 +670,23 @@ ost_select_spin(int nfds, fd_set *sets[3], fd_set *const saved[3],
 			/* Nothing of ours in the sets: the kernel may sleep,
 			 * and a signal may end the wait, as without us.  It
 			 * writes the time left itself. */
+			if (mask != NULL) {
+				struct timespec ts;
+				hrtime_t left = *deadline - gethrtime();
+
+				if (left < 0)
+					left = 0;
+				ts.tv_sec = (time_t)(left / NANOSEC);
+				ts.tv_nsec = (long)(left % NANOSEC);
+				return real_pselect(nfds, sets[0], sets[1],
+				    sets[2], *deadline != 0 ? &ts : NULL, mask);
+			}
 			*deadline = 0;
 			(void)pthread_sigmask(SIG_SETMASK, caller, NULL);
 			return real_select(nfds, sets[0], sets[1], sets[2],
 			    timeout);
 		}
-		k = real_pselect(nfds, sets[0], sets[1], sets[2], &zero,
-		    caller);
+		k = real_pselect(nfds, sets[0], sets[1], sets[2], &zero, pass);
 		if (k == -1 && errno == EINTR)
 			return k;
 		if (sp.sp_n > 0) {
@@ -668,7 +711,11 @@ ost_select_spin(int nfds, fd_set *sets[3], fd_set *const saved[3],
 		if (spin_end == 0) {
 			spin_end = gethrtime() + OST_SELECT_SPIN_NS;
 		} else if (gethrtime() >= spin_end) {
-			(void)pthread_sigmask(SIG_SETMASK, caller, NULL);
+			/* pselect keeps signals blocked: its mask goes into
+			 * the kernel's sleeps. */
+			if (mask == NULL)
+				(void)pthread_sigmask(SIG_SETMASK, caller,
+				    NULL);
 			return ost_select_by_poll(lim, sets[0], sets[1],
 			    sets[2], *deadline);
 		}
@@ -677,7 +724,7 @@ ost_select_spin(int nfds, fd_set *sets[3], fd_set *const saved[3],
 
 int
 ost_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
-    struct timeval *timeout)
+    struct timeval *timeout, const sigset_t *mask)
 {
 	fd_set *sets[3] = { readfds, writefds, errorfds };
 	fd_set saved_sets[3];
@@ -701,8 +748,11 @@ ost_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
 
 	(void)sigfillset(&all);
 	(void)pthread_sigmask(SIG_BLOCK, &all, &caller);
-	k = ost_select_spin(nfds, sets, saved, timeout, &deadline, &caller);
+	ost_wait_mask = mask;
+	k = ost_select_spin(nfds, sets, saved, timeout, &deadline, &caller,
+	    mask);
 	err = errno;
+	ost_wait_mask = NULL;
 	(void)pthread_sigmask(SIG_SETMASK, &caller, NULL);
 	if (deadline != 0) {
 		hrtime_t left = deadline - gethrtime();
@@ -714,4 +764,81 @@ ost_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
 	}
 	errno = err;
 	return k;
+}
+
+/* Whether fds name a bypass socket. */
+static bool
+ost_poll_any_bypass(const struct pollfd *fds, nfds_t nfds)
+{
+	for (nfds_t i = 0; i < nfds; i++) {
+		uost_t *up = ost_find_sd(fds[i].fd);
+
+		if (up != NULL) {
+			ost_release(up);
+			return true;
+		}
+	}
+	return false;
+}
+
+/* A time-out as poll's milliseconds, rounded up; -1 for none. */
+static int
+ost_ts_to_ms(const struct timespec *ts)
+{
+	hrtime_t ms;
+
+	if (ts == NULL)
+		return -1;
+	ms = (hrtime_t)ts->tv_sec * 1000 + (ts->tv_nsec + 999999) / 1000000;
+	return ms > INT_MAX ? INT_MAX : (int)ms;
+}
+
+static bool
+ost_ts_valid(const struct timespec *ts)
+{
+	return ts == NULL ||
+	    (ts->tv_sec >= 0 && ts->tv_nsec >= 0 && ts->tv_nsec < NANOSEC);
+}
+
+int
+ost_ppoll(struct pollfd *fds, nfds_t nfds, const struct timespec *timeout,
+    const sigset_t *mask)
+{
+	sigset_t all, caller;
+	int r, err;
+
+	if (!ost_ts_valid(timeout) || !ost_poll_any_bypass(fds, nfds))
+		return real_ppoll(fds, nfds, timeout, mask);
+	(void)sigfillset(&all);
+	(void)pthread_sigmask(SIG_BLOCK, &all, &caller);
+	ost_wait_mask = mask != NULL ? mask : &caller;
+	r = ost_poll(fds, nfds, ost_ts_to_ms(timeout));
+	err = errno;
+	ost_wait_mask = NULL;
+	(void)pthread_sigmask(SIG_SETMASK, &caller, NULL);
+	errno = err;
+	return r;
+}
+
+int
+ost_pselect(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
+    const struct timespec *timeout, const sigset_t *mask)
+{
+	struct timeval tv;
+	sigset_t caller;
+
+	if (!ost_ts_valid(timeout) ||
+	    !ost_select_any_bypass(nfds, readfds, writefds))
+		return real_pselect(nfds, readfds, writefds, errorfds, timeout,
+		    mask);
+	if (timeout != NULL) {
+		tv.tv_sec = timeout->tv_sec;
+		tv.tv_usec = (suseconds_t)((timeout->tv_nsec + 999) / 1000);
+	}
+	if (mask == NULL) {
+		(void)pthread_sigmask(SIG_SETMASK, NULL, &caller);
+		mask = &caller;
+	}
+	return ost_select(nfds, readfds, writefds, errorfds,
+	    timeout != NULL ? &tv : NULL, mask);
 }

@@ -129,6 +129,11 @@ int busy_poll(struct pollfd *fds, nfds_t nfds, hrtime_t timeout);
  */
 int ost_poll_wait(uost_t *self, struct pollfd *fds, nfds_t nfds, int timeout);
 int ost_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
-    struct timeval *timeout);
+    struct timeval *timeout, const sigset_t *mask = NULL);
+/* ppoll and pselect: signals get in only through mask, as in the kernel. */
+int ost_ppoll(struct pollfd *fds, nfds_t nfds, const struct timespec *timeout,
+    const sigset_t *mask);
+int ost_pselect(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
+    const struct timespec *timeout, const sigset_t *mask);
 
 #endif /* OST_CORE_RECEIVE_H */

@@ -25,6 +25,35 @@ select(int nfds, fd_set *rfds, fd_set *wfds, fd_set *efds,
 }
 
 OST_EXPORT int
+ppoll(struct pollfd *fds, nfds_t nfds, const struct timespec *timeout,
+    const sigset_t *mask)
+{
+	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return real_ppoll(fds, nfds, timeout, mask);
+	return ost_ppoll(fds, nfds, timeout, mask);
+}
+
+OST_EXPORT int
+pselect(int nfds, fd_set *rfds, fd_set *wfds, fd_set *efds,
+    const struct timespec *timeout, const sigset_t *mask)
+{
+	OST_ENTRY();
+	if (OST_FROM_FRIO())
+		return real_pselect(nfds, rfds, wfds, efds, timeout, mask);
+	return ost_pselect(nfds, rfds, wfds, efds, timeout, mask);
+}
+
+OST_EXPORT int
+__ppoll_chk(struct pollfd *fds, nfds_t nfds, const struct timespec *timeout,
+    const sigset_t *mask, size_t fdslen)
+{
+	if (fdslen / sizeof(*fds) < nfds)
+		__chk_fail();
+	return ppoll(fds, nfds, timeout, mask);
+}
+
+OST_EXPORT int
 __poll_chk(struct pollfd *fds, nfds_t nfds, int timeout, size_t fdslen)
 {
 	if (fdslen / sizeof(*fds) < nfds)

@@ -28,6 +28,8 @@ int (*real_fcntl)(int, int, ...);
 int (*real_fcntl64)(int, int, ...);
 int (*real_ioctl)(int, unsigned long, ...);
 int (*real_poll)(struct pollfd *, nfds_t, int);
+int (*real_ppoll)(struct pollfd *, nfds_t, const struct timespec *,
+    const sigset_t *);
 ssize_t (*real_read)(int, void *, size_t);
 ssize_t (*real_readv)(int, const struct iovec *, int);
 ssize_t (*real_writev)(int, const struct iovec *, int);
@@ -95,6 +97,7 @@ ost_libc_init(void)
 	lookup(&real_fcntl64, "fcntl64");
 	lookup(&real_ioctl, "ioctl");
 	lookup(&real_poll, "poll");
+	lookup(&real_ppoll, "ppoll");
 	lookup(&real_read, "read");
 	lookup(&real_readv, "readv");
 	lookup(&real_writev, "writev");

@@ -42,6 +42,8 @@ extern int (*real_fcntl)(int, int, ...);
 extern int (*real_fcntl64)(int, int, ...);
 extern int (*real_ioctl)(int, unsigned long, ...);
 extern int (*real_poll)(struct pollfd *, nfds_t, int);
+extern int (*real_ppoll)(struct pollfd *, nfds_t, const struct timespec *,
+    const sigset_t *);
 extern ssize_t (*real_read)(int, void *, size_t);
 extern ssize_t (*real_readv)(int, const struct iovec *, int);
 extern ssize_t (*real_writev)(int, const struct iovec *, int);
