@@ -45,6 +45,10 @@ typedef enum {
 #define OST_KERNEL_CHECK_NS (20 * 1000)
 #define OST_MAX_GROUPS      20 /* the kernel's default IP_MAX_MEMBERSHIPS */
 
+/* uost_rx_cmsgs: the receive time's cmsg type, and the address bit. */
+#define OST_RX_STAMP_MASK 0xffU
+#define OST_RX_PKTINFO    0x100U
+
 /*
  * One bypass socket.  Fields are read and written under uost_lock unless
  * said otherwise; uost_list belongs to the bucket lock.  The frame template
@@ -90,10 +94,20 @@ typedef struct uost_s {
 	bool uost_closing;      /* read unlocked, through a trylock */
 	bool uost_receiving;
 	bool uost_want_recv;
-	bool uost_sd_closed;      /* close() ran while another teardown owned
+	bool uost_sd_closed; /* close() ran while another teardown owned
 				   the record: leave the descriptor alone */
+	/*
+	 * The control data a datagram from the ring comes with: the cmsg
+	 * type of the receive time (the SO_TIMESTAMP* option last set, 0 for
+	 * none) in the low byte, OST_RX_PKTINFO for IP_PKTINFO or
+	 * IPV6_RECVPKTINFO.  Read unlocked by receivers.
+	 */
+	uint32_t uost_rx_cmsgs;
 	char *uost_recv_buf;      /* OST_RECV_BUF_SIZE bytes */
 	size_t uost_recv_buf_len; /* 0: empty; the receive slot */
+	/* The stashed frame's receive time, once one was taken; the slot. */
+	struct timespec uost_recv_buf_ts;
+	bool uost_recv_buf_stamped;
 	/* Owned by the holder of the receive slot: */
 	hrtime_t uost_kernel_due; /* next look at the kernel socket */
 	bool uost_kernel_peeked;  /* a peek came from the kernel socket */
