@@ -266,6 +266,17 @@ TEST_P(Recv, ControlData)
 	EXPECT_EQ(m.msg_flags, MSG_CTRUNC);
 	EXPECT_EQ(m.msg_controllen, CMSG_SPACE(16) + 20);
 	EXPECT_EQ(CMSG_NXTHDR(&m, CMSG_FIRSTHDR(&m))->cmsg_len, 20u);
+
+	struct mmsghdr v;
+	memset(&v, 0, sizeof(v));
+	v.msg_hdr.msg_iov = &iov;
+	v.msg_hdr.msg_iovlen = 1;
+	v.msg_hdr.msg_control = ctl;
+	v.msg_hdr.msg_controllen = sizeof(ctl);
+	s.inject("d");
+	ASSERT_EQ(ost_recvmmsg_call(s.fd, &v, 1, 0, nullptr), 1);
+	EXPECT_EQ(v.msg_hdr.msg_controllen,
+	    CMSG_SPACE(16) + CMSG_SPACE(pi_len));
 }
 
 TEST_P(Recv, ReceiveCalls)
