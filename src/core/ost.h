@@ -94,15 +94,8 @@ typedef struct uost_s {
 	bool uost_closing;      /* read unlocked, through a trylock */
 	bool uost_receiving;
 	bool uost_want_recv;
-	bool uost_sd_closed; /* close() ran while another teardown owned
+	bool uost_sd_closed;      /* close() ran while another teardown owned
 				   the record: leave the descriptor alone */
-	/*
-	 * The control data a datagram from the ring comes with: the cmsg
-	 * type of the receive time (the SO_TIMESTAMP* option last set, 0 for
-	 * none) in the low byte, OST_RX_PKTINFO for IP_PKTINFO or
-	 * IPV6_RECVPKTINFO.  Read unlocked by receivers.
-	 */
-	uint32_t uost_rx_cmsgs;
 	char *uost_recv_buf;      /* OST_RECV_BUF_SIZE bytes */
 	size_t uost_recv_buf_len; /* 0: empty; the receive slot */
 	/* The stashed frame's receive time, once one was taken; the slot. */
@@ -121,6 +114,13 @@ typedef struct uost_s {
 	so_ost_stats_t uost_stats;
 	list_node_t uost_list;      /* bucket lock */
 	struct fd_tbl *uost_bucket; /* immutable */
+	/*
+	 * The control data a datagram from the ring comes with: the cmsg
+	 * type of the receive time (the SO_TIMESTAMP* option last set, 0 for
+	 * none) in the low byte, OST_RX_PKTINFO for IP_PKTINFO or
+	 * IPV6_RECVPKTINFO.  Read unlocked by receivers.
+	 */
+	uint32_t uost_rx_cmsgs;
 } uost_t;
 
 /* One registry bucket, padded so that neighbours' locks do not share a line. */
