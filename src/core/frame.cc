@@ -18,6 +18,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "core/addr.h"
 #include "core/receive.h"
 
 /* Offsets from the first byte of the Ethernet header. */
@@ -244,4 +245,104 @@ ost_copy_pkt(uost_t *up, struct msghdr *msg, void *frame, size_t len)
 	size_t whole;
 
 	return ost_copy_pkt_cut(up, msg, frame, len, &whole);
+}
+
+/* Where the next control message goes, and what is left of the buffer. */
+typedef struct ost_cmsg_out {
+	uint8_t *co_p;
+	size_t co_left;
+	int co_flags;
+} ost_cmsg_out_t;
+
+static bool
+ost_cmsg_room(const ost_cmsg_out_t *o)
+{
+	return o->co_p != NULL && o->co_left >= sizeof(struct cmsghdr);
+}
+
+/* As the kernel's put_cmsg: a message cut to what is left, then none. */
+static void
+ost_put_cmsg(ost_cmsg_out_t *o, int level, int type, const void *data,
+    size_t len)
+{
+	struct cmsghdr h;
+	size_t step = CMSG_SPACE(len);
+
+	memset(&h, 0, sizeof(h));
+	h.cmsg_len = CMSG_LEN(len);
+	h.cmsg_level = level;
+	h.cmsg_type = type;
+	if (!ost_cmsg_room(o)) {
+		o->co_flags |= MSG_CTRUNC;
+		return;
+	}
+	if (o->co_left < h.cmsg_len) {
+		o->co_flags |= MSG_CTRUNC;
+		h.cmsg_len = o->co_left;
+	}
+	memcpy(o->co_p, &h, sizeof(h));
+	memcpy(o->co_p + CMSG_LEN(0), data, h.cmsg_len - CMSG_LEN(0));
+	if (step > o->co_left)
+		step = o->co_left;
+	o->co_p += step;
+	o->co_left -= step;
+}
+
+/*
+ * The kernel's order: the socket's receive time first, then the IP
+ * level's packet information.  A group's datagram names an address of the
+ * interface as its local one; the socket's own is that address.
+ */
+void
+ost_pkt_cmsgs(const uost_t *up, struct msghdr *msg, const void *frame,
+    const struct timespec *ts)
+{
+	uint32_t want = __atomic_load_n(&up->uost_rx_cmsgs, __ATOMIC_RELAXED);
+	const ost_pkt_layout_t *l = ost_layout(up);
+	const uint8_t *dst = (const uint8_t *)frame + l->pl_dst;
+	ost_cmsg_out_t o = { (uint8_t *)msg->msg_control, msg->msg_controllen,
+		0 };
+	int stamp = (int)(want & OST_RX_STAMP_MASK);
+
+	if (stamp != 0) {
+		struct timespec now = {};
+		int64_t t[2];
+
+		if (ts == NULL && ost_cmsg_room(&o)) {
+			(void)clock_gettime(CLOCK_REALTIME, &now);
+			ts = &now;
+		} else if (ts == NULL) {
+			ts = &now;
+		}
+		/* timeval or timespec: two 64-bit fields either way here. */
+		t[0] = ts->tv_sec;
+		t[1] = stamp == SO_TIMESTAMP_OLD || stamp == SO_TIMESTAMP_NEW ?
+		    ts->tv_nsec / 1000 :
+		    ts->tv_nsec;
+		ost_put_cmsg(&o, SOL_SOCKET, stamp, t, sizeof(t));
+	}
+	if (want & OST_RX_PKTINFO) {
+		if (up->uost_is_v6) {
+			struct in6_pktinfo pi;
+
+			memcpy(&pi.ipi6_addr, dst, sizeof(pi.ipi6_addr));
+			pi.ipi6_ifindex = up->uost_if_index;
+			ost_put_cmsg(&o, SOL_IPV6, IPV6_PKTINFO, &pi,
+			    sizeof(pi));
+		} else {
+			struct in_pktinfo pi;
+
+			pi.ipi_ifindex = (int)up->uost_if_index;
+			memcpy(&pi.ipi_addr, dst, sizeof(pi.ipi_addr));
+			if ((dst[0] & l->pl_group_mask) == l->pl_group)
+				pi.ipi_spec_dst.s_addr =
+				    ost_unmap_v4(&up->uost_laddr_v6);
+			else
+				pi.ipi_spec_dst = pi.ipi_addr;
+			ost_put_cmsg(&o, SOL_IP, IP_PKTINFO, &pi, sizeof(pi));
+		}
+	}
+	msg->msg_controllen =
+	    o.co_p == NULL ? 0 : (size_t)(o.co_p - (uint8_t *)msg->msg_control);
+	msg->msg_flags = o.co_flags;
 }

@@ -45,6 +45,10 @@ typedef enum {
 #define OST_KERNEL_CHECK_NS (20 * 1000)
 #define OST_MAX_GROUPS      20 /* the kernel's default IP_MAX_MEMBERSHIPS */
 
+/* uost_rx_cmsgs: the receive time's cmsg type, and the address bit. */
+#define OST_RX_STAMP_MASK 0xffU
+#define OST_RX_PKTINFO    0x100U
+
 /*
  * One bypass socket.  Fields are read and written under uost_lock unless
  * said otherwise; uost_list belongs to the bucket lock.  The frame template
@@ -94,6 +98,9 @@ typedef struct uost_s {
 				   the record: leave the descriptor alone */
 	char *uost_recv_buf;      /* OST_RECV_BUF_SIZE bytes */
 	size_t uost_recv_buf_len; /* 0: empty; the receive slot */
+	/* The stashed frame's receive time, once one was taken; the slot. */
+	struct timespec uost_recv_buf_ts;
+	bool uost_recv_buf_stamped;
 	/* Owned by the holder of the receive slot: */
 	hrtime_t uost_kernel_due; /* next look at the kernel socket */
 	bool uost_kernel_peeked;  /* a peek came from the kernel socket */
@@ -110,6 +117,13 @@ typedef struct uost_s {
 	so_ost_stats_t uost_stats;
 	list_node_t uost_list;      /* bucket lock */
 	struct fd_tbl *uost_bucket; /* immutable */
+	/*
+	 * The control data a datagram from the ring comes with: the cmsg
+	 * type of the receive time (the SO_TIMESTAMP* option last set, 0 for
+	 * none) in the low byte, OST_RX_PKTINFO for IP_PKTINFO or
+	 * IPV6_RECVPKTINFO.  Read unlocked by receivers.
+	 */
+	uint32_t uost_rx_cmsgs;
 } uost_t;
 
 /* One registry bucket, padded so that neighbours' locks do not share a line. */

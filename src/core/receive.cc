@@ -83,6 +83,24 @@ ost_seen_closing(uost_t *up)
 	return closing;
 }
 
+/*
+ * The stashed frame's receive time, taken when it is first delivered, so
+ * that a peek and the receive after it tell the same time; null when no
+ * option asks for it.
+ */
+static const struct timespec *
+ost_stash_time(uost_t *up)
+{
+	if ((__atomic_load_n(&up->uost_rx_cmsgs, __ATOMIC_RELAXED) &
+		OST_RX_STAMP_MASK) == 0)
+		return NULL;
+	if (!up->uost_recv_buf_stamped) {
+		(void)clock_gettime(CLOCK_REALTIME, &up->uost_recv_buf_ts);
+		up->uost_recv_buf_stamped = true;
+	}
+	return &up->uost_recv_buf_ts;
+}
+
 /* Delivers the stashed frame; -1 when validation drops it. */
 static ssize_t
 ost_recv_stash(uost_t *up, struct msghdr *msg, int flags, size_t *whole)
@@ -91,11 +109,13 @@ ost_recv_stash(uost_t *up, struct msghdr *msg, int flags, size_t *whole)
 	ssize_t n;
 
 	OST_VERIFY(up->uost_recv_buf != NULL);
-	if (!(flags & MSG_PEEK))
-		up->uost_recv_buf_len = 0;
 	n = ost_copy_pkt_cut(up, msg, up->uost_recv_buf, len, whole);
-	if (n < 0)
+	if (n >= 0)
+		ost_pkt_cmsgs(up, msg, up->uost_recv_buf, ost_stash_time(up));
+	if (n < 0 || !(flags & MSG_PEEK)) {
 		up->uost_recv_buf_len = 0;
+		up->uost_recv_buf_stamped = false;
+	}
 	return n;
 }
 
@@ -123,6 +143,9 @@ ost_recv_handle(uost_t *up, struct msghdr *msg, int flags, size_t *whole)
 			kept = true;
 		}
 		n = ost_copy_pkt_cut(up, msg, frame, rx.ur_pkt_len, whole);
+		if (n >= 0)
+			ost_pkt_cmsgs(up, msg, frame,
+			    kept ? ost_stash_time(up) : NULL);
 		(void)ost_frio->rx_put(up->uost_frio_hdl, frame);
 		if (n < 0 && kept)
 			up->uost_recv_buf_len = 0;
@@ -272,8 +295,9 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 
 delivered:
 	if (!from_kernel) {
-		msg->msg_controllen = 0;
-		msg->msg_flags = whole > (size_t)n ? MSG_TRUNC : 0;
+		/* ost_pkt_cmsgs set the control data and MSG_CTRUNC. */
+		if (whole > (size_t)n)
+			msg->msg_flags |= MSG_TRUNC;
 		/* As the kernel: MSG_TRUNC asks for the datagram's length. */
 		if (flags & MSG_TRUNC)
 			n = (ssize_t)whole;

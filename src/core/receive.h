@@ -67,6 +67,16 @@ ssize_t ost_copy_pkt_cut(uost_t *up, struct msghdr *msg, const void *frame,
     size_t len, size_t *whole);
 
 /*
+ * The control data the kernel would give with the socket's accepted frame,
+ * as its put_cmsg writes it: the receive time (*ts, or the clock now when
+ * ts is null and there is room for it), then the packet information, into
+ * msg_control.  What does not fit is cut and msg_flags says MSG_CTRUNC;
+ * msg_controllen becomes the bytes written, 0 when no option asks.
+ */
+void ost_pkt_cmsgs(const uost_t *up, struct msghdr *msg, const void *frame,
+    const struct timespec *ts);
+
+/*
  * The receive slot: one thread at a time uses the stash and the handle's
  * receive side.  ost_recv_slot_take returns false without the slot when
  * leave_if_closing is set and the socket is being torn down.
@@ -82,8 +92,8 @@ bool ost_seen_closing(uost_t *up);
 /*
  * One datagram into msg; timeout in nanoseconds, 0 for none.  Consumes
  * the caller's reference.  Bytes copied, or -1 with errno.  On delivery
- * msg_controllen is 0 and msg_flags says MSG_TRUNC when the datagram was
- * cut.
+ * from the ring msg_control holds what ost_pkt_cmsgs gives and msg_flags
+ * also says MSG_TRUNC when the datagram was cut.
  */
 ssize_t
 ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout);

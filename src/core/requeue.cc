@@ -117,6 +117,7 @@ ost_requeue_locked(uost_t *up)
 		else
 			lost++;
 		up->uost_recv_buf_len = 0;
+		up->uost_recv_buf_stamped = false;
 	}
 	for (unsigned i = 0; i < OST_REQUEUE_MAX &&
 	     ost_frio->rx_get(up->uost_frio_hdl, &rx, &frame) == FRIO_STATUS_OK;

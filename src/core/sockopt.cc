@@ -3,8 +3,9 @@
  * the kernel socket holds every setting and stays a correct fallback.
  * Then, for a bypass socket, the options that shape our frames are copied
  * into the template, the multicast ones are carried out on the handle, and
- * the ones the bypass path cannot honour (ancillary data, error queues,
- * routing and delivery rules it does not follow) take the socket off it.
+ * the ones the bypass path cannot honour (ancillary data other than the
+ * receive time and the packet information, error queues, routing and
+ * delivery rules it does not follow) take the socket off it.
  * The kernel accepted the value with its length, so it is read as the
  * option's own type.
  */
@@ -34,7 +35,6 @@ ost_v4_opt_leaves(int optname)
 	case IP_UNBLOCK_SOURCE:
 	case IP_ADD_SOURCE_MEMBERSHIP:
 	case IP_DROP_SOURCE_MEMBERSHIP:
-	case IP_PKTINFO:
 	case IP_MTU_DISCOVER:
 	case IP_IPSEC_POLICY:
 	case IP_XFRM_POLICY:
@@ -74,7 +74,6 @@ ost_v6_opt_leaves(int optname)
 	case IPV6_DSTOPTS:
 	case IPV6_RTHDR:
 	case IPV6_RTHDRDSTOPTS:
-	case IPV6_RECVPKTINFO:
 	case IPV6_RECVHOPLIMIT:
 	case IPV6_RECVHOPOPTS:
 	case IPV6_RECVRTHDR:
@@ -127,10 +126,6 @@ ost_socket_opt_leaves(int level, int optname)
 	if (level != SOL_SOCKET)
 		return false;
 	switch (optname) {
-	case SO_TIMESTAMP_OLD:
-	case SO_TIMESTAMP_NEW:
-	case SO_TIMESTAMPNS_OLD:
-	case SO_TIMESTAMPNS_NEW:
 	case SO_TIMESTAMPING_OLD:
 	case SO_TIMESTAMPING_NEW:
 	case SO_RXQ_OVFL:
@@ -144,6 +139,14 @@ ost_socket_opt_leaves(int level, int optname)
 	default:
 		return false;
 	}
+}
+
+/* The receive-time options the bypass path answers itself. */
+static bool
+ost_is_stamp_opt(int optname)
+{
+	return optname == SO_TIMESTAMP_OLD || optname == SO_TIMESTAMP_NEW ||
+	    optname == SO_TIMESTAMPNS_OLD || optname == SO_TIMESTAMPNS_NEW;
 }
 
 /* Whether the cached peer is a group (IPv4 peers are held mapped). */
@@ -173,6 +176,22 @@ ost_opt_int(const void *optval, socklen_t optlen)
 		return v;
 	}
 	return *(const uint8_t *)optval;
+}
+
+/*
+ * The control data of datagrams from the ring: bits of uost_rx_cmsgs set
+ * or cleared.  The receive time's option carries its own cmsg type, the
+ * SO_TIMESTAMP* value itself; as in the kernel the last one set is the
+ * one, and any of them set to 0 turns the receive time off.
+ */
+static int
+ost_set_rx_cmsgs(uost_t *up, uint32_t mask, uint32_t bits)
+{
+	(void)pthread_mutex_lock(&up->uost_lock);
+	__atomic_store_n(&up->uost_rx_cmsgs, (up->uost_rx_cmsgs & ~mask) | bits,
+	    __ATOMIC_RELAXED);
+	(void)pthread_mutex_unlock(&up->uost_lock);
+	return OST_OPT_KEEP;
 }
 
 /* -1 asks for the default again: 0 in the record, 64 in the template. */
@@ -321,6 +340,9 @@ ost_process_v4_opt(uost_t *up, int optname, const void *optval,
 			return OST_OPT_KEEP;
 		return ost_process_mcast_if(up, IP_MULTICAST_IF, &want);
 	}
+	case IP_PKTINFO:
+		return ost_set_rx_cmsgs(up, OST_RX_PKTINFO,
+		    ost_opt_int(optval, optlen) != 0 ? OST_RX_PKTINFO : 0);
 	case IP_ADD_MEMBERSHIP:
 		ost_read_mreq(optval, optlen, &group, &ifaddr, &index);
 		return ost_join_v4(up, &group, index, &ifaddr);
@@ -357,6 +379,9 @@ ost_process_v6_opt(uost_t *up, int optname, const void *optval)
 	case IPV6_MULTICAST_LOOP:
 		ost_set_mc_loop(up, *(const int *)optval != 0);
 		return OST_OPT_KEEP;
+	case IPV6_RECVPKTINFO:
+		return ost_set_rx_cmsgs(up, OST_RX_PKTINFO,
+		    *(const int *)optval != 0 ? OST_RX_PKTINFO : 0);
 	case IPV6_MULTICAST_IF:
 		return ost_process_mcast_if(up, IPV6_MULTICAST_IF, optval);
 	case IPV6_JOIN_GROUP:
@@ -447,6 +472,9 @@ ost_setsockopt(int sd, int level, int optname, const void *optval,
 	else if (level == SOL_SOCKET &&
 	    (optname == SO_RCVTIMEO_OLD || optname == SO_RCVTIMEO_NEW))
 		ret = ost_set_rcvtimeo(up, optval);
+	else if (level == SOL_SOCKET && ost_is_stamp_opt(optname))
+		ret = ost_set_rx_cmsgs(up, OST_RX_STAMP_MASK,
+		    *(const int *)optval != 0 ? (uint32_t)optname : 0);
 	else
 		ret = ost_socket_opt_leaves(level, optname) ? OST_OPT_LEAVE :
 							      OST_OPT_KEEP;

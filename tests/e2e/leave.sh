@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Leaving the bypass loses nothing: datagrams waiting in a preloaded
-# receiver's frame ring when it sets IP_PKTINFO, connects to AF_UNSPEC,
+# receiver's frame ring when it sets IP_RECVTOS, connects to AF_UNSPEC,
 # duplicates the socket or forks are all still read, in order, with their
 # sender's address.  The receiver's kernel InDatagrams shows they were in
 # the ring (it does not move while they wait).  Both backends, both families.
@@ -24,10 +24,10 @@ print("ready", flush=True)
 while not os.path.exists(go):
     time.sleep(0.01)
 r = s
-if action == "pktinfo" and fam == socket.AF_INET:
-    s.setsockopt(socket.IPPROTO_IP, 8, 1)  # IP_PKTINFO
-elif action == "pktinfo":
-    s.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_RECVPKTINFO, 1)
+if action == "recvtos" and fam == socket.AF_INET:
+    s.setsockopt(socket.IPPROTO_IP, socket.IP_RECVTOS, 1)
+elif action == "recvtos":
+    s.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_RECVTCLASS, 1)
 elif action == "unspec":
     if ctypes.CDLL(None).connect(s.fileno(), bytes(28), 28) != 0:
         sys.exit("connect(AF_UNSPEC) failed")
@@ -52,7 +52,7 @@ for backend in xdp packet; do
   export FRIO_BACKEND=$backend
   for dst in "$IP4_B" "$IP6_B"; do
     [ "$dst" = "$IP4_B" ] && src=$IP4_A || src=$IP6_A
-    for action in pktinfo unspec dup dup2 fork; do
+    for action in recvtos unspec dup dup2 fork; do
       port=$((20000 + RANDOM % 20000))
       rm -f "$NETNS_TMP/go"
       bg "$NS_B" env LD_PRELOAD="$OSTREL_LIB" "$PYTHON3" "$NETNS_TMP/leave.py" "$dst" \

@@ -63,12 +63,13 @@ TEST_P(Recv, Verdicts)
 	const size_t port = off() - 5, addr = off() - 9;
 	const struct {
 		const char *what;
-		size_t len, at;	/* cut or padded to len, byte at changed */
+		size_t len, at; /* cut or padded to len, byte at changed */
 		int val;
 		ost_pkt_verdict_t verdict;
 	} cases[] = {
 		{ "as sent", n, 0, base[0], OST_PKT_ACCEPT },
-		{ "Ethernet padding", v ? 80u : 60u, 0, base[0], OST_PKT_ACCEPT },
+		{ "Ethernet padding", v ? 80u : 60u, 0, base[0],
+		    OST_PKT_ACCEPT },
 		{ "to a group", n, dst, v ? 0xff : 0xe0, OST_PKT_ACCEPT },
 		{ "no UDP header", off() - 1, 0, base[0], OST_PKT_SHORT },
 		{ "IP length below the headers", n, v ? 19u : 17u, v ? 7 : 27,
@@ -191,6 +192,91 @@ TEST_P(Recv, StashPeekAndNonBlocking)
 	s.inject(big);
 	EXPECT_FALSE(ost_rx_ready(s.up, true));
 	EXPECT_EQ(frio_mem_rx_pending(s.hdl), 0);
+}
+
+/*
+ * The ring's control data: none until asked for; then the receive time
+ * and the packet information, the same time for a peek and the receive
+ * after it; what does not fit is cut.
+ */
+TEST_P(Recv, ControlData)
+{
+	alignas(struct cmsghdr) char ctl[256];
+	char buf[16];
+	struct iovec iov = { buf, sizeof(buf) };
+	struct msghdr m;
+	int on = 1;
+	auto rx = [&](int flags, size_t clen) {
+		memset(&m, 0, sizeof(m));
+		m.msg_iov = &iov;
+		m.msg_iovlen = 1;
+		m.msg_control = ctl;
+		m.msg_controllen = clen;
+		return ost_recvmsg_call(s.fd, &m, flags);
+	};
+	size_t pi_len =
+	    v6() ? sizeof(struct in6_pktinfo) : sizeof(struct in_pktinfo);
+
+	s.inject("a");
+	EXPECT_EQ(rx(0, sizeof(ctl)), 1);
+	EXPECT_EQ(m.msg_controllen, 0u);
+	EXPECT_EQ(m.msg_flags, 0);
+
+	ASSERT_EQ(ost_setsockopt(s.fd, SOL_SOCKET, SO_TIMESTAMPNS, &on,
+		      sizeof(on)),
+	    0);
+	ASSERT_EQ(v6() ?
+		ost_setsockopt(s.fd, IPPROTO_IPV6, IPV6_RECVPKTINFO, &on,
+		    sizeof(on)) :
+		ost_setsockopt(s.fd, IPPROTO_IP, IP_PKTINFO, &on, sizeof(on)),
+	    0);
+	ASSERT_EQ(record(s.fd), s.up);
+	s.up->uost_if_index = 7;
+	s.inject("b");
+	ASSERT_EQ(rx(MSG_PEEK, sizeof(ctl)), 1);
+	struct timespec peeked;
+	memcpy(&peeked, CMSG_DATA(CMSG_FIRSTHDR(&m)), sizeof(peeked));
+	ASSERT_EQ(rx(0, sizeof(ctl)), 1);
+	EXPECT_EQ(m.msg_controllen, CMSG_SPACE(16) + CMSG_SPACE(pi_len));
+	struct cmsghdr *c = CMSG_FIRSTHDR(&m);
+	EXPECT_EQ(c->cmsg_level, SOL_SOCKET);
+	EXPECT_EQ(c->cmsg_type, SCM_TIMESTAMPNS);
+	EXPECT_EQ(memcmp(CMSG_DATA(c), &peeked, sizeof(peeked)), 0);
+	c = CMSG_NXTHDR(&m, c);
+	ASSERT_NE(c, nullptr);
+	EXPECT_EQ(c->cmsg_len, CMSG_LEN(pi_len));
+	if (v6()) {
+		struct in6_pktinfo pi;
+		memcpy(&pi, CMSG_DATA(c), sizeof(pi));
+		EXPECT_EQ(c->cmsg_type, IPV6_PKTINFO);
+		EXPECT_EQ(pi.ipi6_ifindex, 7u);
+		EXPECT_TRUE(
+		    IN6_ARE_ADDR_EQUAL(&pi.ipi6_addr, &s.up->uost_laddr_v6));
+	} else {
+		struct in_pktinfo pi;
+		memcpy(&pi, CMSG_DATA(c), sizeof(pi));
+		EXPECT_EQ(c->cmsg_type, IP_PKTINFO);
+		EXPECT_EQ(pi.ipi_ifindex, 7);
+		EXPECT_EQ(pi.ipi_addr.s_addr, htonl(INADDR_LOOPBACK));
+		EXPECT_EQ(pi.ipi_spec_dst.s_addr, htonl(INADDR_LOOPBACK));
+	}
+
+	s.inject("c");
+	ASSERT_EQ(rx(0, CMSG_SPACE(16) + 20), 1);
+	EXPECT_EQ(m.msg_flags, MSG_CTRUNC);
+	EXPECT_EQ(m.msg_controllen, CMSG_SPACE(16) + 20);
+	EXPECT_EQ(CMSG_NXTHDR(&m, CMSG_FIRSTHDR(&m))->cmsg_len, 20u);
+
+	struct mmsghdr v;
+	memset(&v, 0, sizeof(v));
+	v.msg_hdr.msg_iov = &iov;
+	v.msg_hdr.msg_iovlen = 1;
+	v.msg_hdr.msg_control = ctl;
+	v.msg_hdr.msg_controllen = sizeof(ctl);
+	s.inject("d");
+	ASSERT_EQ(ost_recvmmsg_call(s.fd, &v, 1, 0, nullptr), 1);
+	EXPECT_EQ(v.msg_hdr.msg_controllen,
+	    CMSG_SPACE(16) + CMSG_SPACE(pi_len));
 }
 
 TEST_P(Recv, ReceiveCalls)

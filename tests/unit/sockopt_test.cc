@@ -14,11 +14,16 @@ TEST(SockOpt, OptionsTheBypassCannotHonourTakeTheSocketOff)
 		bool keep;
 	} cases[] = {
 		{ AF_INET, IPPROTO_IP, IP_MULTICAST_LOOP, 1, true },
-		{ AF_INET, IPPROTO_IP, IP_PKTINFO, 1, false },
+		{ AF_INET, IPPROTO_IP, IP_PKTINFO, 1, true },
+		{ AF_INET, IPPROTO_IP, IP_RECVTTL, 1, false },
+		{ AF_INET6, IPPROTO_IPV6, IPV6_RECVPKTINFO, 1, true },
+		{ AF_INET6, IPPROTO_IPV6, IPV6_RECVHOPLIMIT, 1, false },
 		{ AF_INET, IPPROTO_IP, IP_MTU_DISCOVER, 1, false },
 		{ AF_INET6, IPPROTO_IPV6, IPV6_V6ONLY, 1, false },
 		{ AF_INET6, IPPROTO_IPV6, IPV6_TCLASS, 1, false },
-		{ AF_INET, SOL_SOCKET, SO_TIMESTAMP, 1, false },
+		{ AF_INET, SOL_SOCKET, SO_TIMESTAMP, 1, true },
+		{ AF_INET6, SOL_SOCKET, SO_TIMESTAMPNS_NEW, 1, true },
+		{ AF_INET, SOL_SOCKET, SO_TIMESTAMPING, 1, false },
 		{ AF_INET, SOL_UDP, UDP_GRO, 1, false },
 		{ AF_INET6, SOL_UDP, UDP_CORK, 1, false },
 		{ AF_INET, IPPROTO_IP, IP_FREEBIND, 1, true },
