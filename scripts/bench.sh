@@ -7,6 +7,8 @@
 # in microseconds, and messages per second.
 #
 #   main   (default) 64-byte ping-pong: kernel, ostrel, raw libfrio floor
+#   epoll  64-byte ping-pong with sockperf's epoll multiplexer (-F epoll)
+#          beside its blocking receive, and an asyncio echo round trip
 #   suite  payloads 64, 512 and 1472 over IPv4 and IPv6, the receive
 #          styles (busy-wait, poll mode, poll with a busy phase, select),
 #          busy-polling kernel sockets, and one-way throughput
@@ -18,12 +20,12 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 mode=main
-case ${1:-} in main|suite) mode=$1; shift ;; esac
+case ${1:-} in main|suite|epoll) mode=$1; shift ;; esac
 secs=5 size=64 backend=xdp family=4
 while getopts "t:m:b:6" o; do
   case $o in
   t) secs=$OPTARG ;; m) size=$OPTARG ;; b) backend=$OPTARG ;; 6) family=6 ;;
-  *) sed -n '2,17p' "$0"; exit 2 ;;
+  *) sed -n '2,19p' "$0"; exit 2 ;;
   esac
 done
 OSTREL_BUILD=${OSTREL_BUILD:-$root/build}
@@ -153,7 +155,61 @@ throughput() {
       n, s, g, s ? 100 * g / s : 0, g / t }'
 }
 
+# asyncio_rtt NAME PRELOAD: an asyncio echo server and client, the
+# client's one-way latencies (half of each round trip) for the run time.
+asyncio_rtt() {
+  local name=$1 envs=()
+  [ "$2" = yes ] && envs+=(LD_PRELOAD="$OSTREL_LIB")
+  port=$((port + 1))
+  cat >"$NETNS_TMP/aio.py" <<'PY'
+import asyncio, sys, time
+mode, addr, port, secs = sys.argv[1], sys.argv[2], int(sys.argv[3]), float(sys.argv[4])
+class Echo(asyncio.DatagramProtocol):
+    def connection_made(self, t): self.t = t
+    def datagram_received(self, d, peer): self.t.sendto(d, peer)
+class Client(asyncio.DatagramProtocol):
+    def __init__(self, done): self.done, self.lat = done, []
+    def connection_made(self, t):
+        self.t, self.end = t, time.monotonic() + secs
+        self.t0 = time.perf_counter(); t.sendto(b"x" * 64)
+    def datagram_received(self, d, peer):
+        now = time.perf_counter()
+        self.lat.append((now - self.t0) * 5e5)
+        if time.monotonic() >= self.end: self.done.set_result(self.lat)
+        else: self.t0 = time.perf_counter(); self.t.sendto(b"x" * 64)
+async def main():
+    loop = asyncio.get_running_loop()
+    if mode == "server":
+        await loop.create_datagram_endpoint(Echo, local_addr=(addr, port))
+        await asyncio.sleep(3600)
+    done = loop.create_future()
+    await loop.create_datagram_endpoint(lambda: Client(done), remote_addr=(addr, port))
+    for v in await asyncio.wait_for(done, secs + 10): print("%.3f" % v)
+asyncio.run(main())
+PY
+  ip netns exec "$NS_B" env "${envs[@]}" "$PYTHON3" "$NETNS_TMP/aio.py" server \
+    "$dst4" "$port" "$secs" >/dev/null 2>&1 &
+  local server=$!
+  NETNS_PIDS+=("$server")
+  wait_udp_port "$NS_B" "$port"
+  in_ns "$NS_A" env "${envs[@]}" "$PYTHON3" "$NETNS_TMP/aio.py" client "$dst4" \
+    "$port" "$secs" | sort -n >"$NETNS_TMP/pp.sorted" || true
+  stop "$server"
+  stats "$name" "$NETNS_TMP/pp.sorted" "$secs"
+}
+
 dst4=$IP4_B dst6=$IP6_B
+if [ "$mode" = epoll ]; then
+  header "epoll, 64 B IPv4, ${secs}s per case, veth, backend $backend (one-way latency, usec)"
+  pingpong "kernel  blocking recvfrom" no "$dst4" 64
+  pingpong "ostrel  blocking recvfrom" yes "$dst4" 64
+  pingpong "kernel  epoll" no "$dst4" 64 -- -F epoll
+  pingpong "ostrel  epoll" yes "$dst4" 64 -- -F epoll
+  pingpong "ostrel  epoll, 1 ms busy" yes "$dst4" 64 _OSTREL_EPOLL_USEC=1000 -- -F epoll
+  asyncio_rtt "kernel  asyncio echo" no
+  asyncio_rtt "ostrel  asyncio echo" yes
+  exit 0
+fi
 if [ "$mode" = main ]; then
   header "UDP ping-pong, ${size}-byte payload, IPv$family, ${secs}s per case, veth, backend $backend (one-way latency, usec)"
   if [ "$family" = 6 ]; then

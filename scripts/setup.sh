@@ -8,7 +8,7 @@ packages=(
   cmake g++ make pkg-config libgtest-dev      # build and unit tests
   clang llvm libbpf-dev libxdp-dev libelf-dev zlib1g-dev  # AF_XDP backend
   iproute2 procps                             # namespaced test beds
-  python3 socat sockperf                      # unmodified programs
+  python3 socat sockperf nodejs               # unmodified programs
 )
 
 missing=()

@@ -133,7 +133,8 @@ ost_ep_add_handle(int epfd, uint32_t slot, int fd, ost_ep_watch_t *w)
 	ost_release(up);
 	if (hfd < 0)
 		return;
-	ev.events = EPOLLIN;
+	/* Edge-triggered, each frame's arrival is an edge: news. */
+	ev.events = EPOLLIN | (w->ew_events & EPOLLET);
 	ev.data.u64 = OST_EP_TAG(slot, 1);
 	if (real_epoll_ctl(epfd, EPOLL_CTL_ADD, hfd, &ev) == 0 ||
 	    errno == EEXIST)
@@ -187,6 +188,12 @@ ost_epoll_ctl(int epfd, int op, int fd, struct epoll_event *event)
 			w->ew_data = event->data;
 			w->ew_disarmed = false;
 			w->ew_et_told = false;
+			if (w->ew_hfd != -1) {
+				ev.events = EPOLLIN | (event->events & EPOLLET);
+				ev.data.u64 = OST_EP_TAG(slot, 1);
+				(void)real_epoll_ctl(epfd, EPOLL_CTL_MOD,
+				    w->ew_hfd, &ev);
+			}
 			ost_ep_add_handle(epfd, slot, fd, w);
 		} else if (w->ew_fd == -2) {
 			w->ew_fd = -1;
@@ -341,10 +348,19 @@ ost_ep_translate(int epfd, struct epoll_event *evs, int n, int max,
 	(void)pthread_mutex_lock(&ost_ep_lock);
 	es = ost_ep_find(epfd);
 	/*
-	 * Edge-triggered: the ring's datagrams are news once, until a look
-	 * finds the socket empty (a drained socket's next datagram is news
-	 * again, as the kernel's next arrival would be).
+	 * Edge-triggered: the ring's datagrams are news once, until a frame
+	 * arrives (the handle's edge) or a look finds the socket empty (a
+	 * drained socket's next datagram is news, as the kernel's next
+	 * arrival would be).
 	 */
+	for (int i = 0; i < n && es != NULL; i++) {
+		uint64_t tag = evs[i].data.u64;
+		uint32_t slot = (uint32_t)(tag & 0xffffffffU) >> 1;
+
+		if (tag >> 32 == OST_EP_MAGIC && (tag & 1) &&
+		    slot < es->es_nslots)
+			es->es_slot[slot].ew_et_told = false;
+	}
 	for (uint32_t slot = 0; slot < sc->sc_n && es != NULL; slot++) {
 		ost_ep_watch_t *w = &es->es_slot[slot];
 
@@ -444,7 +460,7 @@ ost_epoll_wait(int epfd, struct epoll_event *evs, int max, hrtime_t timeout,
 		if (mask == NULL)
 			mask = &caller;
 	}
-	for (;;) {
+	for (hrtime_t kernel_due = 0;;) {
 		ost_ep_scan_t sc;
 		bool any = false;
 		int ms = 0;
@@ -467,6 +483,14 @@ ost_epoll_wait(int epfd, struct epoll_event *evs, int max, hrtime_t timeout,
 			    left <= 0              ? 0 :
 					(int)((left + 999999) / 1000000);
 		}
+		/* Spinning, the kernel is asked only when a ring has news or
+		 * every OST_KERNEL_CHECK_NS: each asking is a system call. */
+		if (spin && !any && gethrtime() < kernel_due) {
+			ost_ep_scan_free(&sc);
+			ost_sleep(recv_sleep_time);
+			continue;
+		}
+		kernel_due = gethrtime() + OST_KERNEL_CHECK_NS;
 		ret = real_epoll_pwait(epfd, evs, max, ms, mask);
 		if (ret >= 0)
 			ret = ost_ep_translate(epfd, evs, ret, max, &sc);
