@@ -483,10 +483,15 @@ ost_epoll_wait(int epfd, struct epoll_event *evs, int max, hrtime_t timeout,
 			    left <= 0              ? 0 :
 					(int)((left + 999999) / 1000000);
 		}
-		/* Spinning, the kernel is asked only when a ring has news or
-		 * every OST_KERNEL_CHECK_NS: each asking is a system call. */
-		if (spin && !any && gethrtime() < kernel_due) {
+		/* Spinning, the kernel is asked only every OST_KERNEL_CHECK_NS
+		 * (each asking is a system call); what it holds meanwhile
+		 * waits for the next asking, as a level or an edge. */
+		if (spin && gethrtime() < kernel_due) {
+			ret =
+			    any ? ost_ep_translate(epfd, evs, 0, max, &sc) : 0;
 			ost_ep_scan_free(&sc);
+			if (ret != 0)
+				break;
 			ost_sleep(recv_sleep_time);
 			continue;
 		}
