@@ -2,7 +2,8 @@
 # epoll over a bypass socket, compared with the kernel's own: the same
 # python3 program runs on a plain socket and under the preload, and prints
 # what epoll tells it with the socket level-triggered, edge-triggered and
-# one-shot (the registered data included); the outputs must match and the
+# one-shot (the registered data included), and through a nested set; the
+# outputs must match and the
 # preloaded receiver's datagrams must have come from the ring.  Then, all
 # preloaded, an asyncio UDP echo server and client, a node dgram echo
 # server, and sockperf ping-pong with its epoll multiplexer exchange
@@ -46,6 +47,16 @@ for name, flags in (("lt", 0), ("et", select.EPOLLET),
             print("one", file=sys.stderr, flush=True)
             print(name, "new", len(ep.poll(5)), len(s.recv(100)))
     ep.close()
+# Nested: an outer set watching the inner one wakes for the socket's
+# datagrams; closing the socket's duplicate leaves the watch in place.
+inner, outer = select.epoll(), select.epoll()
+inner.register(s.fileno(), select.EPOLLIN)
+outer.register(inner.fileno(), select.EPOLLIN)
+print("send", file=sys.stderr, flush=True)
+time.sleep(0.5)
+print("nested outer", len(outer.poll(5)), "inner", len(inner.poll(0)))
+print("nested read", len(s.recv(100)), len(s.recv(100)))
+print("nested empty", len(outer.poll(0.2)))
 PY
 cat >"$NETNS_TMP/send.py" <<'PY'
 import socket, sys
