@@ -180,3 +180,25 @@ udp_counter() {
     $1 ~ /^Udp6/ && index(want, " " substr($1, 5) " ") { s += $2 }
     END { print s + 0 }' /proc/net/snmp /proc/net/snmp6
 }
+
+# like_kernel LABEL KERNEL_OUTPUT RUN ARGS...: runs "RUN ARGS $OSTREL_LIB"
+# (the scenario, preloaded), which must print what the same scenario
+# printed on plain sockets, with NS_B's kernel counting none of its
+# datagrams: they came from the ring.
+like_kernel() {
+  local label=$1 kernel=$2 ours in0; shift 2
+  in0=$(udp_counter "$NS_B" InDatagrams)
+  ours=$("$@" "$OSTREL_LIB")
+  [ "$kernel" = "$ours" ] || fail "$label: the kernel said
+$kernel
+and the preload
+$ours"
+  [ "$(udp_counter "$NS_B" InDatagrams)" -eq "$in0" ] ||
+    fail "$label: $(($(udp_counter "$NS_B" InDatagrams) - in0)) through the kernel"
+}
+
+# oracle LABEL RUN ARGS...: "RUN ARGS" on plain sockets, then like_kernel.
+oracle() {
+  local label=$1; shift
+  like_kernel "$label" "$("$@")" "$@"
+}
