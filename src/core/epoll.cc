@@ -163,7 +163,10 @@ ost_epoll_ctl(int epfd, int op, int fd, struct epoll_event *event)
 		}
 		w->ew_fd = -2; /* not live until the kernel took it */
 	}
-	if (w == NULL || event == NULL) {
+	/* Not ours, or a call the kernel refuses (no event for ADD or MOD). */
+	if (w == NULL || (event == NULL && op != EPOLL_CTL_DEL)) {
+		if (w != NULL && w->ew_fd == -2)
+			w->ew_fd = -1;
 		(void)pthread_mutex_unlock(&ost_ep_lock);
 		ret = real_epoll_ctl(epfd, op, fd, event);
 		keep.ek_saved = errno;

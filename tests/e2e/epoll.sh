@@ -57,6 +57,10 @@ time.sleep(0.5)
 print("nested outer", len(outer.poll(5)), "inner", len(inner.poll(0)))
 print("nested read", len(s.recv(100)), len(s.recv(100)))
 print("nested empty", len(outer.poll(0.2)))
+inner.unregister(s.fileno())                # gone from the set: silent
+print("one", file=sys.stderr, flush=True)
+time.sleep(0.3)
+print("unregistered", len(inner.poll(0.2)), len(s.recv(100)))
 PY
 cat >"$NETNS_TMP/send.py" <<'PY'
 import socket, sys
