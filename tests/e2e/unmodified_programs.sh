@@ -48,6 +48,7 @@ pp_case() {
   port=$((port + 1))
   bg "$NS_B" ${server_pre:+$(pl)} sockperf sr --ip "$IP4_B" --port "$port" >/dev/null 2>&1
   wait_udp_port "$NS_B" "$port"
+  [ -z "$server_pre" ] || wait_attached "$BG_PID" || fail "sockperf sr not attached"
   a0=$(counters "$NS_A") b0=$(counters "$NS_B")
   out=$(in_ns "$NS_A" $(pl) sockperf pp --ip "$IP4_B" --port "$port" -t 2 -m 64 2>&1) ||
     { echo "$out"; fail "sockperf pp $name"; }
@@ -69,6 +70,7 @@ tp_case() {
   log=$NETNS_TMP/sr.$port
   bg "$NS_B" ${server_pre:+$(pl)} sockperf sr --ip "$IP4_B" --port "$port" >"$log" 2>&1
   wait_udp_port "$NS_B" "$port"
+  [ -z "$server_pre" ] || wait_attached "$BG_PID" || fail "sockperf sr not attached"
   a0=$(counters "$NS_A") b0=$(counters "$NS_B")
   rcvbuf0=$(udp_counter "$NS_B" RcvbufErrors)
   out=$(in_ns "$NS_A" ${client_pre:+$(pl)} sockperf tp --ip "$IP4_B" --port "$port" \
@@ -104,6 +106,7 @@ for case in "AtoB 4" "BtoA 6"; do
   bg "$rx" $( [ $dir = BtoA ] && pl) socat -u "UDP$fam-RECV:$port,bind=$rxip" \
     "OPEN:$NETNS_TMP/socat.out,creat,append"
   wait_udp_port "$rx" "$port"
+  [ $dir = AtoB ] || wait_attached "$BG_PID" || fail "socat receiver not attached"
   r0=$(counters "$rx") t0=$(counters "$tx")
   seq 1 200 | tr -d '\n' | in_ns "$tx" $( [ $dir = AtoB ] && pl) socat -u - "UDP$fam-SENDTO:$rxip:$port"
   for _ in $(seq 50); do [ -s "$NETNS_TMP/socat.out" ] && break; sleep 0.05; done

@@ -202,3 +202,18 @@ oracle() {
   local label=$1; shift
   like_kernel "$label" "$("$@")" "$@"
 }
+
+# wait_attached PID: until the preloaded program PID holds a frame-access
+# socket beside its UDP one (its bind put it on the bypass), or 5 s: a
+# datagram sent earlier would rightly reach it through the kernel socket,
+# and blur a test that counts the kernel's datagrams.
+wait_attached() {
+  local i
+  for i in $(seq 100); do
+    [ "$(find "/proc/$1/fd" -lname 'socket:*' 2>/dev/null | wc -l)" -ge 2 ] &&
+      { sleep 0.05; return 0; }
+    running "$1" || return 1
+    sleep 0.05
+  done
+  return 1
+}
