@@ -171,6 +171,7 @@ port=$((20000 + RANDOM % 20000))
 echo "U:$IP4_B:$port" >"$NETNS_TMP/feed"
 bg "$NS_B" env LD_PRELOAD="$OSTREL_LIB" sockperf sr -f "$NETNS_TMP/feed" -F epoll
 wait_udp_port "$NS_B" "$port"
+wait_attached "$BG_PID" || fail "sockperf sr not attached"
 in0=$(udp_counter "$NS_B" InDatagrams)
 out=$(in_ns "$NS_A" env LD_PRELOAD="$OSTREL_LIB" sockperf pp -f "$NETNS_TMP/feed" \
   -F epoll -t 2 -m 64 2>&1) || fail "sockperf -F epoll: $out"

@@ -163,6 +163,7 @@ for case in "recvfrom $IP4_B" "recvfrom $IP6_B" "select $IP4_B" "poll $IP6_B"; d
   port=$((port + 1))
   bg "$NS_B" $(pl) "$PYTHON3" "$NETNS_TMP/echo.py" server "$dst" "$port" 50 "$wait"
   wait_udp_port "$NS_B" "$port"
+  wait_attached "$BG_PID" || fail "python3 echo server not attached"
   a0=$(counters "$NS_A") b0=$(counters "$NS_B")
   out=$(in_ns "$NS_A" $(pl) "$PYTHON3" "$NETNS_TMP/echo.py" client "$dst" "$port" 50 "$wait" 2>&1) ||
     fail "python3 echo ($wait) $dst: $out"
