@@ -36,8 +36,7 @@ typedef struct so_ost_stats_s {
 				       socket (fragments, loopback, ...) */
 	uint64_t osts_idrops;       /* frames dropped: malformed, not the
 				       socket's, from a martian source */
-	uint64_t osts_requeued;     /* datagrams handed back to the kernel
-				       socket when the socket left the bypass */
+	uint64_t osts_reserved;     /* zero */
 } so_ost_stats_t;
 
 #define SO_OSTREL_STATS_V1_SIZE 40
