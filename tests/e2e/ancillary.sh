@@ -34,8 +34,8 @@ def show(tag, anc=256, flags=0):
             stamp = sec + frac / (1e6 if typ in (29, 63) else 1e9)
             out.append("near=%s" % (abs(stamp - time.time()) < 1))
         elif level == socket.IPPROTO_IP and len(d) == 12:
-            i, spec, dst = struct.unpack("i4s4s", d)
-            out.append("if=%d spec=%s dst=%s" % (i, socket.inet_ntoa(spec),
+            i, local, dst = struct.unpack("i4s4s", d)
+            out.append("if=%d local=%s dst=%s" % (i, socket.inet_ntoa(local),
                                                 socket.inet_ntoa(dst)))
         elif level == socket.IPPROTO_IPV6 and len(d) == 20:
             dst, i = struct.unpack("16sI", d)
