@@ -65,7 +65,8 @@ ost_set_filter(uost_t *up, const struct in6_addr *addr, in_port_t port,
 		ost_err_exit(ost_frio_status2str(st, buf, sizeof(buf)));
 		return false;
 	}
-	up->uost_filter_set = true;
+	/* Receivers read it without the lock (ost_rx_served). */
+	__atomic_store_n(&up->uost_filter_set, true, __ATOMIC_RELEASE);
 	return true;
 }
 
@@ -180,7 +181,7 @@ ost_detach_locked(uost_t *up, bool sd_open)
 		ost_requeue_locked(up);
 	up->uost_kernel_set = false;
 	up->uost_kernel_naddrs = 0;
-	up->uost_filter_set = false;
+	__atomic_store_n(&up->uost_filter_set, false, __ATOMIC_RELAXED);
 	up->uost_laddr_filtered = false;
 	up->uost_groups_filtered = 0;
 	ost_detach_handle_locked(up);

@@ -85,7 +85,7 @@ typedef struct uost_s {
 	bool uost_mc_noloop;  /* IP_MULTICAST_LOOP 0 */
 	bool uost_peer_group; /* the cached peer is a group */
 	bool uost_peer_set;
-	bool uost_filter_set; /* some filter is installed */
+	bool uost_filter_set; /* some filter is installed; read unlocked */
 	bool uost_frio_set;
 	bool uost_connected;
 	bool uost_kernel_set;

@@ -321,15 +321,15 @@ delivered:
  * when the C library serves it (fn: the debug line for a socket without a
  * receive filter, or none).
  */
+/*
+ * A filter is installed on an open handle, and only the teardown, which
+ * waits for every reference, removes it: the caller's reference keeps the
+ * answer true, so the receive path reads it without the record's lock.
+ */
 bool
 ost_rx_served(uost_t *up)
 {
-	bool served;
-
-	(void)pthread_mutex_lock(&up->uost_lock);
-	served = up->uost_frio_set && up->uost_filter_set;
-	(void)pthread_mutex_unlock(&up->uost_lock);
-	return served;
+	return __atomic_load_n(&up->uost_filter_set, __ATOMIC_ACQUIRE);
 }
 
 /* Written by setsockopt while a receive may be waiting: a relaxed read. */
