@@ -20,56 +20,35 @@
 int
 main(int argc, char **argv)
 {
-	struct addrinfo hints = { 0 }, *ai;
+	struct addrinfo hints = { .ai_socktype = SOCK_DGRAM,
+	    .ai_flags = AI_NUMERICHOST | AI_PASSIVE }, *ai;
 	unsigned char buf[2048];
-	int fd, count;
+	struct iovec iov[2] = { { buf, 7 }, { buf + 7, sizeof(buf) - 7 } };
+	struct sockaddr_storage from;
+	socklen_t fromlen = sizeof(from);
+	int fd;
 
-	if (argc < 4)
-		return 2;
-	hints.ai_socktype = SOCK_DGRAM;
-	hints.ai_flags = AI_NUMERICHOST | AI_PASSIVE;
-	if (getaddrinfo(argv[1], argv[2], &hints, &ai) != 0)
+	if (argc < 4 || getaddrinfo(argv[1], argv[2], &hints, &ai) != 0)
 		return 2;
 	fd = socket(ai->ai_family, SOCK_DGRAM, 0);
-	if (fd < 0 || bind(fd, ai->ai_addr, ai->ai_addrlen) != 0) {
-		perror("bind");
-		return 1;
-	}
+	if (fd < 0 || bind(fd, ai->ai_addr, ai->ai_addrlen) != 0)
+		return perror("bind"), 1;
 	fprintf(stderr, "ready\n");
-	count = atoi(argv[3]);
 	/* Lengths the compiler cannot prove in bounds: the checked forms. */
-	size_t cap = strtoul(getenv("BUFLEN") ? getenv("BUFLEN") : "2048",
-	    NULL, 10);
+	size_t cap = strtoul(getenv("BUFLEN") ? getenv("BUFLEN") : "2048", NULL, 10);
 	nfds_t nfds = strtoul("1", NULL, 10);
 
-	for (int i = 0; i < count; i++) {
+	for (int i = 0; i < atoi(argv[3]); i++) {
 		struct pollfd pfd = { fd, POLLIN, 0 };
-		struct sockaddr_storage from;
-		socklen_t fromlen = sizeof(from);
-		struct iovec iov[2] = { { buf, 7 }, { buf + 7, sizeof(buf) - 7 } };
 		ssize_t n;
 
 		if (poll(&pfd, nfds, 3000) != 1)
 			return 1;
-		switch (i % 4) {
-		case 0:
-			n = recv(fd, buf, cap, 0);
-			break;
-		case 1:
-			n = recvfrom(fd, buf, cap, 0,
-			    (struct sockaddr *)&from, &fromlen);
-			break;
-		case 2:
-			n = read(fd, buf, cap);
-			break;
-		default:
-			n = readv(fd, iov, 2);
-			break;
-		}
-		if (n < 0) {
-			perror("receive");
-			return 1;
-		}
+		n = i % 4 == 0 ? recv(fd, buf, cap, 0) :
+		    i % 4 == 1 ? recvfrom(fd, buf, cap, 0, (struct sockaddr *)&from, &fromlen) :
+		    i % 4 == 2 ? read(fd, buf, cap) : readv(fd, iov, 2);
+		if (n < 0)
+			return perror("receive"), 1;
 		for (ssize_t k = 0; k < n; k++)
 			printf("%02x", buf[k]);
 		printf("\n");

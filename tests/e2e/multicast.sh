@@ -7,8 +7,11 @@
 # through the handle with AF_PACKET, which sees copies, and through the
 # kernel with AF_XDP, which would take them from every other member; a
 # leave stops delivery through the handle, and a join the handle cannot
-# follow leaves the socket to the kernel, which delivers.  The kernel's UDP
-# counters of the preloaded side tell which path was used.
+# follow leaves the socket to the kernel, which delivers.  Two preloaded
+# members of one group and port each get every datagram, and a preloaded
+# publisher with IP_MULTICAST_LOOP left on reaches a plain member on its
+# own host as well as one in B.  The kernel's UDP counters of the preloaded
+# side tell which path was used.
 set -euo pipefail
 . "$(dirname "$0")/../lib/netns.sh"
 netns_start
@@ -28,6 +31,7 @@ mode, fam, group, port, ifname, ifaddr, how, count = sys.argv[1:9]
 port, count = int(port), int(count)
 v6 = fam == "6"
 s = socket.socket(socket.AF_INET6 if v6 else socket.AF_INET, socket.SOCK_DGRAM)
+s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)  # for group members
 idx = socket.if_nametoindex(ifname)
 if mode == "send":
     if v6:
@@ -146,6 +150,33 @@ send_case() {
   echo "ok: $FRIO_BACKEND send $group $how"
 }
 
+# members NAME SENDER FAMILY GROUP MEMBER...: a sender in A, preloaded when
+# SENDER is "pre", with IP_MULTICAST_LOOP on; a MEMBER is NS:PRELOAD (A or
+# B, "pre" or "plain").  Every member must get all COUNT datagrams.
+members() {
+  local name=$1 spre=$2 fam=$3 group=$4 port m ns pre i=0 in0 pids=(); shift 4
+  port=$((20000 + RANDOM % 20000))
+  in0=$(udp_counter "$NS_B" InDatagrams)
+  for m; do
+    IFS=: read -r ns pre <<<"$m"
+    [ "$pre" = pre ] && pre=$OSTREL_LIB || pre=
+    if [ "$ns" = A ]; then set -- "$NS_A" "$IF_A" "$IP4_A"; else set -- "$NS_B" "$IF_B" "$IP4_B"; fi
+    bg "$1" env LD_PRELOAD="$pre" "$PYTHON3" "$NETNS_TMP/mc.py" recv "$fam" "$group" \
+      "$port" "$2" "$3" mreqn "$COUNT" >"$NETNS_TMP/m$i" 2>&1
+    wait_line "$NETNS_TMP/m$i" "$BG_PID" ready || fail "$name: $(cat "$NETNS_TMP/m$i")"
+    pids+=("$BG_PID"); i=$((i + 1))
+  done
+  [ "$spre" = pre ] && spre=$OSTREL_LIB || spre=
+  in_ns "$NS_A" env LD_PRELOAD="$spre" "$PYTHON3" "$NETNS_TMP/mc.py" send "$fam" "$group" \
+    "$port" "$IF_A" "$IP4_A" loop "$COUNT" || fail "$name: sender"
+  for i in "${!pids[@]}"; do
+    wait "${pids[i]}" || true
+    grep -q "got $COUNT" "$NETNS_TMP/m$i" || fail "$FRIO_BACKEND $name $group: member $i: $(cat "$NETNS_TMP/m$i")"
+  done
+  echo "ok: $FRIO_BACKEND $name $group: ${#pids[@]} members got $COUNT each," \
+    "$(($(udp_counter "$NS_B" InDatagrams) - in0)) through B's kernel"
+}
+
 # Every way to name the interface and join, with AF_XDP, whose steering
 # program must follow the groups; AF_PACKET, whose socket filter must, with
 # a group of each family and a leave.
@@ -167,4 +198,10 @@ recv_case before-mreqn 4 239.1.2.201
 recv_case before-v6 6 ff12::4:5:7
 recv_case leave 4 239.1.3.1
 recv_case after 6 ff12::4:5:6
+for FRIO_BACKEND in xdp packet; do
+  for g in "4 239.7.7.$((RANDOM % 200 + 1))" "6 ff12::7:$((RANDOM % 200 + 1))"; do
+    members "two preloaded members" plain $g B:pre B:pre
+    members "preloaded publisher, loop on" pre $g A:plain B:plain
+  done
+done
 echo "multicast: passed"

@@ -21,6 +21,7 @@
 #include <time.h>
 
 #define WINDOW 64
+typedef unsigned long long ull;
 static const size_t SIZES[] = { 32, 512, 1400, 1472, 1473, 2500, 4000, 64 };
 static unsigned char buf[65536], want[65536];
 
@@ -77,7 +78,7 @@ main(int argc, char **argv)
 				acked = msg[0] > acked ? msg[0] : acked;
 			else if (flags == 0)
 				return fprintf(stderr, "stalled: %llu sent, %llu acknowledged\n",
-				    (unsigned long long)seq, (unsigned long long)acked), 1;
+				    (ull)seq, (ull)acked), 1;
 		}
 		memcpy(msg, "SOAKFIN!", 8), msg[1] = seq;
 		do {
@@ -85,7 +86,7 @@ main(int argc, char **argv)
 				return fprintf(stderr, "no final count\n"), 1;
 			send(fd, msg, 16, 0);
 		} while (recv(fd, msg, sizeof(msg), 0) != 24 || memcmp(msg, "SOAKDONE", 8) != 0);
-		printf("%llu %016llx\n", (unsigned long long)seq, (unsigned long long)sum);
+		printf("%llu %016llx\n", (ull)seq, (ull)sum);
 		return msg[1] != seq || msg[2] != sum;
 	}
 	struct sockaddr_storage peer;
@@ -103,20 +104,20 @@ main(int argc, char **argv)
 		ssize_t n = recvfrom(fd, buf, sizeof(buf), 0, (struct sockaddr *)&peer, &plen);
 
 		if (n < 0)
-			return fprintf(stderr, "nothing for 5 s after %llu\n", (unsigned long long)count), 1;
+			return fprintf(stderr, "nothing for 5 s after %llu\n", (ull)count), 1;
 		if (n == 16 && memcmp(buf, "SOAKFIN!", 8) == 0) {
 			memcpy(&seq, buf + 8, 8);
 			if (count != seq)
 				continue;	/* the rest are on their way, or lost */
 			memcpy(msg, "SOAKDONE", 8), msg[1] = count, msg[2] = sum;
 			sendto(fd, msg, 24, 0, (struct sockaddr *)&peer, plen);
-			printf("%llu %016llx\n", (unsigned long long)count, (unsigned long long)sum);
+			printf("%llu %016llx\n", (ull)count, (ull)sum);
 			return 0;
 		}
 		memcpy(&seq, buf, 8);
 		if (n < 8 || seq >= (1u << 27) || (seen[seq / 8] & 1 << seq % 8) ||
 		    (size_t)n != payload(seq, want) || memcmp(buf, want, (size_t)n) != 0)
-			return fprintf(stderr, "bad datagram, %zd bytes, after %llu\n", n, (unsigned long long)count), 1;
+			return fprintf(stderr, "bad datagram, %zd bytes, after %llu\n", n, (ull)count), 1;
 		seen[seq / 8] |= 1 << seq % 8;
 		sum += fnv(buf, (size_t)n);
 		if (++count % 16 == 0)

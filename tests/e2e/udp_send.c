@@ -5,15 +5,14 @@
  *   udp_send CALL DST PORT COUNT [BIND_ADDR]
  *
  * CALL is sendto, send (after connect), write or writev (after connect,
- * two pieces), sendmsg or
- * sendmmsg (batches of 4).  Datagram i carries a payload of length
- * (i * 97) % 1473 (1453 for IPv6) filled with a pattern of i, so that every
- * size from empty to the largest the MTU allows is tried.  Prints each
- * payload it sent as hex, one per line, for the test to compare with what
- * the receiver got.  Exit 1 on any failed call.
+ * two pieces), sendmsg (two pieces) or sendmmsg (batches of 4).  Datagram
+ * i carries a payload of length (i * 97) % 1473 (1453 for IPv6) filled
+ * with a pattern of i, so that every size from empty to the largest the
+ * MTU allows is tried.  Prints each payload it sent as hex, one per line,
+ * for the test to compare with what the receiver got.  Exit 1 on any
+ * failed call.
  */
 #define _GNU_SOURCE
-#include <arpa/inet.h>
 #include <netdb.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -22,81 +21,60 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+static unsigned char buf[4][1500];
+static struct iovec iov[4];
+static int v6;
+
+/* Fills buf[b] with datagram i; returns its length. */
 static size_t
-payload(int i, int v6, unsigned char *buf)
+payload(int i, int b)
 {
 	size_t len = (size_t)(i * 97) % (v6 ? 1453 : 1473);
 
 	for (size_t k = 0; k < len; k++)
-		buf[k] = (unsigned char)(i * 31 + k);
-	return len;
-}
-
-static void
-print_hex(const unsigned char *p, size_t n)
-{
-	for (size_t k = 0; k < n; k++)
-		printf("%02x", p[k]);
+		buf[b][k] = (unsigned char)(i * 31 + k);
+	for (size_t k = 0; k < len; k++)
+		printf("%02x", buf[b][k]);
 	printf("\n");
+	iov[b] = (struct iovec){ buf[b], len };
+	return len;
 }
 
 int
 main(int argc, char **argv)
 {
-	struct addrinfo hints = { 0 }, *ai;
-	unsigned char buf[4][1500];
-	const char *call;
-	int fd, count, v6;
+	struct addrinfo hints = { .ai_socktype = SOCK_DGRAM,
+	    .ai_flags = AI_NUMERICHOST | AI_PASSIVE }, *ai, *bi;
+	const char *call = argv[1];
+	int fd, count, conn;
 
-	if (argc < 5) {
+	if (argc < 5 || getaddrinfo(argv[2], argv[3], &hints, &ai) != 0) {
 		fprintf(stderr, "usage: udp_send CALL DST PORT COUNT [BIND]\n");
 		return 2;
 	}
-	call = argv[1];
 	count = atoi(argv[4]);
-	hints.ai_socktype = SOCK_DGRAM;
-	hints.ai_flags = AI_NUMERICHOST;
-	if (getaddrinfo(argv[2], argv[3], &hints, &ai) != 0) {
-		fprintf(stderr, "bad address %s\n", argv[2]);
-		return 2;
-	}
 	v6 = ai->ai_family == AF_INET6;
-	fd = socket(ai->ai_family, SOCK_DGRAM, 0);
-	if (fd < 0) {
-		perror("socket");
-		return 1;
-	}
-	if (argc > 5) {
-		struct addrinfo *bi;
-
-		hints.ai_flags |= AI_PASSIVE;
-		if (getaddrinfo(argv[5], "0", &hints, &bi) != 0 ||
-		    bind(fd, bi->ai_addr, bi->ai_addrlen) != 0) {
-			perror("bind");
-			return 1;
-		}
-		freeaddrinfo(bi);
-	}
-	if ((strcmp(call, "send") == 0 || strncmp(call, "write", 5) == 0) &&
-	    connect(fd, ai->ai_addr, ai->ai_addrlen) != 0) {
-		perror("connect");
+	conn = strcmp(call, "send") == 0 || strncmp(call, "write", 5) == 0;
+	if ((fd = socket(ai->ai_family, SOCK_DGRAM, 0)) < 0 ||
+	    (argc > 5 && (getaddrinfo(argv[5], "0", &hints, &bi) != 0 ||
+	    bind(fd, bi->ai_addr, bi->ai_addrlen) != 0)) ||
+	    (conn && connect(fd, ai->ai_addr, ai->ai_addrlen) != 0)) {
+		perror("socket, bind or connect");
 		return 1;
 	}
 	for (int i = 0; i < count;) {
+		struct msghdr msg = { .msg_name = ai->ai_addr,
+		    .msg_namelen = ai->ai_addrlen, .msg_iov = iov, .msg_iovlen = 2 };
+		size_t len;
 		ssize_t n = -1;
-		size_t len = payload(i, v6, buf[0]);
 
 		if (strcmp(call, "sendmmsg") == 0) {
-			struct mmsghdr vec[4];
-			struct iovec iov[4];
+			struct mmsghdr vec[4] = { 0 };
 			int batch = count - i < 4 ? count - i : 4;
 
-			memset(vec, 0, sizeof (vec));
 			for (int b = 0; b < batch; b++) {
-				iov[b].iov_base = buf[b];
-				iov[b].iov_len = payload(i + b, v6, buf[b]);
-				vec[b].msg_hdr.msg_name = ai->ai_addr;
-				vec[b].msg_hdr.msg_namelen = ai->ai_addrlen;
+				payload(i + b, b);
+				vec[b].msg_hdr = msg;
 				vec[b].msg_hdr.msg_iov = &iov[b];
 				vec[b].msg_hdr.msg_iovlen = 1;
 			}
@@ -104,46 +82,34 @@ main(int argc, char **argv)
 				perror("sendmmsg");
 				return 1;
 			}
-			for (int b = 0; b < batch; b++)
-				print_hex(buf[b], iov[b].iov_len);
 			i += batch;
 			usleep(200);
 			continue;
 		}
-		if (strcmp(call, "sendto") == 0) {
-			n = sendto(fd, buf[0], len, 0, ai->ai_addr,
-			    ai->ai_addrlen);
-		} else if (strcmp(call, "send") == 0) {
+		len = payload(i++, 0);
+		if (strcmp(call, "sendto") == 0)
+			n = sendto(fd, buf[0], len, 0, ai->ai_addr, ai->ai_addrlen);
+		else if (strcmp(call, "send") == 0)
 			n = send(fd, buf[0], len, 0);
-		} else if (strcmp(call, "write") == 0) {
+		else if (strcmp(call, "write") == 0)
 			n = write(fd, buf[0], len);
-		} else if (strcmp(call, "writev") == 0) {
-			struct iovec iov[2] = { { buf[0], len / 3 },
-			    { buf[0] + len / 3, len - len / 3 } };
-
-			n = writev(fd, iov, 2);
-		} else if (strcmp(call, "sendmsg") == 0) {
+		else {
 			/* Two pieces: the gather list reaches the wire whole. */
-			struct iovec iov[2] = { { buf[0], len / 2 },
-			    { buf[0] + len / 2, len - len / 2 } };
-			struct msghdr msg = { 0 };
+			size_t cut = strcmp(call, "writev") == 0 ? len / 3 : len / 2;
 
-			msg.msg_name = ai->ai_addr;
-			msg.msg_namelen = ai->ai_addrlen;
-			msg.msg_iov = iov;
-			msg.msg_iovlen = 2;
-			n = sendmsg(fd, &msg, 0);
+			iov[0].iov_len = cut;
+			iov[1] = (struct iovec){ buf[0] + cut, len - cut };
+			if (strcmp(call, "writev") == 0)
+				n = writev(fd, iov, 2);
+			else if (strcmp(call, "sendmsg") == 0)
+				n = sendmsg(fd, &msg, 0);
 		}
 		if (n != (ssize_t)len) {
 			perror(call);
 			return 1;
 		}
-		print_hex(buf[0], len);
-		i++;
 		/* Pace: the receiver is an ordinary kernel socket. */
 		usleep(50);
 	}
-	freeaddrinfo(ai);
-	close(fd);
 	return 0;
 }

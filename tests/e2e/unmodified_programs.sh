@@ -39,17 +39,24 @@ stop_last() {
 }
 port=$((30000 + RANDOM % 10000))
 
+# server PRE CMD...: starts CMD in B (preloaded when PRE is set), waits for
+# its port (and for it to attach when preloaded), and notes the counters.
+server() {
+  local pre=$1; shift
+  port=$((port + 1))
+  bg "$NS_B" ${pre:+$(pl)} "$@" --ip "$IP4_B" --port "$port" >/dev/null 2>&1
+  wait_udp_port "$NS_B" "$port"
+  [ -z "$pre" ] || wait_attached "$BG_PID" || fail "$* not attached"
+  a0=$(counters "$NS_A") b0=$(counters "$NS_B")
+}
+
 # 1. sockperf ping-pong, both sides preloaded and the client alone against
 #    a kernel server; sockperf's own sequence checks catch a lost or
 #    mangled reply.  (Debian 12's sockperf 3.7 has no IPv6: python3 and
 #    socat cover IPv6 below.)
-pp_case() {
-  local name=$1 server_pre=$2
-  port=$((port + 1))
-  bg "$NS_B" ${server_pre:+$(pl)} sockperf sr --ip "$IP4_B" --port "$port" >/dev/null 2>&1
-  wait_udp_port "$NS_B" "$port"
-  [ -z "$server_pre" ] || wait_attached "$BG_PID" || fail "sockperf sr not attached"
-  a0=$(counters "$NS_A") b0=$(counters "$NS_B")
+for server_pre in yes ""; do
+  name=${server_pre:+both preloaded}; name=${name:-preloaded client, kernel server}
+  server "$server_pre" sockperf sr
   out=$(in_ns "$NS_A" $(pl) sockperf pp --ip "$IP4_B" --port "$port" -t 2 -m 64 2>&1) ||
     { echo "$out"; fail "sockperf pp $name"; }
   grep -q "Summary: Latency is" <<<"$out" || { echo "$out"; fail "sockperf pp $name: no summary"; }
@@ -58,20 +65,14 @@ pp_case() {
   else through_kernel "sockperf pp $name" "$NS_B" "$b0" in 1000; fi
   stop_last
   echo "ok: sockperf ping-pong, $name"
-}
-pp_case "both preloaded" yes
-pp_case "preloaded client, kernel server" ""
+done
 
 # 2. sockperf throughput: both preloaded, then each side alone against a
-#    kernel peer.  The server counts what it received.
-tp_case() {
-  local name=$1 server_pre=$2 client_pre=$3 log
-  port=$((port + 1))
-  log=$NETNS_TMP/sr.$port
-  bg "$NS_B" ${server_pre:+$(pl)} sockperf sr --ip "$IP4_B" --port "$port" >"$log" 2>&1
-  wait_udp_port "$NS_B" "$port"
-  [ -z "$server_pre" ] || wait_attached "$BG_PID" || fail "sockperf sr not attached"
-  a0=$(counters "$NS_A") b0=$(counters "$NS_B")
+#    kernel peer.
+for case in "yes yes" "- yes" "yes -"; do
+  read -r server_pre client_pre <<<"${case//-/}"
+  name="server ${server_pre:-kernel}, client ${client_pre:-kernel}"
+  server "$server_pre" sockperf sr
   rcvbuf0=$(udp_counter "$NS_B" RcvbufErrors)
   out=$(in_ns "$NS_A" ${client_pre:+$(pl)} sockperf tp --ip "$IP4_B" --port "$port" \
     -t 2 -m 64 --mps 20000 2>&1) || { echo "$out"; fail "sockperf tp $name"; }
@@ -88,33 +89,28 @@ tp_case() {
       fail "tp $name: $arrived of $sent datagrams reached the kernel"
   fi
   stop_last
-  echo "ok: sockperf throughput $name ($sent messages)"
-}
-tp_case "both preloaded" yes yes
-tp_case "preloaded client, kernel server" "" yes
-tp_case "kernel client, preloaded server" yes ""
+  echo "ok: sockperf throughput, $name ($sent messages)"
+done
 
-# 3. socat in both directions, one side preloaded each time: a preloaded
-#    sender over IPv4, a preloaded receiver over IPv6.
-for case in "AtoB 4" "BtoA 6"; do
-  read -r dir fam <<<"$case"
+# 3. socat, one side preloaded: a preloaded sender in A over IPv4, a
+#    preloaded receiver in A over IPv6.
+want=$(seq 1 200 | tr -d '\n')
+for case in "4 $NS_A $NS_B $IP4_B" "6 $NS_B $NS_A [$IP6_A]"; do
+  read -r fam tx rx rxip <<<"$case"
   port=$((port + 1))
-  if [ $dir = AtoB ]; then rx=$NS_B tx=$NS_A; else rx=$NS_A tx=$NS_B; fi
-  rxip=$( [ $dir = AtoB ] && echo "$IP4_B" || echo "$IP4_A")
-  [ $fam = 6 ] && rxip=$( [ $dir = AtoB ] && echo "[$IP6_B]" || echo "[$IP6_A]")
   rm -f "$NETNS_TMP/socat.out"
-  bg "$rx" $( [ $dir = BtoA ] && pl) socat -u "UDP$fam-RECV:$port,bind=$rxip" \
+  bg "$rx" $( [ $fam = 6 ] && pl) socat -u "UDP$fam-RECV:$port,bind=$rxip" \
     "OPEN:$NETNS_TMP/socat.out,creat,append"
   wait_udp_port "$rx" "$port"
-  [ $dir = AtoB ] || wait_attached "$BG_PID" || fail "socat receiver not attached"
+  [ $fam = 4 ] || wait_attached "$BG_PID" || fail "socat receiver not attached"
   r0=$(counters "$rx") t0=$(counters "$tx")
-  seq 1 200 | tr -d '\n' | in_ns "$tx" $( [ $dir = AtoB ] && pl) socat -u - "UDP$fam-SENDTO:$rxip:$port"
+  echo -n "$want" | in_ns "$tx" $( [ $fam = 4 ] && pl) socat -u - "UDP$fam-SENDTO:$rxip:$port"
   for _ in $(seq 50); do [ -s "$NETNS_TMP/socat.out" ] && break; sleep 0.05; done
-  [ "$(cat "$NETNS_TMP/socat.out")" = "$(seq 1 200 | tr -d '\n')" ] || fail "socat $dir IPv$fam"
-  if [ $dir = AtoB ]; then bypassed "socat $dir IPv$fam sender" "$tx" "$t0"
-  else bypassed "socat $dir IPv$fam receiver" "$rx" "$r0"; fi
+  [ "$(cat "$NETNS_TMP/socat.out")" = "$want" ] || fail "socat IPv$fam"
+  if [ $fam = 4 ]; then bypassed "socat IPv4 sender" "$tx" "$t0"
+  else bypassed "socat IPv6 receiver" "$rx" "$r0"; fi
   stop_last
-  echo "ok: socat $dir IPv$fam"
+  echo "ok: socat IPv$fam"
 done
 
 # 4. python3 echo: the server waits in recvfrom, select or poll; the
@@ -158,7 +154,7 @@ else:
         pass
     print("echoed %d" % count)
 PY
-for case in "recvfrom $IP4_B" "recvfrom $IP6_B" "select $IP4_B" "poll $IP6_B"; do
+for case in "recvfrom $IP6_B" "select $IP4_B" "poll $IP6_B"; do
   read -r wait dst <<<"$case"
   port=$((port + 1))
   bg "$NS_B" $(pl) "$PYTHON3" "$NETNS_TMP/echo.py" server "$dst" "$port" 50 "$wait"

@@ -217,3 +217,31 @@ wait_attached() {
   done
   return 1
 }
+
+# fed CMD DST [PRELOAD]: runs CMD (words) with "DST PORT" in NS_B,
+# preloaded when PRELOAD is given, and prints its output; each time it
+# writes "pair" or "one" on stderr, NS_A's kernel sends it two datagrams
+# (10 bytes of "a", 20 of "b") or the first alone.  "ready" on its stderr
+# must come first.
+fed() {
+  local dst=$2 pre=${3:-} port pid sent=0 ask
+  port=$((20000 + RANDOM % 20000))
+  bg "$NS_B" env ${pre:+LD_PRELOAD=$pre} $1 "$dst" "$port" \
+    >"$NETNS_TMP/out" 2>"$NETNS_TMP/err"
+  pid=$BG_PID
+  wait_line "$NETNS_TMP/err" "$pid" ready || fail "$1: $(cat "$NETNS_TMP/err")"
+  while running "$pid"; do
+    ask=$(grep -E '^(pair|one)$' "$NETNS_TMP/err" | sed -n "$((sent + 1))p")
+    if [ -n "$ask" ]; then
+      sent=$((sent + 1)); sleep 0.05
+      in_ns "$NS_A" "$PYTHON3" -c 'import socket, sys
+a, p = sys.argv[1], int(sys.argv[2])
+s = socket.socket(socket.AF_INET6 if ":" in a else socket.AF_INET, socket.SOCK_DGRAM)
+s.sendto(b"a" * 10, (a, p))
+if sys.argv[3] == "pair": s.sendto(b"b" * 20, (a, p))' "$dst" "$port" "$ask"
+    fi
+    sleep 0.02
+  done
+  wait "$pid" || fail "$1 $dst: $(cat "$NETNS_TMP/err")"
+  cat "$NETNS_TMP/out"
+}
