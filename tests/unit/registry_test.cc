@@ -1,11 +1,16 @@
-/* The registry and its reference protocol. */
+/* The registry, its reference protocol, and the teardown before fork and
+ * exec (preload variable edited, every record gone). */
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "frio_mem.h"
 #include "support.h"
 
 namespace {
@@ -53,32 +58,39 @@ TEST_F(RegistryTest, LookupFindsTheNewestRecordOfItsNumber)
 	EXPECT_EQ(record(fds[0]), new_rec);
 }
 
+/* Close and the fork teardown each wait for a thread holding a reference. */
 TEST_F(RegistryTest, TeardownWaitsForEveryHolder)
 {
-	ASSERT_TRUE(ost_add(kFakeFd, AF_INET));
-	uost_t *holder = ost_find_sd(kFakeFd);
-	std::atomic<bool> deleted{false};
+	for (bool whole : { false, true }) {
+		ASSERT_TRUE(ost_add(kFakeFd, AF_INET));
+		uost_t *holder = ost_find_sd(kFakeFd);
+		std::atomic<bool> done{false};
 
-	std::thread closer([&] {
-		ost_del(ost_find_sd(kFakeFd), false);
-		deleted = true;
-	});
-	pthread_mutex_lock(&holder->uost_lock);
-	while (!holder->uost_closing) {
-		pthread_mutex_unlock(&holder->uost_lock);
-		usleep(100);
+		std::thread closer([&] {
+			if (whole)
+				ost_cleanup();
+			else
+				ost_del(ost_find_sd(kFakeFd), false);
+			done = true;
+		});
 		pthread_mutex_lock(&holder->uost_lock);
+		while (!holder->uost_closing) {
+			pthread_mutex_unlock(&holder->uost_lock);
+			usleep(100);
+			pthread_mutex_lock(&holder->uost_lock);
+		}
+		pthread_mutex_unlock(&holder->uost_lock);
+		usleep(20000);
+		EXPECT_FALSE(done) << whole;
+		ost_release(holder);
+		closer.join();
+		EXPECT_TRUE(done);
+		EXPECT_EQ(registry_size(), 0);
 	}
-	pthread_mutex_unlock(&holder->uost_lock);
-	usleep(20000);
-	EXPECT_FALSE(deleted);
-	ost_release(holder);
-	closer.join();
-	EXPECT_TRUE(deleted);
-	EXPECT_EQ(registry_size(), 0);
 }
 
-/* Close and a demotion at once: one frees, neither waits forever. */
+/* Close racing a demotion, and close racing the fork teardown: one frees,
+ * none waits forever. */
 TEST_F(RegistryTest, RacingTeardownsFreeOnce)
 {
 	for (int round = 0; round < 500; round++) {
@@ -92,17 +104,24 @@ TEST_F(RegistryTest, RacingTeardownsFreeOnce)
 		t2.join();
 		ASSERT_EQ(ost_find_sd(kFakeFd), nullptr);
 	}
+	for (int round = 0; round < 300; round++) {
+		int sd = real_socket(AF_INET, SOCK_DGRAM, 0);
+		ASSERT_TRUE(ost_add(sd, AF_INET));
+		std::thread closer([&] { EXPECT_EQ(ost_close(sd), 0); });
+		ost_cleanup();
+		closer.join();
+		ASSERT_EQ(registry_size(), 0);
+	}
 }
 
 TEST_F(RegistryTest, ConcurrentUseAndClose)
 {
 	constexpr int kFds = 8, kRounds = 300;
 	std::atomic<bool> stop{false};
-	std::atomic<long> hits{0};
 	std::vector<std::thread> users;
 
 	for (int t = 0; t < 3; t++) {
-		users.emplace_back([&, t] {
+		users.emplace_back([&] {
 			while (!stop) {
 				for (int i = 0; i < kFds; i++) {
 					uost_t *up = ost_find_sd(kFakeFd + i);
@@ -113,10 +132,8 @@ TEST_F(RegistryTest, ConcurrentUseAndClose)
 					up->uost_stats.osts_opkts++;
 					ost_release_locked(up);
 					pthread_mutex_unlock(&up->uost_lock);
-					hits++;
 				}
-				if (t == 0)
-					std::this_thread::yield();
+				std::this_thread::yield();
 			}
 		});
 	}
@@ -130,6 +147,51 @@ TEST_F(RegistryTest, ConcurrentUseAndClose)
 	for (auto &t : users)
 		t.join();
 	EXPECT_EQ(registry_size(), 0);
+}
+
+TEST_F(RegistryTest, ForkTeardownGivesSocketsBackToTheKernel)
+{
+	struct sockaddr_storage addr;
+	int sd = bound_udp_socket(AF_INET, &addr);
+	struct in6_addr loop;
+	so_ost_opt_t tie;
+
+	ASSERT_TRUE(ost_add(sd, AF_INET));
+	inet_pton(AF_INET6, "::ffff:127.0.0.1", &loop);
+	ASSERT_TRUE(attach_to_mem(record(sd), "mem0", &loop,
+	    ((struct sockaddr_in *)&addr)->sin_port));
+	ASSERT_TRUE(ost_kernel_bypass_get(sd, &tie)) << "not armed";
+	for (int i = 0; i < 40; i++)
+		ASSERT_TRUE(ost_add(kFakeFd + i, i % 2 ? AF_INET6 : AF_INET));
+
+	ost_cleanup();
+	EXPECT_EQ(registry_size(), 0);
+	EXPECT_EQ(frio_mem_open_count(), 0);
+	EXPECT_FALSE(ost_kernel_bypass_get(sd, &tie));
+	EXPECT_TRUE(delivered(sd, addr)) << "the kernel path stayed silent";
+	close(sd);
+}
+
+std::string
+cleaned(const char *value)
+{
+	setenv("LD_PRELOAD", value, 1);
+	ost_env_cleanup("LD_PRELOAD");
+	const char *v = getenv("LD_PRELOAD");
+	return v ? v : "<unset>";
+}
+
+TEST(EnvCleanup, BlanksTheLibraryWordKeepingTheLength)
+{
+	const std::string blank18(18, ' '), blank11(11, ' ');
+	EXPECT_EQ(cleaned("/a/liba.so /opt/x/ostrel.so.1 /b/libb.so"),
+	    "/a/liba.so " + blank18 + " /b/libb.so");
+	/* Colons do not separate words: the whole word goes. */
+	EXPECT_EQ(cleaned("/a.so:/ostrel.so.1"), blank18);
+	EXPECT_EQ(cleaned("ostrel.so.1 ostrel.so.1"), blank11 + " ostrel.so.1");
+	unsetenv("LD_PRELOAD");
+	ost_env_cleanup("LD_PRELOAD");
+	EXPECT_EQ(getenv("LD_PRELOAD"), nullptr);
 }
 
 } // namespace

@@ -59,19 +59,6 @@ capture_stderr(void (*fn)(void *), void *arg)
 	return out;
 }
 
-std::string
-logged(const std::function<void()> &body)
-{
-	int saved = ost_debug_flag;
-	ost_debug_flag = 1;
-	ost_debug_init(false);
-	std::string out = capture_stderr(
-	    [](void *p) { (*(const std::function<void()> *)p)(); },
-	    (void *)&body);
-	ost_debug_flag = saved;
-	return out;
-}
-
 uint32_t
 refcnt_of(uost_t *up)
 {

@@ -2,7 +2,6 @@
 #ifndef OST_TEST_SUPPORT_H
 #define OST_TEST_SUPPORT_H
 
-#include <functional>
 #include <string>
 
 #include "core/ost.h"
@@ -14,8 +13,6 @@ constexpr int kFakeFd = 1000003;
 void ost_test_init();
 /* What fn wrote to standard error. */
 std::string capture_stderr(void (*fn)(void *), void *arg);
-/* The debug log body wrote to standard error. */
-std::string logged(const std::function<void()> &body);
 uint32_t refcnt_of(uost_t *up);
 /* fd's record without keeping a reference, or null. */
 uost_t *record(int fd);
