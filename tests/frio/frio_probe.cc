@@ -24,30 +24,25 @@
 namespace
 {
 
+/* Lines of /proc/self/maps, or entries of /proc/self/fd. */
 int
-count_lines(const char *path)
+count(bool fds)
 {
-	FILE *f = fopen(path, "r");
 	int n = 0, c;
 
-	if (f == nullptr)
-		return -1;
-	while ((c = fgetc(f)) != EOF)
+	if (fds) {
+		DIR *d = opendir("/proc/self/fd");
+		while (d != nullptr && readdir(d) != nullptr)
+			n++;
+		if (d != nullptr)
+			closedir(d);
+		return n;
+	}
+	FILE *f = fopen("/proc/self/maps", "r");
+	while (f != nullptr && (c = fgetc(f)) != EOF)
 		n += c == '\n';
-	fclose(f);
-	return n;
-}
-
-int
-count_fds()
-{
-	DIR *d = opendir("/proc/self/fd");
-	int n = 0;
-
-	while (d != nullptr && readdir(d) != nullptr)
-		n++;
-	if (d != nullptr)
-		closedir(d);
+	if (f != nullptr)
+		fclose(f);
 	return n;
 }
 
@@ -59,9 +54,9 @@ openfail(const char *ifname)
 
 	/* Load what the open path pulls in before counting. */
 	frio_status2str(FRIO_STATUS_OK, buf, sizeof(buf));
-	int fds = count_fds(), maps = count_lines("/proc/self/maps");
+	int fds = count(true), maps = count(false);
 	frio_status_t st = frio_open(ifname, nullptr, &h);
-	int fds2 = count_fds(), maps2 = count_lines("/proc/self/maps");
+	int fds2 = count(true), maps2 = count(false);
 
 	printf("status %d: %s\n", st, frio_status2str(st, buf, sizeof(buf)));
 	if (st == FRIO_STATUS_OK) {
