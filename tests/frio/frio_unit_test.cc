@@ -101,31 +101,24 @@ TEST_F(MemTest, CompletesChecksums)
 
 		for (size_t len : { size_t(1), size_t(10), size_t(301), max }) {
 			bytes hdr = udp_hdr(v6, len), payload = pattern(len, 5);
-			bytes want = hdr;
 
-			want.insert(want.end(), payload.begin(), payload.end());
 			if (len == 10) { /* last word chosen so the sum is zero */
-				put16(&want[u + 6], 0);
-				put16(&payload[8], uint16_t(~fold(sum_be(&want[u],
-				    16, pseudo_seed(want.data(), 18)))));
-				want = hdr;
-				want.insert(want.end(), payload.begin(),
-				    payload.end());
+				bytes w = hdr;
+				w.insert(w.end(), payload.begin(), payload.end() - 2);
+				put16(&w[u + 6], 0);
+				put16(&payload[8], uint16_t(~fold(sum_be(&w[u], 16,
+				    pseudo_seed(w.data(), 18)))));
 			}
-			if (v6) {
+			bytes want = hdr;
+			want.insert(want.end(), payload.begin(), payload.end());
+			if (v6)
 				EXPECT_EQ(transmit(hdr, payload, {}, nullptr), want);
-			}
 			complete(want);
 			EXPECT_TRUE(len != 10 || get16(&want[u + 6]) == 0xffff);
-			for (const std::vector<size_t> &cuts : gathers) {
-				if (cuts.size() <= len) {
+			for (const std::vector<size_t> &cuts : gathers)
+				if (cuts.size() <= len)
 					EXPECT_EQ(transmit(hdr, payload, cuts,
-						      v6 ? &ta : nullptr),
-					    want)
-					    << v6 << " " << len << " "
-					    << cuts.size();
-				}
-			}
+					    v6 ? &ta : nullptr), want) << v6 << " " << len;
 		}
 	}
 }
@@ -140,13 +133,7 @@ TEST_F(MemTest, RefusesMalformedAndOversizeFrames)
 	ta.ut_pkt_options = FRIO_TX_OPT_IPV6_CKSUM;
 	/* v6, byte to change (or where to cut the header), its value (-1:
 	 * cut), payload length, status. */
-	const struct {
-		bool v6;
-		size_t off;
-		int val;
-		size_t len;
-		frio_status_t want;
-	} cases[] = {
+	const struct { bool v6; size_t off; int val; size_t len; frio_status_t want; } cases[] = {
 		{ 0, 12, 0x81, 0, FRIO_STATUS_BADHDR }, /* VLAN */
 		{ 0, 14, 0x65, 0, FRIO_STATUS_BADHDR }, /* version 6 */
 		{ 0, 14, 0x44, 0, FRIO_STATUS_BADHDR }, /* IHL 16 */
@@ -250,19 +237,6 @@ edge_frames()
 	return v;
 }
 
-TEST(FrioFilter, MatchesPlainDatagramsAndRefusesShortLyingOrOtherFrames)
-{
-	frio_filter_set_t s = set_of({ filter_for(wire_frame(false, 0)),
-	    filter_for(wire_frame(true, 0)) });
-	int i = 0;
-
-	for (const auto &c : edge_frames())
-		EXPECT_EQ(matches(s, c.first), c.second) << "case " << i++;
-	EXPECT_FALSE(matches(set_of({ filter_for(wire_frame(false, 0)) }),
-	    wire_frame(true, 0)));
-	EXPECT_FALSE(matches(set_of({}), wire_frame(false, 0)));
-}
-
 /* Whether the kernel's own classic BPF, attached to the receiving end of a
  * datagram socket pair, lets the frame through.  That skb is a local one
  * without a VLAN tag, as the packet backend's frames are. */
@@ -289,7 +263,9 @@ kernel_passes(const struct sock_filter *p, int n, const bytes &pkt)
 	return got >= 0;
 }
 
-TEST(FrioFilter, PacketSocketFilterAgreesWithTheRule)
+/* The rule matches plain datagrams and refuses short, lying or other frames;
+ * the packet backend's socket filter, run by the kernel, agrees with it. */
+TEST(FrioFilter, RuleAndPacketSocketFilterAgree)
 {
 	std::vector<frio_filter_args_t> fl, all;
 	struct sock_filter prog[512];
@@ -304,10 +280,13 @@ TEST(FrioFilter, PacketSocketFilterAgreesWithTheRule)
 		int n = frio_packet_filter(&s, prog, 512), i = 0;
 
 		ASSERT_GT(n, 0) << nf;
-		for (const auto &c : edge_frames())
+		/* The first two filters name the edge frames' own addresses. */
+		for (const auto &c : edge_frames()) {
+			EXPECT_TRUE(nf != 2 || matches(s, c.first) == c.second) << i;
 			EXPECT_EQ(kernel_passes(prog, n, c.first),
-			    matches(s, c.first))
-			    << nf << " filters, case " << i++;
+			    matches(s, c.first)) << nf << " filters, case " << i++;
+		}
+		EXPECT_EQ(matches(s, wire_frame(true, 0)), nf >= 2);
 		if (nf == FRIO_MAX_FILTERS) {
 			EXPECT_TRUE(kernel_passes(prog, n,
 			    wire_frame(true, 5, 1015)));
