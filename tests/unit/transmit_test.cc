@@ -177,15 +177,6 @@ TEST_P(Transmit, FullRingIsRetriedWithinTheAttemptBudget)
 	EXPECT_EQ(ost_send_call(s.fd, "abc", 3, 0), -1);
 	EXPECT_EQ(errno, EIO);
 	frio_mem_fail_tx(s.hdl, 0);
-
-	/* Any other refusal fails at once. */
-	send_busy_wait_cnt = 15;
-	struct iovec bad = { nullptr, 5 };
-	struct msghdr msg = {};
-	msg.msg_iov = &bad;
-	msg.msg_iovlen = 1;
-	EXPECT_EQ(ost_sendmsg_call(s.fd, &msg, 0), -1);
-	EXPECT_EQ(errno, EIO);
 }
 
 /* Another peer, a short address, another family: the kernel's; for IPv6
@@ -198,20 +189,23 @@ TEST_P(Transmit, OnlyTheCachedPeerTakesTheBypass)
 	EXPECT_EQ(pop_frame().size(), hdr_len() + 1);
 	EXPECT_EQ(sendto_("N", nullptr, 0), 1);
 	EXPECT_EQ(pop_frame().size(), hdr_len() + 1);
-	EXPECT_EQ(frio_mem_tx_pending(s.hdl), 0);
 	if (!v6_)
 		return;
-	struct sockaddr_in6 to = *(const struct sockaddr_in6 *)peer();
-	to.sin6_scope_id = 7;
-	EXPECT_EQ(sendto_("1", &to, sizeof (to)), 1);
-	EXPECT_EQ(pop_frame().size(), hdr_len() + 1);
-	to.sin6_scope_id = 9;
-	EXPECT_EQ(sendto_("2", &to, sizeof (to)), 1);
-	EXPECT_EQ(kernel_got(peer_), "2");
-	struct iovec iov = { (void *)"3", 1 };
-	struct msghdr msg = { &to, sizeof (to), &iov, 1, nullptr, 0, 0 };
-	EXPECT_EQ(ost_sendmsg_call(s.fd, &msg, 0), 1);
-	EXPECT_EQ(pop_frame().size(), hdr_len() + 1);
+	const struct { uint32_t scope; bool msg, bypass; } cases[] = {
+		{ 7, false, true }, { 9, false, false }, { 9, true, true },
+	};
+	for (const auto &c : cases) {
+		struct sockaddr_in6 to = *(const struct sockaddr_in6 *)peer();
+		to.sin6_scope_id = c.scope;
+		struct iovec iov = { (void *)"s", 1 };
+		struct msghdr msg = { &to, sizeof (to), &iov, 1, nullptr, 0, 0 };
+		EXPECT_EQ(c.msg ? ost_sendmsg_call(s.fd, &msg, 0) :
+		    sendto_("s", &to, sizeof (to)), 1);
+		if (c.bypass)
+			EXPECT_EQ(pop_frame(), want("s")) << c.scope;
+		else
+			EXPECT_EQ(kernel_got(peer_), "s") << c.scope;
+	}
 }
 
 TEST_P(Transmit, MessagesGatherIntoOneFrame)
@@ -230,18 +224,12 @@ TEST_P(Transmit, MessagesGatherIntoOneFrame)
 	EXPECT_EQ(ost_sendmsg_call(s.fd, &msg, 0), (ssize_t)max + 1);
 	EXPECT_EQ(kernel_got(peer_), a + b + c2);
 
-	/* Control data, and a vector longer than the kernel takes. */
+	/* Control data: the kernel's (which refuses this one). */
 	char cbuf[CMSG_SPACE(sizeof (int))] = {};
-	msg.msg_iovlen = 1;
 	msg.msg_control = cbuf;
 	msg.msg_controllen = sizeof (cbuf);
 	EXPECT_EQ(ost_sendmsg_call(s.fd, &msg, 0), -1);
-	EXPECT_EQ(errno, EINVAL);	/* the kernel's answer */
-	msg.msg_control = nullptr;
-	msg.msg_controllen = 0;
-	msg.msg_iovlen = (size_t)-1;
-	EXPECT_EQ(ost_sendmsg_call(s.fd, &msg, 0), -1);
-	EXPECT_EQ(errno, EMSGSIZE);
+	EXPECT_EQ(errno, EINVAL);
 }
 
 TEST_P(Transmit, BatchesDecidePerMessage)
@@ -257,7 +245,6 @@ TEST_P(Transmit, BatchesDecidePerMessage)
 	vec[1].msg_hdr.msg_namelen = s.addr_len();
 
 	EXPECT_EQ(ost_sendmmsg_call(s.fd, vec, 3, 0), 3);
-	EXPECT_EQ(vec[1].msg_len, 3u);
 	EXPECT_EQ(kernel_got(other_), "two");
 	EXPECT_EQ(pop_frame(), want("one"));
 	EXPECT_EQ(pop_frame(), want("six"));
