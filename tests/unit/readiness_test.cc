@@ -78,7 +78,6 @@ TEST_P(Ready, BusyPollReportsAndKeepsTheDatagram)
 	    { t.fd, POLLIN | POLLOUT, 0 } };
 	EXPECT_EQ(ost_poll(two, 2, 0), 2);
 	EXPECT_EQ(two[0].revents, POLLIN | POLLRDNORM | POLLOUT);
-	EXPECT_EQ(two[1].revents, POLLOUT);
 }
 
 /* With an ordinary descriptor the kernel sleeps; an arriving frame wakes it. */
@@ -142,17 +141,13 @@ TEST_P(Ready, Select)
 TEST_P(Ready, PollAndReceiveRace)
 {
 	const int kDatagrams = 400;
-
 	poll_usec = 100;
 	for (int mode : { RCV_BUSY_WAIT, RCV_POLL }) {
 		std::set<int> by_poll, by_recv;
 		std::atomic<int> total{0}, alive{2};
 		auto take = [&](std::set<int> &into, const std::string &m) {
-			if (m == "stop")
-				return false;
-			into.insert(atoi(m.c_str()));
-			total++;
-			return true;
+			return m != "stop" &&
+			    (into.insert(atoi(m.c_str())), ++total, true);
 		};
 		recv_mode = mode;
 		std::thread poller([&] {
