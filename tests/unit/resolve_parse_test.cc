@@ -5,7 +5,6 @@
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <string.h>
-
 #include <vector>
 
 #include "resolve/netlink.h"
@@ -22,10 +21,7 @@ struct NlBuf {
 
 	NlBuf &begin(uint16_t type, uint32_t seq = kSeq, uint32_t pid = kPort)
 	{
-		struct nlmsghdr h = {};
-		h.nlmsg_type = type;
-		h.nlmsg_seq = seq;
-		h.nlmsg_pid = pid;
+		struct nlmsghdr h = { 0, type, 0, seq, pid };
 		hdr = len;
 		return put(&h, sizeof (h));
 	}
@@ -42,7 +38,7 @@ struct NlBuf {
 		len += RTA_SPACE(n);
 		return *this;
 	}
-	NlBuf &end(int lie = 0)
+	NlBuf &end(int lie = 0)	/* sets the length, lie bytes off */
 	{
 		uint32_t n = (uint32_t)(len - hdr + lie);
 		memcpy(b + hdr, &n, sizeof (n));
@@ -52,8 +48,7 @@ struct NlBuf {
 	{
 		struct rtmsg rtm = {};
 		uint32_t oif = 3;
-		rtm.rtm_family = AF_INET;
-		rtm.rtm_type = RTN_UNICAST;
+		rtm.rtm_family = AF_INET, rtm.rtm_type = RTN_UNICAST;
 		return begin(RTM_NEWROUTE, seq, pid).put(&rtm, sizeof (rtm))
 		    .attr(RTA_OIF, &oif, 4);
 	}
@@ -135,8 +130,7 @@ TEST(ResolveParse, MalformedAndForeignMessages)
 	/* A complete entry ends the dump; cut short, it is never seen. */
 	NlBuf b;
 	struct ndmsg ndm = {};
-	ndm.ndm_family = AF_INET;
-	ndm.ndm_ifindex = 2;
+	ndm.ndm_family = AF_INET, ndm.ndm_ifindex = 2;
 	ndm.ndm_state = NUD_REACHABLE;
 	b.begin(RTM_NEWNEIGH).put(&ndm, sizeof (ndm)).attr(NDA_DST, kDst4, 4)
 	    .attr(NDA_LLADDR, kMac, 6).end().begin(NLMSG_DONE).end();
