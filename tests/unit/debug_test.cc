@@ -31,7 +31,6 @@ check_log_file()
 {
 	std::string path = "/tmp/ost_debug." + std::to_string((long)getpid());
 	struct stat st;
-
 	ost_debug_init(true);
 	if (stat(path.c_str(), &st) != 0 || (st.st_mode & 0777) != 0600)
 		_exit(2);
