@@ -1,8 +1,6 @@
-/*
- * The transmit path against the in-memory frame double.  The peer is a
- * kernel socket on loopback: a fallback datagram arrives there, a bypass
- * one only in the double's transmit queue.
- */
+/* The transmit path against the in-memory frame double.  The peer is a
+ * kernel socket on loopback: fallback datagrams arrive there, bypass ones
+ * only in the double's transmit queue. */
 #include <errno.h>
 #include <sys/uio.h>
 
@@ -10,13 +8,11 @@
 
 namespace {
 
-/* The MACs of frio_test::udp_hdr, so that udp_frame builds the frames
- * expected. */
+/* The MACs of frio_test::udp_hdr, so that udp_frame builds our frames. */
 const uint8_t kSrcMac[6] = { 0x02, 0, 0, 0, 0, 0x01 };
 const uint8_t kDstMac[6] = { 0x02, 0, 0, 0, 0, 0x02 };
 
-class Transmit : public ::testing::TestWithParam<int> {
-protected:
+struct Transmit : ::testing::TestWithParam<int> {
 	BypassSock s;
 	bool v6_ = false;
 	int peer_ = -1, other_ = -1;
@@ -49,8 +45,7 @@ protected:
 			EXPECT_EQ(frio_mem_tx_pending(s.hdl), 0);
 		}
 		s.close_sock();
-		close(peer_);
-		close(other_);
+		close(peer_), close(other_);
 		EXPECT_EQ(frio_mem_open_count(), 0);
 		send_busy_wait_cnt = 15;
 	}
@@ -87,10 +82,9 @@ protected:
 	static std::string kernel_got(int sock)
 	{
 		struct timeval tv = { 1, 0 };
-		setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof (tv));
 		char buf[2048];
-		ssize_t n = real_recvfrom(sock, buf, sizeof (buf), 0, nullptr,
-		    nullptr);
+		setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof (tv));
+		ssize_t n = real_recvfrom(sock, buf, 2048, 0, nullptr, nullptr);
 		return n < 0 ? "<none>" : std::string(buf, (size_t)n);
 	}
 
@@ -115,11 +109,10 @@ TEST_P(Transmit, HopOptionsReachTheFrame)
 		{ uc, -1, 0, 64 },
 	};
 	for (const auto &st : steps) {
-		EXPECT_EQ(ost_setsockopt(s.fd, lvl, st.name, &st.value,
-		    sizeof (int)), st.ret) << st.name << "=" << st.value;
+		EXPECT_EQ(ost_setsockopt(s.fd, lvl, st.name, &st.value, 4),
+		    st.ret) << st.name << "=" << st.value;
 		ASSERT_EQ(ost_send_call(s.fd, "h", 1, 0), 1);
-		EXPECT_EQ(hops_of(pop_frame()), st.hops) << st.name << "=" <<
-		    st.value;
+		EXPECT_EQ(hops_of(pop_frame()), st.hops) << st.value;
 	}
 	if (!v6_) {	/* IPv4 also takes a single byte, and the TOS */
 		unsigned char byte = 5;
@@ -135,7 +128,7 @@ TEST_P(Transmit, HopOptionsReachTheFrame)
 	inet_pton(AF_INET6, v6_ ? "ff0e::1" : "::ffff:239.1.1.1", &group);
 	set_peer(group);
 	int four = 4;
-	ASSERT_EQ(ost_setsockopt(s.fd, lvl, mc, &four, sizeof (four)), 0);
+	ASSERT_EQ(ost_setsockopt(s.fd, lvl, mc, &four, 4), 0);
 	ASSERT_EQ(ost_send_call(s.fd, "g", 1, 0), 1);
 	EXPECT_EQ(hops_of(pop_frame()), 4);
 }
@@ -245,7 +238,6 @@ TEST_P(Transmit, BatchesDecidePerMessage)
 	iov[0] = { nullptr, 3 };
 	EXPECT_EQ(ost_sendmmsg_call(s.fd, vec, 3, 0), -1);
 	EXPECT_EQ(errno, EIO);
-
 	/* Control data anywhere: all the kernel's. */
 	iov[0] = { (void *)"one", 3 };
 	iov[2] = { (void *)"six", 3 };
