@@ -1,6 +1,5 @@
 /* poll and select over bypass sockets and ordinary descriptors. */
 #include <errno.h>
-
 #include <atomic>
 #include <set>
 #include <thread>
@@ -9,16 +8,13 @@
 
 namespace {
 
-class Ready : public ::testing::TestWithParam<int> {
-protected:
+struct Ready : ::testing::TestWithParam<int> {
 	BypassSock s, t;
 	int pipefd[2] = { -1, -1 };
 
 	void SetUp() override
 	{
-		frio_mem_reset();
-		s.open(GetParam());
-		t.open(GetParam());
+		frio_mem_reset(), s.open(GetParam()), t.open(GetParam());
 		ASSERT_EQ(pipe(pipefd), 0);
 	}
 
@@ -29,10 +25,8 @@ protected:
 			EXPECT_EQ(frio_mem_lent(b->hdl), 0);
 			b->close_sock();
 		}
-		close(pipefd[0]);
-		close(pipefd[1]);
-		poll_usec = 0;
-		recv_mode = RCV_BUSY_WAIT;
+		close(pipefd[0]), close(pipefd[1]);
+		poll_usec = 0, recv_mode = RCV_BUSY_WAIT;
 	}
 
 	int poll1(int fd, short events, int timeout, short *revents = nullptr)
