@@ -16,16 +16,12 @@ so_ost_opt_t
 opt(bool on, bool copies = false, int if_id = 3)
 {
 	so_ost_opt_t o = {};
-	o.ost_onoff = on;
-	o.ost_stat_id = 42;
-	o.ost_if_id = if_id;
-	o.ost_copies = copies;
-	o.ost_mtu = 1500;
+	o.ost_onoff = on, o.ost_stat_id = 42, o.ost_if_id = if_id;
+	o.ost_copies = copies, o.ost_mtu = 1500;
 	return o;
 }
 
-const so_ost_opt_t kOn = opt(true);
-const so_ost_opt_t kOff = opt(false);
+const so_ost_opt_t kOn = opt(true), kOff = opt(false);
 
 void
 attach_drop_all(int sd)
@@ -36,12 +32,9 @@ attach_drop_all(int sd)
 	    sizeof(prog)), 0);
 }
 
-/*
- * The kernel socket stays a live second source.  Beside a handle that
- * takes its frames from the kernel it keeps everything; beside one that
+/* The kernel socket stays live beside a handle fed by it; beside one that
  * sees copies it drops exactly what the handle serves: whole datagrams on
- * the handle's interface to its address and port, and nothing else.
- */
+ * the handle's interface to its address and port. */
 TEST(BypassOption, KernelSocketDropsOnlyWhatTheHandleServes)
 {
 	ost_test_init();
