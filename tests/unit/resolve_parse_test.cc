@@ -1,5 +1,5 @@
-/* Bounds and robustness of the rtnetlink answer parsers, on hand-made
- * buffers handed over in heap blocks of exactly their size. */
+/* The rtnetlink answer parsers on hand-made buffers in heap blocks of
+ * exactly their size. */
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <linux/neighbour.h>
@@ -77,13 +77,9 @@ struct Parsed {
 
 TEST(ResolveParse, MalformedAndForeignMessages)
 {
-	const struct {
-		const char *what;
-		void (*build)(NlBuf &);
-		ost_nl_status_t route;	/* the route parser's verdict */
-		int value;		/* nr_error, or nr_oif on an answer */
-		bool gw;
-	} cases[] = {
+	/* The route parser's verdict; nr_error, or nr_oif on an answer. */
+	const struct { const char *what; void (*build)(NlBuf &);
+	    ost_nl_status_t route; int value; bool gw; } cases[] = {
 		{ "answer after foreign seq and pid", [](NlBuf &b) {
 		    b.route(kSeq + 1).end().route(kSeq, kPort + 1).end();
 		    b.error(-EINTR, kSeq - 1);
