@@ -46,25 +46,19 @@ TEST_P(Recv, Verdicts)
 	const auto base = s.frame("hello");
 	const size_t n = base.size(), v = v6(), dst = v ? 38 : 30;
 	const size_t port = off() - 5, addr = off() - 9;
-	const struct {
-		const char *what;
-		size_t len, at; /* cut or padded to len, byte at changed */
-		int val;
-		ost_pkt_verdict_t verdict;
-	} cases[] = {
+	/* Cut or padded to len, the byte at set to val. */
+	const struct { const char *what; size_t len, at; int val;
+	    ost_pkt_verdict_t verdict; } cases[] = {
 		{ "as sent", n, 0, base[0], OST_PKT_ACCEPT },
-		{ "Ethernet padding", v ? 80u : 60u, 0, base[0],
-		    OST_PKT_ACCEPT },
+		{ "padding", v ? 80u : 60u, 0, base[0], OST_PKT_ACCEPT },
 		{ "to a group", n, dst, v ? 0xff : 0xe0, OST_PKT_ACCEPT },
 		{ "no UDP header", off() - 1, 0, base[0], OST_PKT_SHORT },
 		{ "IP length below the headers", n, v ? 19u : 17u, v ? 7 : 27,
 		    OST_PKT_SHORT },
-		{ "IP length past the frame", n - 1, 0, base[0],
-		    OST_PKT_TRUNCATED },
+		{ "IP length past the end", n - 1, 0, base[0], OST_PKT_TRUNCATED },
 		{ "TCP", n, v ? 20u : 23u, IPPROTO_TCP, OST_PKT_NOT_UDP },
 		{ "another port", n, port, base[port] ^ 1, OST_PKT_NOT_FOR_US },
-		{ "another address", n, addr, base[addr] ^ 1,
-		    OST_PKT_NOT_FOR_US },
+		{ "another address", n, addr, base[addr] ^ 1, OST_PKT_NOT_FOR_US },
 		{ "a martian source", n, v ? 22u : 26u, v ? 0xff : 127,
 		    OST_PKT_MARTIAN },
 	};
@@ -74,8 +68,7 @@ TEST_P(Recv, Verdicts)
 		f[c.at] = (uint8_t)c.val;
 		f.resize(c.len, 0);
 		EXPECT_EQ(ost_check_pkt(s.up, f.data(), f.size(), &pi),
-		    c.verdict)
-		    << c.what;
+		    c.verdict) << c.what;
 	}
 
 	/* Accepted, padded: the payload's length; the sender is not written
@@ -109,7 +102,6 @@ TEST_P(Recv, MutatedFramesStayInBounds)
 	std::mt19937 rng(GetParam());
 	auto base = s.frame(std::string(100, 'p'));
 	int accepted = 0;
-
 	for (int i = 0; i < 50000; i++) {
 		size_t n = rng() % (base.size() + 40);
 		std::vector<uint8_t> f(n);
