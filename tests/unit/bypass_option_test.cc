@@ -1,14 +1,10 @@
-/*
- * Bypass mode on the kernel socket: what it accepts, that it silences the
- * kernel path and gives it back, and that it never touches what is not ours.
- */
+/* Bypass mode on the kernel socket: what it accepts, that it silences the
+ * kernel path and gives it back, and that it never touches what is not ours. */
 #include <arpa/inet.h>
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <net/if.h>
-#include <string.h>
-
 #include <unistd.h>
 
 #include "support.h"
@@ -19,26 +15,26 @@ namespace
 so_ost_opt_t
 opt(bool on, bool copies = false, int if_id = 3)
 {
-	so_ost_opt_t o;
-
-	memset(&o, 0, sizeof(o));
-	o.ost_onoff = on;
-	o.ost_stat_id = 42;
-	o.ost_if_id = if_id;
-	o.ost_copies = copies;
-	o.ost_mtu = 1500;
+	so_ost_opt_t o = {};
+	o.ost_onoff = on, o.ost_stat_id = 42, o.ost_if_id = if_id;
+	o.ost_copies = copies, o.ost_mtu = 1500;
 	return o;
 }
 
-const so_ost_opt_t kOn = opt(true);
-const so_ost_opt_t kOff = opt(false);
+const so_ost_opt_t kOn = opt(true), kOff = opt(false);
 
-/*
- * The kernel socket stays a live second source.  Beside a handle that
- * takes its frames from the kernel it keeps everything; beside one that
+void
+attach_drop_all(int sd)
+{
+	struct sock_filter drop[] = { BPF_STMT(BPF_RET | BPF_K, 0) };
+	struct sock_fprog prog = { 1, drop };
+	ASSERT_EQ(real_setsockopt(sd, SOL_SOCKET, SO_ATTACH_FILTER, &prog,
+	    sizeof(prog)), 0);
+}
+
+/* The kernel socket stays live beside a handle fed by it; beside one that
  * sees copies it drops exactly what the handle serves: whole datagrams on
- * the handle's interface to its address and port, and nothing else.
- */
+ * the handle's interface to its address and port. */
 TEST(BypassOption, KernelSocketDropsOnlyWhatTheHandleServes)
 {
 	ost_test_init();
@@ -46,30 +42,28 @@ TEST(BypassOption, KernelSocketDropsOnlyWhatTheHandleServes)
 		struct sockaddr_storage addr;
 		int sd = bound_udp_socket(family, &addr);
 		so_ost_opt_t copies = opt(true, true, if_nametoindex("lo"));
-
 		ASSERT_GE(sd, 0);
 		copies.ost_v6 = family == AF_INET6;
 		copies.ost_port = ((struct sockaddr_in *)&addr)->sin_port;
 		copies.ost_naddrs = 1;
 		inet_pton(AF_INET6, copies.ost_v6 ? "::1" : "::ffff:127.0.0.1",
 		    &copies.ost_addrs[0]);
-		so_ost_opt_t elsewhere = copies;
+		so_ost_opt_t elsewhere = copies, other_addr = copies;
 		elsewhere.ost_if_id = 999;
-
-		ASSERT_EQ(ost_kernel_bypass_set(sd, &kOn), 0);
-		EXPECT_TRUE(delivered(sd, addr, 100)) << "steered: live";
-		ASSERT_EQ(ost_kernel_bypass_set(sd, &copies), 0);
-		EXPECT_FALSE(delivered(sd, addr, 100)) << "served: dropped";
-		EXPECT_TRUE(delivered(sd, addr, 3000)) << "above the link";
-		ASSERT_EQ(ost_kernel_bypass_set(sd, &elsewhere), 0);
-		EXPECT_TRUE(delivered(sd, addr, 100)) << "other interface";
-		copies.ost_addrs[0].s6_addr[15] ^= 2;
-		ASSERT_EQ(ost_kernel_bypass_set(sd, &copies), 0);
-		EXPECT_TRUE(delivered(sd, addr, 100)) << "other address";
-		ASSERT_EQ(ost_kernel_bypass_set(sd, &kOff), 0);
-		EXPECT_TRUE(delivered(sd, addr, 100));
-		/* Off twice, or off on a socket never armed: accepted. */
-		EXPECT_EQ(ost_kernel_bypass_set(sd, &kOff), 0);
+		other_addr.ost_addrs[0].s6_addr[15] ^= 2;
+		const struct { const char *what; const so_ost_opt_t *o;
+		    size_t len; bool live; } steps[] = {
+			{ "steered", &kOn, 100, true },
+			{ "served", &copies, 100, false },
+			{ "above the link", &copies, 3000, true },
+			{ "other interface", &elsewhere, 100, true },
+			{ "other address", &other_addr, 100, true },
+			{ "off", &kOff, 100, true }, { "off twice", &kOff, 100, true },
+		};
+		for (const auto &st : steps) {
+			ASSERT_EQ(ost_kernel_bypass_set(sd, st.o), 0) << st.what;
+			EXPECT_EQ(delivered(sd, addr, st.len), st.live) << st.what;
+		}
 		close(sd);
 	}
 }
@@ -97,11 +91,7 @@ TEST(BypassOption, LeavesOtherFiltersAndReusedDescriptorsAlone)
 	ost_test_init();
 	struct sockaddr_storage addr;
 	int sd = bound_udp_socket(AF_INET, &addr);
-	struct sock_filter drop[] = { BPF_STMT(BPF_RET | BPF_K, 0) };
-	struct sock_fprog prog = { 1, drop };
-	ASSERT_EQ(real_setsockopt(sd, SOL_SOCKET, SO_ATTACH_FILTER, &prog,
-		      sizeof(prog)),
-	    0);
+	attach_drop_all(sd);
 	EXPECT_EQ(ost_kernel_bypass_set(sd, &kOff), 0);
 	EXPECT_FALSE(delivered(sd, addr)); /* still the app's filter */
 	close(sd);
@@ -113,9 +103,7 @@ TEST(BypassOption, LeavesOtherFiltersAndReusedDescriptorsAlone)
 	/* Another socket takes the same number behind our back. */
 	struct sockaddr_storage addr2;
 	int other = bound_udp_socket(AF_INET, &addr2);
-	ASSERT_EQ(real_setsockopt(other, SOL_SOCKET, SO_ATTACH_FILTER, &prog,
-		      sizeof(prog)),
-	    0);
+	attach_drop_all(other);
 	ASSERT_EQ(dup2(other, sd), sd);
 	close(other);
 	EXPECT_EQ(ost_kernel_bypass_set(sd, &kOff), 0);

@@ -11,18 +11,10 @@
 namespace
 {
 
-using ::testing::ExitedWithCode;
-
-class Recv : public ::testing::TestWithParam<int>
-{
-      public:
+struct Recv : ::testing::TestWithParam<int> {
 	BypassSock s;
 
-	void SetUp() override
-	{
-		frio_mem_reset();
-		s.open(GetParam());
-	}
+	void SetUp() override { frio_mem_reset(), s.open(GetParam()); }
 
 	void TearDown() override
 	{
@@ -38,19 +30,12 @@ class Recv : public ::testing::TestWithParam<int>
 
 	bool v6() const { return s.family == AF_INET6; }
 	size_t off() const { return v6() ? 62 : 42; }
-
 	bool parse(std::vector<uint8_t> &f, size_t *len, void *from = nullptr,
 	    socklen_t *fromlen = nullptr)
 	{
 		*len = f.size();
 		return ost_parse_pkt(s.up, f.data(), nullptr, len, from,
 		    fromlen);
-	}
-
-	void set_iplen(std::vector<uint8_t> &f, unsigned n)
-	{
-		f[v6() ? 18 : 16] = (uint8_t)(n >> 8);
-		f[v6() ? 19 : 17] = (uint8_t)n;
 	}
 };
 
@@ -61,25 +46,19 @@ TEST_P(Recv, Verdicts)
 	const auto base = s.frame("hello");
 	const size_t n = base.size(), v = v6(), dst = v ? 38 : 30;
 	const size_t port = off() - 5, addr = off() - 9;
-	const struct {
-		const char *what;
-		size_t len, at; /* cut or padded to len, byte at changed */
-		int val;
-		ost_pkt_verdict_t verdict;
-	} cases[] = {
+	/* Cut or padded to len, the byte at set to val. */
+	const struct { const char *what; size_t len, at; int val;
+	    ost_pkt_verdict_t verdict; } cases[] = {
 		{ "as sent", n, 0, base[0], OST_PKT_ACCEPT },
-		{ "Ethernet padding", v ? 80u : 60u, 0, base[0],
-		    OST_PKT_ACCEPT },
+		{ "padding", v ? 80u : 60u, 0, base[0], OST_PKT_ACCEPT },
 		{ "to a group", n, dst, v ? 0xff : 0xe0, OST_PKT_ACCEPT },
 		{ "no UDP header", off() - 1, 0, base[0], OST_PKT_SHORT },
 		{ "IP length below the headers", n, v ? 19u : 17u, v ? 7 : 27,
 		    OST_PKT_SHORT },
-		{ "IP length past the frame", n - 1, 0, base[0],
-		    OST_PKT_TRUNCATED },
+		{ "IP length past the end", n - 1, 0, base[0], OST_PKT_TRUNCATED },
 		{ "TCP", n, v ? 20u : 23u, IPPROTO_TCP, OST_PKT_NOT_UDP },
 		{ "another port", n, port, base[port] ^ 1, OST_PKT_NOT_FOR_US },
-		{ "another address", n, addr, base[addr] ^ 1,
-		    OST_PKT_NOT_FOR_US },
+		{ "another address", n, addr, base[addr] ^ 1, OST_PKT_NOT_FOR_US },
 		{ "a martian source", n, v ? 22u : 26u, v ? 0xff : 127,
 		    OST_PKT_MARTIAN },
 	};
@@ -89,31 +68,22 @@ TEST_P(Recv, Verdicts)
 		f[c.at] = (uint8_t)c.val;
 		f.resize(c.len, 0);
 		EXPECT_EQ(ost_check_pkt(s.up, f.data(), f.size(), &pi),
-		    c.verdict)
-		    << c.what;
+		    c.verdict) << c.what;
 	}
 
-	/* Accepted: the payload's length and the sender, who is written
-	 * only into a buffer that holds him. */
+	/* Accepted, padded: the payload's length; the sender is not written
+	 * into a buffer too small for him. */
 	struct sockaddr_storage from;
-	socklen_t fromlen = sizeof(from);
+	memset(&from, 0x5a, sizeof(from));
+	socklen_t fromlen = s.addr_len() - 1;
 	size_t len;
 	auto f = s.frame("x");
 	f.resize(v6() ? 80 : 60, 0);
 	ASSERT_TRUE(parse(f, &len, &from, &fromlen));
 	EXPECT_EQ(len, 1u);
-	EXPECT_EQ(fromlen, s.addr_len());
-	EXPECT_EQ(((struct sockaddr_in *)&from)->sin_port, kPeerPort);
-	memset(&from, 0x5a, sizeof(from));
-	fromlen = s.addr_len() - 1;
-	ASSERT_TRUE(parse(f, &len, &from, &fromlen));
-	EXPECT_EQ(fromlen, s.addr_len() - 1);
 	EXPECT_EQ(from.ss_family, 0x5a5a);
-	f.resize(20);
-	EXPECT_FALSE(parse(f, &len)); /* short: dropped */
 
-	/* A frame the filter should never have let through is dropped and
-	 * counted: nobody on the wire may end the process. */
+	/* One the filter should have stopped is dropped and counted. */
 	auto other = s.frame("abcd");
 	other[off() - 9] ^= 1;
 	uint32_t dropped = s.up->uost_rx_dropped;
@@ -132,15 +102,14 @@ TEST_P(Recv, MutatedFramesStayInBounds)
 	std::mt19937 rng(GetParam());
 	auto base = s.frame(std::string(100, 'p'));
 	int accepted = 0;
-
 	for (int i = 0; i < 50000; i++) {
 		size_t n = rng() % (base.size() + 40);
 		std::vector<uint8_t> f(n);
 		for (size_t j = 0; j < n; j++)
 			f[j] = j < base.size() && rng() % 64 ? base[j] :
 							       (uint8_t)rng();
-		if (rng() % 2 && n > 20)
-			set_iplen(f, rng() % 256);
+		if (rng() % 2 && n > 20) /* a lying IP length */
+			f[v6() ? 18 : 16] = 0, f[v6() ? 19 : 17] = (uint8_t)rng();
 		ost_pkt_info_t pi;
 		ost_pkt_verdict_t v = ost_check_pkt(s.up, f.data(), n, &pi);
 		if (v > OST_PKT_SHORT)
@@ -160,7 +129,6 @@ TEST_P(Recv, StashPeekAndNonBlocking)
 {
 	s.inject("one");
 	s.inject("two");
-	EXPECT_EQ(s.recv(MSG_PEEK), "one");
 	EXPECT_EQ(s.recv(MSG_PEEK), "one");
 	EXPECT_EQ(s.recv(), "one");
 	EXPECT_EQ(s.recv(), "two");
@@ -187,11 +155,8 @@ TEST_P(Recv, StashPeekAndNonBlocking)
 	EXPECT_EQ(s.recv(), "mine");
 }
 
-/*
- * The ring's control data: none until asked for; then the receive time
- * and the packet information, the same time for a peek and the receive
- * after it; what does not fit is cut.
- */
+/* Control data: none until asked for; then the receive time (the same
+ * for a peek) and the packet information; what does not fit is cut. */
 TEST_P(Recv, ControlData)
 {
 	alignas(struct cmsghdr) char ctl[256];
@@ -200,76 +165,38 @@ TEST_P(Recv, ControlData)
 	struct msghdr m;
 	int on = 1;
 	auto rx = [&](int flags, size_t clen) {
-		memset(&m, 0, sizeof(m));
-		m.msg_iov = &iov;
-		m.msg_iovlen = 1;
-		m.msg_control = ctl;
-		m.msg_controllen = clen;
+		m = { nullptr, 0, &iov, 1, ctl, clen, 0 };
 		return ost_recvmsg_call(s.fd, &m, flags);
 	};
-	size_t pi_len =
-	    v6() ? sizeof(struct in6_pktinfo) : sizeof(struct in_pktinfo);
-
 	s.inject("a");
 	EXPECT_EQ(rx(0, sizeof(ctl)), 1);
 	EXPECT_EQ(m.msg_controllen, 0u);
-	EXPECT_EQ(m.msg_flags, 0);
 
-	ASSERT_EQ(ost_setsockopt(s.fd, SOL_SOCKET, SO_TIMESTAMPNS, &on,
-		      sizeof(on)),
-	    0);
-	ASSERT_EQ(v6() ?
-		ost_setsockopt(s.fd, IPPROTO_IPV6, IPV6_RECVPKTINFO, &on,
-		    sizeof(on)) :
-		ost_setsockopt(s.fd, IPPROTO_IP, IP_PKTINFO, &on, sizeof(on)),
-	    0);
-	ASSERT_EQ(record(s.fd), s.up);
+	ASSERT_EQ(ost_setsockopt(s.fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, 4), 0);
+	ASSERT_EQ(ost_setsockopt(s.fd, v6() ? IPPROTO_IPV6 : IPPROTO_IP,
+	    v6() ? IPV6_RECVPKTINFO : IP_PKTINFO, &on, 4), 0);
 	s.up->uost_if_index = 7;
 	s.inject("b");
 	ASSERT_EQ(rx(MSG_PEEK, sizeof(ctl)), 1);
 	struct timespec peeked;
 	memcpy(&peeked, CMSG_DATA(CMSG_FIRSTHDR(&m)), sizeof(peeked));
 	ASSERT_EQ(rx(0, sizeof(ctl)), 1);
-	EXPECT_EQ(m.msg_controllen, CMSG_SPACE(16) + CMSG_SPACE(pi_len));
+	EXPECT_EQ(m.msg_controllen, CMSG_SPACE(16) + CMSG_SPACE(v6() ?
+	    sizeof(struct in6_pktinfo) : sizeof(struct in_pktinfo)));
 	struct cmsghdr *c = CMSG_FIRSTHDR(&m);
-	EXPECT_EQ(c->cmsg_level, SOL_SOCKET);
 	EXPECT_EQ(c->cmsg_type, SCM_TIMESTAMPNS);
 	EXPECT_EQ(memcmp(CMSG_DATA(c), &peeked, sizeof(peeked)), 0);
 	c = CMSG_NXTHDR(&m, c);
 	ASSERT_NE(c, nullptr);
-	EXPECT_EQ(c->cmsg_len, CMSG_LEN(pi_len));
-	if (v6()) {
-		struct in6_pktinfo pi;
-		memcpy(&pi, CMSG_DATA(c), sizeof(pi));
-		EXPECT_EQ(c->cmsg_type, IPV6_PKTINFO);
-		EXPECT_EQ(pi.ipi6_ifindex, 7u);
-		EXPECT_TRUE(
-		    IN6_ARE_ADDR_EQUAL(&pi.ipi6_addr, &s.up->uost_laddr_v6));
-	} else {
-		struct in_pktinfo pi;
-		memcpy(&pi, CMSG_DATA(c), sizeof(pi));
-		EXPECT_EQ(c->cmsg_type, IP_PKTINFO);
-		EXPECT_EQ(pi.ipi_ifindex, 7);
-		EXPECT_EQ(pi.ipi_addr.s_addr, htonl(INADDR_LOOPBACK));
-		EXPECT_EQ(pi.ipi_spec_dst.s_addr, htonl(INADDR_LOOPBACK));
-	}
+	EXPECT_EQ(c->cmsg_type, v6() ? IPV6_PKTINFO : IP_PKTINFO);
+	int ifindex; /* the first field of in_pktinfo, after the address in v6 */
+	memcpy(&ifindex, CMSG_DATA(c) + (v6() ? 16 : 0), sizeof(ifindex));
+	EXPECT_EQ(ifindex, 7);
 
 	s.inject("c");
 	ASSERT_EQ(rx(0, CMSG_SPACE(16) + 20), 1);
 	EXPECT_EQ(m.msg_flags, MSG_CTRUNC);
-	EXPECT_EQ(m.msg_controllen, CMSG_SPACE(16) + 20);
 	EXPECT_EQ(CMSG_NXTHDR(&m, CMSG_FIRSTHDR(&m))->cmsg_len, 20u);
-
-	struct mmsghdr v;
-	memset(&v, 0, sizeof(v));
-	v.msg_hdr.msg_iov = &iov;
-	v.msg_hdr.msg_iovlen = 1;
-	v.msg_hdr.msg_control = ctl;
-	v.msg_hdr.msg_controllen = sizeof(ctl);
-	s.inject("d");
-	ASSERT_EQ(ost_recvmmsg_call(s.fd, &v, 1, 0, nullptr), 1);
-	EXPECT_EQ(v.msg_hdr.msg_controllen,
-	    CMSG_SPACE(16) + CMSG_SPACE(pi_len));
 }
 
 /* recvmsg marks a cut datagram; recvmmsg gives an empty datagram its own
@@ -279,7 +206,6 @@ TEST_P(Recv, ReceiveCalls)
 	char buf[8][16];
 	struct iovec iov[8];
 	struct mmsghdr vec[8] = {};
-
 	for (int i = 0; i < 8; i++) {
 		iov[i] = { buf[i], sizeof(buf[i]) };
 		vec[i].msg_hdr.msg_iov = &iov[i];
@@ -295,17 +221,13 @@ TEST_P(Recv, ReceiveCalls)
 	s.inject("");
 	s.inject("ccc");
 	EXPECT_EQ(ost_recvmmsg_call(s.fd, vec, 8, MSG_WAITFORONE, nullptr), 3);
-	EXPECT_EQ(vec[0].msg_len, 1u);
-	EXPECT_EQ(vec[1].msg_len, 0u);
-	EXPECT_EQ(vec[2].msg_len, 3u);
+	EXPECT_TRUE(vec[0].msg_len == 1 && vec[1].msg_len == 0 &&
+	    vec[2].msg_len == 3);
 
 	recv_mode = RCV_POLL;
 	for (int usec : { 0, -1 }) {
 		poll_usec = usec;
-		std::thread late([this] {
-			usleep(20000);
-			s.inject("woke");
-		});
+		std::thread late([this] { usleep(20000), s.inject("woke"); });
 		EXPECT_EQ(s.recv(), "woke") << usec;
 		late.join();
 	}
@@ -314,25 +236,20 @@ TEST_P(Recv, ReceiveCalls)
 TEST_P(Recv, ThreadsShareOneSocket)
 {
 	const int kThreads = 3, kDatagrams = 600;
-	std::vector<std::set<int>> got(kThreads);
+	std::vector<std::vector<int>> got(kThreads);
 	std::vector<std::thread> rx;
-
-	for (int t = 0; t < kThreads; t++) {
+	for (int t = 0; t < kThreads; t++)
 		rx.emplace_back([&, t] {
 			for (std::string m; (m = s.recv()) != "stop";)
-				got[t].insert(atoi(m.c_str()));
+				got[t].push_back(atoi(m.c_str()));
 		});
-	}
 	for (int i = 0; i < kDatagrams + kThreads; i++)
 		s.inject(i < kDatagrams ? std::to_string(i) : "stop");
-	for (auto &t : rx)
-		t.join();
-	std::set<int> all;
-	size_t total = 0;
-	for (auto &g : got) /* each datagram reached exactly one */
-		all.insert(g.begin(), g.end()), total += g.size();
+	std::multiset<int> all; /* each datagram reached exactly one */
+	for (int t = 0; t < kThreads; t++)
+		rx[t].join(), all.insert(got[t].begin(), got[t].end());
 	EXPECT_EQ(all.size(), (size_t)kDatagrams);
-	EXPECT_EQ(total, (size_t)kDatagrams);
+	EXPECT_EQ(std::set<int>(all.begin(), all.end()).size(), all.size());
 }
 
 /* close() ends a waiting receive with EBADF once the record is gone. */

@@ -1,11 +1,10 @@
-/* Bounds and robustness of the rtnetlink answer parsers, on hand-made
- * buffers handed over in heap blocks of exactly their size. */
+/* The rtnetlink answer parsers on hand-made buffers in heap blocks of
+ * exactly their size. */
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <string.h>
-
 #include <vector>
 
 #include "resolve/netlink.h"
@@ -22,10 +21,7 @@ struct NlBuf {
 
 	NlBuf &begin(uint16_t type, uint32_t seq = kSeq, uint32_t pid = kPort)
 	{
-		struct nlmsghdr h = {};
-		h.nlmsg_type = type;
-		h.nlmsg_seq = seq;
-		h.nlmsg_pid = pid;
+		struct nlmsghdr h = { 0, type, 0, seq, pid };
 		hdr = len;
 		return put(&h, sizeof (h));
 	}
@@ -42,7 +38,7 @@ struct NlBuf {
 		len += RTA_SPACE(n);
 		return *this;
 	}
-	NlBuf &end(int lie = 0)
+	NlBuf &end(int lie = 0)	/* sets the length, lie bytes off */
 	{
 		uint32_t n = (uint32_t)(len - hdr + lie);
 		memcpy(b + hdr, &n, sizeof (n));
@@ -52,19 +48,9 @@ struct NlBuf {
 	{
 		struct rtmsg rtm = {};
 		uint32_t oif = 3;
-		rtm.rtm_family = AF_INET;
-		rtm.rtm_type = RTN_UNICAST;
+		rtm.rtm_family = AF_INET, rtm.rtm_type = RTN_UNICAST;
 		return begin(RTM_NEWROUTE, seq, pid).put(&rtm, sizeof (rtm))
 		    .attr(RTA_OIF, &oif, 4);
-	}
-	NlBuf &neigh()
-	{
-		struct ndmsg ndm = {};
-		ndm.ndm_family = AF_INET;
-		ndm.ndm_ifindex = 2;
-		ndm.ndm_state = NUD_REACHABLE;
-		return begin(RTM_NEWNEIGH).put(&ndm, sizeof (ndm))
-		    .attr(NDA_DST, kDst4, 4).attr(NDA_LLADDR, kMac, 6).end();
 	}
 	NlBuf &error(int err, uint32_t seq = kSeq)
 	{
@@ -73,28 +59,27 @@ struct NlBuf {
 };
 
 /* Both parsers on an exact-size copy of b's first len bytes. */
-void
-parse(const NlBuf &nb, size_t len, ost_nl_status_t *rst, ost_nl_route_t *rt,
-    ost_nl_status_t *nst, ost_nl_neigh_t *nn)
-{
-	std::vector<uint8_t> v(nb.b, nb.b + len);
+struct Parsed {
+	ost_nl_status_t rst, nst;
+	ost_nl_route_t rt = {};
+	ost_nl_neigh_t nn = {};
 
-	v.shrink_to_fit();
-	*rst = ost_nl_route_parse(v.data(), len, kSeq, kPort, AF_INET, rt);
-	*nn = {};
-	*nst = ost_nl_neigh_parse(v.data(), len, kSeq, kPort, AF_INET, kDst4,
-	    0, nn);
-}
+	Parsed(const NlBuf &nb, size_t len)
+	{
+		std::vector<uint8_t> v(nb.b, nb.b + len);
+		v.shrink_to_fit();
+		rst = ost_nl_route_parse(v.data(), len, kSeq, kPort, AF_INET,
+		    &rt);
+		nst = ost_nl_neigh_parse(v.data(), len, kSeq, kPort, AF_INET,
+		    kDst4, 0, &nn);
+	}
+};
 
 TEST(ResolveParse, MalformedAndForeignMessages)
 {
-	const struct {
-		const char *what;
-		void (*build)(NlBuf &);
-		ost_nl_status_t route;	/* the route parser's verdict */
-		int value;		/* nr_error, or nr_oif on an answer */
-		bool gw;
-	} cases[] = {
+	/* The route parser's verdict; nr_error, or nr_oif on an answer. */
+	const struct { const char *what; void (*build)(NlBuf &);
+	    ost_nl_status_t route; int value; bool gw; } cases[] = {
 		{ "answer after foreign seq and pid", [](NlBuf &b) {
 		    b.route(kSeq + 1).end().route(kSeq, kPort + 1).end();
 		    b.error(-EINTR, kSeq - 1);
@@ -122,40 +107,34 @@ TEST(ResolveParse, MalformedAndForeignMessages)
 
 	for (const auto &c : cases) {
 		NlBuf b;
-		ost_nl_route_t rt;
-		ost_nl_neigh_t nn;
-		ost_nl_status_t rst, nst;
-
 		c.build(b);
-		memset(&rt, 0, sizeof (rt));
-		parse(b, b.len, &rst, &rt, &nst, &nn);
-		ASSERT_EQ(c.route, rst) << c.what;
-		if (rst == OST_NL_ERROR) {
-			EXPECT_EQ(c.value, rt.nr_error) << c.what;
-			EXPECT_EQ(OST_NL_ERROR, nst) << c.what;
-		} else if (rst == OST_NL_ANSWER) {
-			EXPECT_EQ((uint32_t)c.value, rt.nr_oif) << c.what;
-			EXPECT_EQ(c.gw, (bool)rt.nr_has_gw) << c.what;
+		Parsed p(b, b.len);
+		ASSERT_EQ(c.route, p.rst) << c.what;
+		if (p.rst == OST_NL_ERROR) {
+			EXPECT_EQ(c.value, p.rt.nr_error) << c.what;
+			EXPECT_EQ(OST_NL_ERROR, p.nst) << c.what;
+		} else if (p.rst == OST_NL_ANSWER) {
+			EXPECT_EQ((uint32_t)c.value, p.rt.nr_oif) << c.what;
+			EXPECT_EQ(c.gw, (bool)p.rt.nr_has_gw) << c.what;
 		}
 		/* Cut anywhere, the last message is not seen and nothing is
 		 * read past the end (the sanitizer build sees that). */
-		for (size_t cut = 0; cut < b.len; cut++) {
-			parse(b, cut, &rst, &rt, &nst, &nn);
-			EXPECT_EQ(OST_NL_MORE, rst) << c.what << " " << cut;
-		}
+		for (size_t cut = 0; cut < b.len; cut++)
+			EXPECT_EQ(OST_NL_MORE, Parsed(b, cut).rst) << c.what << cut;
 	}
 
 	/* A complete entry ends the dump; cut short, it is never seen. */
 	NlBuf b;
-	ost_nl_route_t rt;
-	ost_nl_neigh_t nn;
-	ost_nl_status_t rst, nst;
-
-	b.neigh().begin(NLMSG_DONE).end();
+	struct ndmsg ndm = {};
+	ndm.ndm_family = AF_INET, ndm.ndm_ifindex = 2;
+	ndm.ndm_state = NUD_REACHABLE;
+	b.begin(RTM_NEWNEIGH).put(&ndm, sizeof (ndm)).attr(NDA_DST, kDst4, 4)
+	    .attr(NDA_LLADDR, kMac, 6).end().begin(NLMSG_DONE).end();
 	for (size_t cut = 0; cut <= b.len; cut++) {
-		parse(b, cut, &rst, &rt, &nst, &nn);
-		EXPECT_EQ(cut >= b.len - 16, nst == OST_NL_ANSWER && nn.nn_complete &&
-		    memcmp(nn.nn_lladdr, kMac, 6) == 0) << cut;
+		Parsed p(b, cut);
+		EXPECT_EQ(cut >= b.len - 16, p.nst == OST_NL_ANSWER &&
+		    p.nn.nn_complete && memcmp(p.nn.nn_lladdr, kMac, 6) == 0)
+		    << cut;
 	}
 }
 
