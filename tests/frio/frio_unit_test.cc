@@ -111,14 +111,17 @@ TEST_F(MemTest, CompletesChecksums)
 			}
 			bytes want = hdr;
 			want.insert(want.end(), payload.begin(), payload.end());
-			if (v6)
+			if (v6) {
 				EXPECT_EQ(transmit(hdr, payload, {}, nullptr), want);
+			}
 			complete(want);
 			EXPECT_TRUE(len != 10 || get16(&want[u + 6]) == 0xffff);
-			for (const std::vector<size_t> &cuts : gathers)
-				if (cuts.size() <= len)
+			for (const std::vector<size_t> &cuts : gathers) {
+				if (cuts.size() <= len) {
 					EXPECT_EQ(transmit(hdr, payload, cuts,
 					    v6 ? &ta : nullptr), want) << v6 << " " << len;
+				}
+			}
 		}
 	}
 }
