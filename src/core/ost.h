@@ -199,6 +199,10 @@ bool ost_set_destination(uost_t *up, const struct sockaddr *to, bool do_bind);
 /* Socket creation, close and descriptor flags. */
 int ost_socket(int domain, int type, int protocol);
 int ost_close(int fd);
+/* close() nested in one of our calls (a signal handler): see the file. */
+int ost_close_nested(int fd);
+bool ost_closes_deferred(void);
+void ost_run_deferred_closes(void);
 void ost_note_fl_change(int fd, int cmd, unsigned long arg);
 /* dup (newfd -1), dup2 and dup3: the whole calls. */
 int ost_dup_call(int oldfd, int newfd, int flags, int (*dup3fn)(int, int, int));

@@ -4,7 +4,9 @@
  */
 #include <errno.h>
 #include <fcntl.h>
+#include <string.h>
 #include <sys/ioctl.h>
+#include <unistd.h>
 
 #include "core/ost.h"
 
@@ -150,4 +152,118 @@ ost_dup_call(int oldfd, int newfd, int flags, int (*dup3fn)(int, int, int))
 		ost_note_dup(oldfd);
 	errno = saved_errno;
 	return ret;
+}
+
+/*
+ * close() from a signal handler that interrupted this thread inside one of
+ * our calls.  Tearing the record down here could wait for a lock that the
+ * interrupted call holds; closing only the descriptor would let its number
+ * be reused while the registry or an epoll set still names it.  So a
+ * descriptor that may have either, an IPv4 or IPv6 UDP socket or an epoll
+ * instance, stays open until the outermost call unwinds and closes it the
+ * ordinary way (ost_run_deferred_closes), and the handler's close returns
+ * 0 at once, as it would have.  Until then the handler and the interrupted
+ * call still see it open: the interrupted call ends as it would on a kernel
+ * socket, by EINTR from its wait or by its own result.  Anything else
+ * closes now, since holding back a pipe's close could hang a program that
+ * waits for its end.  Only system calls and this thread's own slots: safe
+ * in a signal handler.
+ */
+#define OST_DEFERRED_MAX 16
+
+/* Descriptor + 1 in each slot, 0 when free; claimed and emptied with
+ * single atomic instructions, so that a nested handler sees either. */
+static __thread int ost_deferred[OST_DEFERRED_MAX]
+    __attribute__((tls_model("initial-exec")));
+static __thread volatile int ost_deferred_any
+    __attribute__((tls_model("initial-exec")));
+
+static bool
+ost_may_be_recorded(int fd)
+{
+	static const char want[] = "anon_inode:[eventpoll]";
+	char path[32] = "/proc/self/fd/", link[sizeof(want)], digits[12];
+	int domain, proto, n = 0, at = 14;
+	socklen_t len = sizeof(int);
+	ssize_t got;
+
+	if (real_getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &len) == 0) {
+		len = sizeof(int);
+		return (domain == AF_INET || domain == AF_INET6) &&
+		    real_getsockopt(fd, SOL_SOCKET, SO_PROTOCOL, &proto,
+			&len) == 0 &&
+		    proto == IPPROTO_UDP;
+	}
+	/* Not a socket: is it an epoll instance?  (No /proc: take it as
+	 * not; the epoll sets then keep a stale number.) */
+	for (unsigned v = (unsigned)fd; n == 0 || v != 0; v /= 10)
+		digits[n++] = (char)('0' + v % 10);
+	while (n > 0)
+		path[at++] = digits[--n];
+	path[at] = '\0';
+	got = readlink(path, link, sizeof(link));
+	return got == (ssize_t)sizeof(want) - 1 &&
+	    memcmp(link, want, sizeof(want) - 1) == 0;
+}
+
+int
+ost_close_nested(int fd)
+{
+	int saved_errno = errno, *free_slot = NULL;
+	bool maybe;
+
+	if (fd < 0)
+		return real_close(fd);
+	for (int i = 0; i < OST_DEFERRED_MAX; i++) {
+		if (ost_deferred[i] == fd + 1) {
+			errno = EBADF; /* closed once already */
+			return -1;
+		}
+	}
+	maybe = ost_may_be_recorded(fd);
+	errno = saved_errno;
+	if (!maybe)
+		return real_close(fd);
+	for (int i = 0; i < OST_DEFERRED_MAX && free_slot == NULL; i++) {
+		int expect = 0;
+
+		if (__atomic_compare_exchange_n(&ost_deferred[i], &expect,
+			fd + 1, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED))
+			free_slot = &ost_deferred[i];
+	}
+	if (free_slot == NULL) {
+		/* POSIX lets an interrupted close leave the descriptor open;
+		 * better a leak than a registry naming a reused number. */
+		errno = EINTR;
+		return -1;
+	}
+	__atomic_signal_fence(__ATOMIC_SEQ_CST);
+	ost_deferred_any = 1;
+	return 0;
+}
+
+bool
+ost_closes_deferred(void)
+{
+	return ost_deferred_any != 0;
+}
+
+/* By the outermost call as it returns, holding no lock; keeps errno. */
+void
+ost_run_deferred_closes(void)
+{
+	int saved_errno = errno;
+
+	while (ost_deferred_any != 0) {
+		ost_deferred_any = 0;
+		__atomic_signal_fence(__ATOMIC_SEQ_CST);
+		for (int i = 0; i < OST_DEFERRED_MAX; i++) {
+			int v = __atomic_exchange_n(&ost_deferred[i], 0,
+			    __ATOMIC_RELAXED);
+
+			if (v != 0)
+				(void)ost_close(v - 1);
+		}
+	}
+	errno = saved_errno;
 }

@@ -11,56 +11,63 @@ OST_EXPORT ssize_t
 recvfrom(int fd, void *buf, size_t len, int flags, struct sockaddr *from,
     socklen_t *fromlen)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO())
-		return real_recvfrom(fd, buf, len, flags, from, fromlen);
-	return ost_recvfrom_call(fd, buf, len, flags, from, fromlen);
+	ost_call call;
+
+	if (call.nested())
+		return call.ret(
+		    real_recvfrom(fd, buf, len, flags, from, fromlen));
+	return call.ret(ost_recvfrom_call(fd, buf, len, flags, from, fromlen));
 }
 
 OST_EXPORT ssize_t
 recv(int fd, void *buf, size_t len, int flags)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO())
-		return real_recvfrom(fd, buf, len, flags, NULL, NULL);
-	return ost_recvfrom_call(fd, buf, len, flags, NULL, NULL);
+	ost_call call;
+
+	if (call.nested())
+		return call.ret(real_recvfrom(fd, buf, len, flags, NULL, NULL));
+	return call.ret(ost_recvfrom_call(fd, buf, len, flags, NULL, NULL));
 }
 
 OST_EXPORT ssize_t
 read(int fd, void *buf, size_t len)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO())
-		return real_read(fd, buf, len);
-	return ost_read_call(fd, buf, len);
+	ost_call call;
+
+	if (call.nested())
+		return call.ret(real_read(fd, buf, len));
+	return call.ret(ost_read_call(fd, buf, len));
 }
 
 OST_EXPORT ssize_t
 recvmsg(int fd, struct msghdr *msg, int flags)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO())
-		return real_recvmsg(fd, msg, flags);
-	return ost_recvmsg_call(fd, msg, flags);
+	ost_call call;
+
+	if (call.nested())
+		return call.ret(real_recvmsg(fd, msg, flags));
+	return call.ret(ost_recvmsg_call(fd, msg, flags));
 }
 
 OST_EXPORT int
 recvmmsg(int fd, struct mmsghdr *vec, unsigned int vlen, int flags,
     struct timespec *timeout)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO())
-		return real_recvmmsg(fd, vec, vlen, flags, timeout);
-	return ost_recvmmsg_call(fd, vec, vlen, flags, timeout);
+	ost_call call;
+
+	if (call.nested())
+		return call.ret(real_recvmmsg(fd, vec, vlen, flags, timeout));
+	return call.ret(ost_recvmmsg_call(fd, vec, vlen, flags, timeout));
 }
 
 OST_EXPORT ssize_t
 readv(int fd, const struct iovec *iov, int iovcnt)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO())
-		return real_readv(fd, iov, iovcnt);
-	return ost_readv_call(fd, iov, iovcnt);
+	ost_call call;
+
+	if (call.nested())
+		return call.ret(real_readv(fd, iov, iovcnt));
+	return call.ret(ost_readv_call(fd, iov, iovcnt));
 }
 
 OST_EXPORT ssize_t

@@ -11,19 +11,23 @@
 OST_EXPORT int
 socket(int domain, int type, int protocol)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO())
-		return real_socket(domain, type, protocol);
-	return ost_socket(domain, type, protocol);
+	ost_call call;
+
+	if (call.nested())
+		return call.ret(real_socket(domain, type, protocol));
+	return call.ret(ost_socket(domain, type, protocol));
 }
 
 OST_EXPORT int
 close(int fd)
 {
-	OST_ENTRY();
+	ost_call call;
+
 	if (OST_FROM_FRIO())
-		return real_close(fd);
-	return ost_close(fd);
+		return call.ret(real_close(fd));
+	if (call.nested())
+		return call.ret(ost_close_nested(fd));
+	return call.ret(ost_close(fd));
 }
 
 /*
@@ -33,19 +37,16 @@ close(int fd)
 static int
 ost_fcntl(int (*const *real)(int, int, ...), int fd, int cmd, unsigned long arg)
 {
-	int ret, saved_errno;
+	ost_call call;
+	int ret;
 
-	OST_ENTRY();
-	if (OST_FROM_FRIO())
-		return (*real)(fd, cmd, arg);
+	if (call.nested())
+		return call.ret((*real)(fd, cmd, arg));
 	ost_note_fl_change(fd, cmd, arg);
 	ret = (*real)(fd, cmd, arg);
-	if (ret >= 0 && (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC)) {
-		saved_errno = errno;
+	if (ret >= 0 && (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC))
 		ost_note_dup(fd);
-		errno = saved_errno;
-	}
-	return ret;
+	return call.ret(ret);
 }
 
 /* The one optional argument is an int or a pointer; both fit a long. */
@@ -77,64 +78,69 @@ fcntl64(int fd, int cmd, ...)
 OST_EXPORT int
 dup(int fd)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO())
-		return real_dup(fd);
-	return ost_dup_call(fd, -1, 0, NULL);
+	ost_call call;
+
+	if (call.nested())
+		return call.ret(real_dup(fd));
+	return call.ret(ost_dup_call(fd, -1, 0, NULL));
 }
 
 OST_EXPORT int
 dup2(int fd, int newfd)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO() || newfd < 0)
-		return real_dup2(fd, newfd);
-	return ost_dup_call(fd, newfd, 0, NULL);
+	ost_call call;
+
+	if (call.nested() || newfd < 0)
+		return call.ret(real_dup2(fd, newfd));
+	return call.ret(ost_dup_call(fd, newfd, 0, NULL));
 }
 
 OST_EXPORT int
 dup3(int fd, int newfd, int flags)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO() || newfd < 0)
-		return real_dup3(fd, newfd, flags);
-	return ost_dup_call(fd, newfd, flags, real_dup3);
+	ost_call call;
+
+	if (call.nested() || newfd < 0)
+		return call.ret(real_dup3(fd, newfd, flags));
+	return call.ret(ost_dup_call(fd, newfd, flags, real_dup3));
 }
 
 OST_EXPORT int
 ioctl(int fd, unsigned long request, ...)
 {
+	ost_call call;
 	void *argp;
 	va_list ap;
 
-	OST_ENTRY();
 	va_start(ap, request);
 	argp = va_arg(ap, void *);
 	va_end(ap);
-	if (OST_FROM_FRIO())
-		return real_ioctl(fd, request, argp);
+	if (call.nested())
+		return call.ret(real_ioctl(fd, request, argp));
 	/* The next datagram's length, when the ring holds it. */
 	if (request == FIONREAD && argp != NULL &&
 	    ost_next_len(fd, (int *)argp))
-		return 0;
+		return call.ret(0);
 	ost_note_fionbio(fd, request, argp);
-	return real_ioctl(fd, request, argp);
+	return call.ret(real_ioctl(fd, request, argp));
 }
 
 OST_EXPORT int
 bind(int fd, const struct sockaddr *addr, socklen_t len)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO())
-		return real_bind(fd, addr, len);
-	return ost_bind_call(fd, addr, len);
+	ost_call call;
+
+	if (call.nested())
+		return call.ret(real_bind(fd, addr, len));
+	return call.ret(ost_bind_call(fd, addr, len));
 }
 
 OST_EXPORT int
 connect(int fd, const struct sockaddr *addr, socklen_t len)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO())
-		return real_connect(fd, addr, len);
-	return ost_connect_call(fd, addr, len);
+	ost_call call;
+
+	if (call.nested())
+		return call.ret(real_connect(fd, addr, len));
+	return call.ret(ost_connect_call(fd, addr, len));
 }

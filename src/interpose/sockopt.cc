@@ -4,17 +4,19 @@
 OST_EXPORT int
 setsockopt(int fd, int level, int name, const void *val, socklen_t len)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO())
-		return real_setsockopt(fd, level, name, val, len);
-	return ost_setsockopt(fd, level, name, val, len);
+	ost_call call;
+
+	if (call.nested())
+		return call.ret(real_setsockopt(fd, level, name, val, len));
+	return call.ret(ost_setsockopt(fd, level, name, val, len));
 }
 
 OST_EXPORT int
 getsockopt(int fd, int level, int name, void *val, socklen_t *lenp)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO())
-		return real_getsockopt(fd, level, name, val, lenp);
-	return ost_getsockopt(fd, level, name, val, lenp);
+	ost_call call;
+
+	if (call.nested())
+		return call.ret(real_getsockopt(fd, level, name, val, lenp));
+	return call.ret(ost_getsockopt(fd, level, name, val, lenp));
 }

@@ -8,40 +8,45 @@ extern "C" [[noreturn]] void __chk_fail(void);
 OST_EXPORT int
 poll(struct pollfd *fds, nfds_t nfds, int timeout)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO())
-		return real_poll(fds, nfds, timeout);
-	return ost_poll(fds, nfds, timeout);
+	ost_call call;
+
+	if (call.nested())
+		return call.ret(real_poll(fds, nfds, timeout));
+	return call.ret(ost_poll(fds, nfds, timeout));
 }
 
 OST_EXPORT int
 select(int nfds, fd_set *rfds, fd_set *wfds, fd_set *efds,
     struct timeval *timeout)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO())
-		return real_select(nfds, rfds, wfds, efds, timeout);
-	return ost_select(nfds, rfds, wfds, efds, timeout);
+	ost_call call;
+
+	if (call.nested())
+		return call.ret(real_select(nfds, rfds, wfds, efds, timeout));
+	return call.ret(ost_select(nfds, rfds, wfds, efds, timeout));
 }
 
 OST_EXPORT int
 ppoll(struct pollfd *fds, nfds_t nfds, const struct timespec *timeout,
     const sigset_t *mask)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO())
-		return real_ppoll(fds, nfds, timeout, mask);
-	return ost_ppoll(fds, nfds, timeout, mask);
+	ost_call call;
+
+	if (call.nested())
+		return call.ret(real_ppoll(fds, nfds, timeout, mask));
+	return call.ret(ost_ppoll(fds, nfds, timeout, mask));
 }
 
 OST_EXPORT int
 pselect(int nfds, fd_set *rfds, fd_set *wfds, fd_set *efds,
     const struct timespec *timeout, const sigset_t *mask)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO())
-		return real_pselect(nfds, rfds, wfds, efds, timeout, mask);
-	return ost_pselect(nfds, rfds, wfds, efds, timeout, mask);
+	ost_call call;
+
+	if (call.nested())
+		return call.ret(
+		    real_pselect(nfds, rfds, wfds, efds, timeout, mask));
+	return call.ret(ost_pselect(nfds, rfds, wfds, efds, timeout, mask));
 }
 
 OST_EXPORT int
@@ -64,10 +69,11 @@ __poll_chk(struct pollfd *fds, nfds_t nfds, int timeout, size_t fdslen)
 OST_EXPORT int
 epoll_ctl(int epfd, int op, int fd, struct epoll_event *event)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO())
-		return real_epoll_ctl(epfd, op, fd, event);
-	return ost_epoll_ctl(epfd, op, fd, event);
+	ost_call call;
+
+	if (call.nested())
+		return call.ret(real_epoll_ctl(epfd, op, fd, event));
+	return call.ret(ost_epoll_ctl(epfd, op, fd, event));
 }
 
 static hrtime_t
@@ -79,39 +85,47 @@ ost_ms_to_ns(int ms)
 OST_EXPORT int
 epoll_wait(int epfd, struct epoll_event *evs, int max, int timeout)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO() || !ost_epoll_watched(epfd))
-		return real_epoll_pwait(epfd, evs, max, timeout, NULL);
-	return ost_epoll_wait(epfd, evs, max, ost_ms_to_ns(timeout), NULL);
+	ost_call call;
+
+	if (call.nested() || !ost_epoll_watched(epfd))
+		return call.ret(
+		    real_epoll_pwait(epfd, evs, max, timeout, NULL));
+	return call.ret(
+	    ost_epoll_wait(epfd, evs, max, ost_ms_to_ns(timeout), NULL));
 }
 
 OST_EXPORT int
 epoll_pwait(int epfd, struct epoll_event *evs, int max, int timeout,
     const sigset_t *mask)
 {
-	OST_ENTRY();
-	if (OST_FROM_FRIO() || !ost_epoll_watched(epfd))
-		return real_epoll_pwait(epfd, evs, max, timeout, mask);
-	return ost_epoll_wait(epfd, evs, max, ost_ms_to_ns(timeout), mask);
+	ost_call call;
+
+	if (call.nested() || !ost_epoll_watched(epfd))
+		return call.ret(
+		    real_epoll_pwait(epfd, evs, max, timeout, mask));
+	return call.ret(
+	    ost_epoll_wait(epfd, evs, max, ost_ms_to_ns(timeout), mask));
 }
 
 OST_EXPORT int
 epoll_pwait2(int epfd, struct epoll_event *evs, int max,
     const struct timespec *timeout, const sigset_t *mask)
 {
-	OST_ENTRY();
+	ost_call call;
+
 	if (real_epoll_pwait2 == NULL) {
 		errno = ENOSYS;
 		return -1;
 	}
-	if (OST_FROM_FRIO() || !ost_epoll_watched(epfd) ||
+	if (call.nested() || !ost_epoll_watched(epfd) ||
 	    (timeout != NULL &&
 		(timeout->tv_sec < 0 || timeout->tv_nsec < 0 ||
 		    timeout->tv_nsec >= NANOSEC)))
-		return real_epoll_pwait2(epfd, evs, max, timeout, mask);
-	return ost_epoll_wait(epfd, evs, max,
+		return call.ret(
+		    real_epoll_pwait2(epfd, evs, max, timeout, mask));
+	return call.ret(ost_epoll_wait(epfd, evs, max,
 	    timeout == NULL ?
 		-1 :
 		(hrtime_t)timeout->tv_sec * NANOSEC + timeout->tv_nsec,
-	    mask);
+	    mask));
 }

@@ -54,6 +54,8 @@ int (*real_posix_spawn)(pid_t *, const char *,
 int (*real_posix_spawnp)(pid_t *, const char *,
     const posix_spawn_file_actions_t *, const posix_spawnattr_t *,
     char *const[], char *const[]);
+int (*real_system)(const char *);
+FILE *(*real_popen)(const char *, const char *);
 }
 
 template <typename Fn>
@@ -118,4 +120,6 @@ ost_libc_init(void)
 	lookup(&real_vfork, "vfork");
 	lookup(&real_posix_spawn, "posix_spawn");
 	lookup(&real_posix_spawnp, "posix_spawnp");
+	lookup(&real_system, "system");
+	lookup(&real_popen, "popen");
 }

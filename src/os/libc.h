@@ -12,6 +12,7 @@
 #include <errno.h>
 #include <poll.h>
 #include <spawn.h>
+#include <stdio.h>
 #include <sys/epoll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -69,6 +70,8 @@ extern int (*real_posix_spawn)(pid_t *, const char *,
 extern int (*real_posix_spawnp)(pid_t *, const char *,
     const posix_spawn_file_actions_t *, const posix_spawnattr_t *,
     char *const[], char *const[]);
+extern int (*real_system)(const char *);
+extern FILE *(*real_popen)(const char *, const char *);
 }
 
 /*
