@@ -2,8 +2,8 @@
  * The differential table: one scenario, as an application sees it.
  *
  *   differential list                      rows, with "ring" or "kernel"
- *   differential peer SELF PEER CTL        the plain peer (its namespace)
- *   differential ROW SELF PEER CTL         one row, plain or preloaded
+ *   differential peer SELF PEER CTL SELF6 PEER6   the plain peer
+ *   differential ROW SELF PEER CTL SELF6 PEER6    one row
  *
  * A row prints one normalised line per step: return value, errno (set to
  * a sentinel before every call, so a successful call that touches it
@@ -17,7 +17,8 @@
  * in the other namespace with a socket on PEER:6000, driven over the UNIX
  * stream socket CTL one command a line ("send N LEN DELAY_MS", "recv MS",
  * ...), so that under the preload only the row's side is preloaded.  The
- * k-th datagram the peer sends in a row is filled with 'A' + k.
+ * k-th datagram the peer sends in a row is filled with 'A' + k.  With
+ * SELF6 and PEER6 after CTL, the same over IPv6 ("send6", "recv6").
  */
 #define _GNU_SOURCE
 #include <arpa/inet.h>
@@ -55,6 +56,7 @@
 extern char **environ;
 
 static struct sockaddr_in self_sa, peer_sa;
+static struct sockaddr_in6 self6_sa, peer6_sa;
 static int ctl = -1;
 static char ifname[IF_NAMESIZE];
 static pthread_t main_thread;
@@ -169,6 +171,20 @@ who(const struct sockaddr_in *sa, socklen_t len)
 	return b;
 }
 
+static const char *
+who6(const struct sockaddr_in6 *sa, socklen_t len)
+{
+	if (len < sizeof(*sa) || sa->sin6_family != AF_INET6)
+		return "(not inet6)";
+	if (IN6_ARE_ADDR_EQUAL(&sa->sin6_addr, &peer6_sa.sin6_addr))
+		return sa->sin6_port == peer6_sa.sin6_port ? "peer6" :
+							     "peer6:other-port";
+	if (IN6_ARE_ADDR_EQUAL(&sa->sin6_addr, &self6_sa.sin6_addr))
+		return sa->sin6_port == self6_sa.sin6_port ? "self6" :
+							     "self6:other-port";
+	return "elsewhere";
+}
+
 /* A received payload: its length and fill, "A*20", or "mixed". */
 static const char *
 bytes(const char *buf, long n)
@@ -237,16 +253,18 @@ peer_send(int n, int len, int delay_ms)
 }
 
 static int
-peer_socket(void)
+peer_socket(int fam)
 {
 	int one = 1, big = 4 << 20;
-	int s = socket(AF_INET, SOCK_DGRAM, 0);
+	int s = socket(fam, SOCK_DGRAM, 0);
 
 	setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
 	setsockopt(s, SOL_SOCKET, SO_RCVBUFFORCE, &big, sizeof(big));
 	setsockopt(s, IPPROTO_IP, IP_RECVTTL, &one, sizeof(one));
 	setsockopt(s, IPPROTO_IP, IP_RECVTOS, &one, sizeof(one));
-	if (bind(s, (struct sockaddr *)&peer_sa, sizeof(peer_sa)) != 0) {
+	if (fam == AF_INET6 ?
+		bind(s, (struct sockaddr *)&peer6_sa, sizeof(peer6_sa)) :
+		bind(s, (struct sockaddr *)&peer_sa, sizeof(peer_sa))) {
 		perror("peer bind");
 		exit(1);
 	}
@@ -259,7 +277,7 @@ peer_recv(int u, int ms, FILE *out, int echo)
 {
 	static char buf[65536];
 	char cbuf[256];
-	struct sockaddr_in from;
+	struct sockaddr_in6 from; /* room for either family */
 	struct iovec iov = { buf, sizeof(buf) };
 	struct msghdr mh = { &from, sizeof(from), &iov, 1, cbuf, sizeof(cbuf),
 		0 };
@@ -280,14 +298,18 @@ peer_recv(int u, int ms, FILE *out, int echo)
 		sendto(u, buf, n, 0, (struct sockaddr *)&from, sizeof(from));
 	else
 		fprintf(out, "got %s from %s ttl=%d tos=%d\n", bytes(buf, n),
-		    who(&from, mh.msg_namelen), ttl, tos);
+		    from.sin6_family == AF_INET6 ?
+			who6(&from, mh.msg_namelen) :
+			who((struct sockaddr_in *)&from, mh.msg_namelen),
+		    ttl, tos);
 }
 
 static int
 peer_main(const char *path)
 {
 	struct sockaddr_un un = { .sun_family = AF_UNIX };
-	int l = socket(AF_UNIX, SOCK_STREAM, 0), u = peer_socket();
+	int l = socket(AF_UNIX, SOCK_STREAM, 0), u = peer_socket(AF_INET);
+	int u6 = peer_socket(AF_INET6);
 	static char buf[65536];
 	char line[128];
 
@@ -304,7 +326,19 @@ peer_main(const char *path)
 
 		setvbuf(in, NULL, _IONBF, 0);
 		while (fgets(line, sizeof(line), in) != NULL) {
-			if (sscanf(line, "send %d %d %d", &n, &len, &ms) == 3) {
+			/* "send6" before "send": %d would take its 6. */
+			if (sscanf(line, "send6 %d %d %d", &n, &len, &ms) ==
+			    3) {
+				fprintf(in, "ok\n");
+				usleep(ms * 1000);
+				for (int i = 0; i < n; i++, seq++) {
+					memset(buf, 'A' + seq % 26, len);
+					sendto(u6, buf, len, 0,
+					    (struct sockaddr *)&self6_sa,
+					    sizeof(self6_sa));
+				}
+			} else if (sscanf(line, "send %d %d %d", &n, &len,
+				       &ms) == 3) {
 				fprintf(in, "ok\n");
 				usleep(ms * 1000);
 				for (int i = 0; i < n; i++, seq++) {
@@ -313,6 +347,8 @@ peer_main(const char *path)
 					    (struct sockaddr *)&self_sa,
 					    sizeof(self_sa));
 				}
+			} else if (sscanf(line, "recv6 %d", &ms) == 1) {
+				peer_recv(u6, ms, in, 0);
 			} else if (sscanf(line, "recv %d", &ms) == 1) {
 				peer_recv(u, ms, in, 0);
 			} else if (sscanf(line, "echo %d", &ms) == 1) {
@@ -335,8 +371,9 @@ peer_main(const char *path)
 		fclose(in);
 		/* The next row starts clean: port open, nothing queued. */
 		if (u < 0)
-			u = peer_socket();
-		while (recv(u, buf, sizeof(buf), MSG_DONTWAIT) >= 0)
+			u = peer_socket(AF_INET);
+		while (recv(u, buf, sizeof(buf), MSG_DONTWAIT) >= 0 ||
+		    recv(u6, buf, sizeof(buf), MSG_DONTWAIT) >= 0)
 			;
 	}
 }
@@ -1146,6 +1183,62 @@ row_recvfrom_addr(void)
 	    (unsigned)len);
 }
 
+/* The 28 bytes of a sockaddr_in6, the peer's address bytes shown as P. */
+static const char *
+raw_sin6(const unsigned char *b)
+{
+	static char s[128];
+	const unsigned char *pa = (const unsigned char *)&peer6_sa.sin6_addr;
+	char *o = s;
+
+	for (int i = 0; i < 28; i++)
+		o += (i >= 8 && i < 24 && b[i] == pa[i - 8]) ?
+		    sprintf(o, "P.") :
+		    sprintf(o, "%02x.", b[i]);
+	o[-1] = '\0';
+	return s;
+}
+
+/* The sender's IPv6 address: flow label and scope are the kernel's. */
+static void
+row_ipv6(void)
+{
+	static const unsigned lens[] = { 28, 24, 8 };
+	struct sockaddr_in6 mapped = { AF_INET6, htons(PEER_PORT), 0,
+		IN6ADDR_ANY_INIT, 0 };
+	unsigned char a[40];
+	socklen_t len;
+	char step[32];
+	int fd = socket(AF_INET6, SOCK_DGRAM, 0);
+
+	TRY(bind(fd, (struct sockaddr *)&self6_sa, sizeof(self6_sa)));
+	say("bind", NULL);
+	settle(fd);
+	peer("send6 3 20 0");
+	for (int i = 0; i < 3; i++) {
+		memset(a, 0xff, sizeof(a));
+		len = lens[i];
+		TRY(recvfrom(fd, rbuf, 100, 0, (struct sockaddr *)a, &len));
+		snprintf(step, sizeof(step), "recvfrom len %u", lens[i]);
+		say(step, "bytes=%s len=%u addr=%s", bytes(rbuf, t_ret),
+		    (unsigned)len, raw_sin6(a));
+	}
+	TRY(sendto(fd, "abc", 3, 0, (struct sockaddr *)&peer6_sa,
+	    sizeof(peer6_sa)));
+	say("sendto", "peer: %s", peer("recv6 1000"));
+	memcpy(&mapped.sin6_addr.s6_addr[12], &peer_sa.sin_addr, 4);
+	mapped.sin6_addr.s6_addr[10] = mapped.sin6_addr.s6_addr[11] = 0xff;
+	TRY(sendto(fd, "abc", 3, 0, (struct sockaddr *)&mapped,
+	    sizeof(mapped)));
+	say("sendto v4-mapped", NULL);
+	TRY(sendto(fd, "abc", 3, 0, (struct sockaddr *)&peer6_sa, 24));
+	say("sendto len 24", "peer: %s", peer("recv6 300"));
+	TRY(connect(fd, (struct sockaddr *)&peer6_sa, sizeof(peer6_sa)));
+	say("connect", NULL);
+	TRY(send(fd, "abcd", 4, 0));
+	say("send", "peer: %s", peer("recv6 1000"));
+}
+
 /* ------------------------------------------------------ socket options */
 
 static void
@@ -1399,6 +1492,7 @@ static const struct {
 	{ "peek_trunc", row_peek_trunc, 1 },
 	{ "fragmented", row_fragmented, 0 }, /* fragments: kernel's */
 	{ "autobind", row_autobind, 0 },
+	{ "ipv6", row_ipv6, 1 },
 	{ "cpu_wait", row_cpu_wait, 1 },
 };
 
@@ -1443,14 +1537,19 @@ main(int argc, char **argv)
 			    rows[i].ring ? "ring" : "kernel");
 		return 0;
 	}
-	if (argc != 5)
+	if (argc != 7)
 		return 2;
 	self_sa.sin_family = peer_sa.sin_family = AF_INET;
 	self_sa.sin_port = htons(SELF_PORT);
 	peer_sa.sin_port = htons(PEER_PORT);
 	if (inet_pton(AF_INET, argv[2], &self_sa.sin_addr) != 1 ||
-	    inet_pton(AF_INET, argv[3], &peer_sa.sin_addr) != 1)
+	    inet_pton(AF_INET, argv[3], &peer_sa.sin_addr) != 1 ||
+	    inet_pton(AF_INET6, argv[5], &self6_sa.sin6_addr) != 1 ||
+	    inet_pton(AF_INET6, argv[6], &peer6_sa.sin6_addr) != 1)
 		return 2;
+	self6_sa.sin6_family = peer6_sa.sin6_family = AF_INET6;
+	self6_sa.sin6_port = htons(SELF_PORT);
+	peer6_sa.sin6_port = htons(PEER_PORT);
 	if (strcmp(argv[1], "peer") == 0)
 		return peer_main(argv[4]);
 	signal(SIGPIPE, SIG_IGN);

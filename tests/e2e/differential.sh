@@ -7,7 +7,8 @@
 # InDatagrams where it was.  Prints one line per row, and both sides of
 # every line that differs.
 #
-#   differential.sh [ROW...]      all rows by default
+#   differential.sh [ROW...]      all rows by default; with VERBOSE=1
+#                                 also what the kernel's side printed
 set -uo pipefail
 . "$(dirname "$0")/../lib/netns.sh"
 netns_start
@@ -28,7 +29,8 @@ known() {
 
 # Every refused send must get its ICMP error back, however many rows ran.
 in_ns "$NS_A" sysctl -qw net.ipv4.icmp_ratelimit=0
-bg "$NS_A" "$DIFF" peer "$IP4_B" "$IP4_A" "$CTL"
+bg "$NS_A" "$DIFF" peer "$IP4_B" "$IP4_A" "$CTL" "$IP6_B" "$IP6_A"
+PEER=$BG_PID
 for i in $(seq 100); do [ -S "$CTL" ] && break; sleep 0.05; done
 [ -S "$CTL" ] || fail "the peer did not start"
 
@@ -36,7 +38,7 @@ for i in $(seq 100); do [ -S "$CTL" ] && break; sleep 0.05; done
 run() {
   local out st=0
   out=$(timeout 8 ip netns exec "$NS_B" env ${2:+LD_PRELOAD=$2} "$DIFF" "$1" \
-    "$IP4_B" "$IP4_A" "$CTL" 2>"$NETNS_TMP/err") || st=$?
+    "$IP4_B" "$IP4_A" "$CTL" "$IP6_B" "$IP6_A" 2>"$NETNS_TMP/err") || st=$?
   printf '%s\n' "$out"
   [ $st -eq 0 ] || echo "exit status $st"
 }
@@ -51,7 +53,9 @@ while read -r row how; do
   through=$(($(udp_counter "$NS_B" InDatagrams) - in0))
   path=$(sed -n 's/^path: //p' "$NETNS_TMP/err" | sort -u | paste -sd,)
   note="[${path:-no socket settled}, $through through the kernel]"
-  if [ "$kernel" = "$ours" ]; then
+  if [[ $kernel == *"exit status"* ]]; then
+    verdict="BROKEN on kernel sockets"; differ=$((differ + 1))
+  elif [ "$kernel" = "$ours" ]; then
     verdict=same; same=$((same + 1))
   elif known "$row"; then
     verdict="differs (known)"; same=$((same + 1))
@@ -62,9 +66,12 @@ while read -r row how; do
     verdict="$verdict, KERNEL PATH"; bad=$((bad + 1))
   fi
   printf '%-22s %-28s %s\n' "$row" "$verdict" "$note"
+  [ -z "${VERBOSE:-}" ] || printf '%s\n' "$kernel" | sed 's/^/    /'
   [ "$kernel" = "$ours" ] ||
     diff <(printf '%s\n' "$kernel") <(printf '%s\n' "$ours") |
     sed -n 's/^< /    kernel:  /p; s/^> /    preload: /p'
 done <<<"$rows"
+kill "$PEER"
+wait "$PEER" 2>/dev/null
 echo "differential: $same same, $differ differ, $bad on the kernel path ($FRIO_BACKEND)"
 [ $differ -eq 0 ] && [ $bad -eq 0 ]
