@@ -54,6 +54,7 @@ int (*real_posix_spawn)(pid_t *, const char *,
 int (*real_posix_spawnp)(pid_t *, const char *,
     const posix_spawn_file_actions_t *, const posix_spawnattr_t *,
     char *const[], char *const[]);
+int (*real_sigaction)(int, const struct sigaction *, struct sigaction *);
 }
 
 template <typename Fn>
@@ -118,4 +119,5 @@ ost_libc_init(void)
 	lookup(&real_vfork, "vfork");
 	lookup(&real_posix_spawn, "posix_spawn");
 	lookup(&real_posix_spawnp, "posix_spawnp");
+	lookup(&real_sigaction, "sigaction");
 }

@@ -11,6 +11,7 @@
 
 #include <errno.h>
 #include <poll.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/epoll.h>
 #include <sys/select.h>
@@ -69,6 +70,7 @@ extern int (*real_posix_spawn)(pid_t *, const char *,
 extern int (*real_posix_spawnp)(pid_t *, const char *,
     const posix_spawn_file_actions_t *, const posix_spawnattr_t *,
     char *const[], char *const[]);
+extern int (*real_sigaction)(int, const struct sigaction *, struct sigaction *);
 }
 
 /*
