@@ -27,6 +27,7 @@
 #include <sys/epoll.h>
 
 #include "core/receive.h"
+#include "core/signals.h"
 #include "os/frio_loader.h"
 
 #define OST_EP_MAGIC 0xa55a0e11ULL
@@ -439,11 +440,33 @@ ost_epoll_watched(int epfd)
 }
 
 /*
+ * The kernel's wait on the set.  One that may sleep runs with every signal
+ * blocked but for the sleep itself, after a last look at the handler
+ * counts, so that a handler that ran since the call began ends it at once
+ * and one that runs from here on ends the sleep (epoll_pwait's promise).
+ */
+static int
+ost_ep_kwait(int epfd, struct epoll_event *evs, int max, int ms,
+    const ost_sigcount_t *sigs)
+{
+	sigset_t mask;
+	int r;
+
+	if (ms == 0)
+		return real_epoll_pwait(epfd, evs, max, 0, NULL);
+	if (!ost_sig_hold(sigs, &mask))
+		return -1;
+	r = real_epoll_pwait(epfd, evs, max, ms, &mask);
+	ost_sig_unhold(&mask);
+	return r;
+}
+
+/*
  * epoll_wait, epoll_pwait and epoll_pwait2 on a set that watches bypass
- * sockets: timeout in nanoseconds, -1 for none; mask null for none.  A
- * busy phase of epoll_usec runs with signals blocked, each pass a
- * zero-time kernel wait with the caller's mask, so that a signal still
- * ends the call with EINTR.
+ * sockets: timeout in nanoseconds, -1 for none; mask null for none.  The
+ * call's mask is the thread's for the call; a busy phase of epoll_usec
+ * spins in user space, and a handler that runs meanwhile ends the call
+ * with EINTR, as it would the kernel's wait.
  */
 int
 ost_epoll_wait(int epfd, struct epoll_event *evs, int max, hrtime_t timeout,
@@ -452,17 +475,15 @@ ost_epoll_wait(int epfd, struct epoll_event *evs, int max, hrtime_t timeout,
 	hrtime_t deadline = timeout < 0 ? INT64_MAX : gethrtime() + timeout;
 	hrtime_t spin_end = gethrtime() + (hrtime_t)epoll_usec * 1000;
 	bool spin = epoll_usec != 0 && timeout != 0;
-	sigset_t all, caller;
+	ost_sigcount_t sigs;
+	sigset_t caller;
 	int ret;
 
 	if (max <= 0 || evs == NULL)
 		return real_epoll_pwait(epfd, evs, max, 0, mask);
-	if (spin) {
-		(void)sigfillset(&all);
-		(void)pthread_sigmask(SIG_BLOCK, &all, &caller);
-		if (mask == NULL)
-			mask = &caller;
-	}
+	sigs = ost_sig_snap();
+	if (mask != NULL)
+		(void)pthread_sigmask(SIG_SETMASK, mask, &caller);
 	for (hrtime_t kernel_due = 0;;) {
 		ost_ep_scan_t sc;
 		bool any = false;
@@ -475,10 +496,8 @@ ost_epoll_wait(int epfd, struct epoll_event *evs, int max, hrtime_t timeout,
 		}
 		for (uint32_t i = 0; i < sc.sc_n; i++)
 			any = any || sc.sc_ready[i];
-		if (spin && gethrtime() >= spin_end) {
+		if (spin && gethrtime() >= spin_end)
 			spin = false;
-			(void)pthread_sigmask(SIG_SETMASK, &caller, NULL);
-		}
 		if (!any && !spin) {
 			hrtime_t left = deadline - gethrtime();
 
@@ -495,21 +514,31 @@ ost_epoll_wait(int epfd, struct epoll_event *evs, int max, hrtime_t timeout,
 			ost_ep_scan_free(&sc);
 			if (ret != 0)
 				break;
+			if (ost_sig_ran(&sigs)) {
+				ret = -1;
+				errno = EINTR;
+				break;
+			}
 			ost_sleep(recv_sleep_time);
 			continue;
 		}
 		kernel_due = gethrtime() + OST_KERNEL_CHECK_NS;
-		ret = real_epoll_pwait(epfd, evs, max, ms, mask);
+		ret = ost_ep_kwait(epfd, evs, max, ms, &sigs);
 		if (ret >= 0)
 			ret = ost_ep_translate(epfd, evs, ret, max, &sc);
 		ost_ep_scan_free(&sc);
 		/* A wake-up for a frame another thread took: wait on. */
 		if (ret != 0 || gethrtime() >= deadline)
 			break;
+		if (ost_sig_ran(&sigs)) {
+			ret = -1;
+			errno = EINTR;
+			break;
+		}
 		if (spin)
 			ost_sleep(recv_sleep_time);
 	}
-	if (spin) {
+	if (mask != NULL) {
 		int err = errno;
 
 		(void)pthread_sigmask(SIG_SETMASK, &caller, NULL);

@@ -25,31 +25,45 @@
 #include <string.h>
 
 #include "core/receive.h"
+#include "core/signals.h"
 #include "os/frio_loader.h"
 
 #define OST_POLL_SLICE_MS 50
 
 /*
- * The signal mask of the ppoll or pselect this thread is in, or null.
- * While it is set every signal is blocked, and each kernel wait runs with
- * this mask instead, so that a signal is delivered exactly where the
- * application's call would have let it in, and ends the call.
+ * The kernel's poll.  One that may sleep runs with every signal blocked
+ * but for the sleep itself (ppoll's mask), after a last look at the
+ * handler counts: a handler that ran since the wait began ends it, and one
+ * that runs from here on ends the sleep.
  */
-static __thread const sigset_t *ost_wait_mask
-    __attribute__((tls_model("initial-exec")));
-
 static int
-ost_kpoll(struct pollfd *fds, nfds_t nfds, int ms)
+ost_kpoll(struct pollfd *fds, nfds_t nfds, int ms, const ost_sigcount_t *sigs)
 {
-	const sigset_t *mask = ost_wait_mask;
 	struct timespec ts;
+	sigset_t mask;
+	int r;
 
-	if (mask == NULL)
-		return real_poll(fds, nfds, ms);
+	if (ms == 0)
+		return real_poll(fds, nfds, 0);
+	if (!ost_sig_hold(sigs, &mask))
+		return -1;
 	ts.tv_sec = ms / 1000;
 	ts.tv_nsec = (long)(ms % 1000) * 1000000;
-	return real_ppoll(fds, nfds, ms < 0 ? NULL : &ts, mask);
+	r = real_ppoll(fds, nfds, ms < 0 ? NULL : &ts, &mask);
+	ost_sig_unhold(&mask);
+	return r;
 }
+
+/* The wait ends with EINTR: a handler ran during its spin. */
+static bool
+ost_interrupted(const ost_sigcount_t *sigs)
+{
+	if (!ost_sig_ran(sigs))
+		return false;
+	errno = EINTR;
+	return true;
+}
+
 #define OST_NEVER INT64_MAX
 
 #define OST_POLL_READ (POLLIN | POLLRDNORM)
@@ -281,7 +295,8 @@ ost_pollset_collect(ost_pollset_t *ps, struct pollfd *fds, nfds_t nfds,
  * is the library's.
  */
 static int
-ost_poll_kernel(uost_t *self, struct pollfd *fds, nfds_t nfds, int timeout)
+ost_poll_kernel(uost_t *self, struct pollfd *fds, nfds_t nfds, int timeout,
+    const ost_sigcount_t *sigs)
 {
 	hrtime_t deadline = timeout < 0 ?
 	    OST_NEVER :
@@ -293,7 +308,7 @@ restart:
 	if (ost_pollset_open(&ps, fds, nfds) != 0)
 		return -1;
 	if (ps.ps_nb == 0 && self == NULL)
-		return ost_kpoll(fds, nfds, ost_ms_left(deadline));
+		return ost_kpoll(fds, nfds, ost_ms_left(deadline), sigs);
 	for (;;) {
 		bool any = ost_pollset_arm(&ps, fds, nfds);
 		int wait = any ? 0 : ost_ms_left(deadline);
@@ -302,12 +317,16 @@ restart:
 		/* Slices, so that a teardown of one of ours is seen. */
 		if (wait < 0 || wait > OST_POLL_SLICE_MS)
 			wait = OST_POLL_SLICE_MS;
-		ret = ost_kpoll(ps.ps_kfds, nfds + ps.ps_nb, wait);
+		ret = ost_kpoll(ps.ps_kfds, nfds + ps.ps_nb, wait, sigs);
 		if (ret < 0)
 			break;
 		ret = ost_pollset_collect(&ps, fds, nfds, ret > 0 && !any);
 		if (ret > 0)
 			break;
+		if (ost_interrupted(sigs)) {
+			ret = -1;
+			break;
+		}
 		if (ost_any_closing(self, ps.ps_tbl, ps.ps_nb, &what)) {
 			if (what == OST_WAIT_DONE)
 				break;
@@ -322,12 +341,14 @@ restart:
 }
 
 static int
-ost_busy_poll(uost_t *self, struct pollfd *fds, nfds_t nfds, hrtime_t timeout)
+ost_busy_poll(uost_t *self, struct pollfd *fds, nfds_t nfds, hrtime_t timeout,
+    const ost_sigcount_t *sigs)
 {
 	hrtime_t deadline = ost_deadline_after(timeout);
 
 	if (nfds == 0)
-		return ost_poll_kernel(self, fds, 0, ost_ns_to_ms(timeout));
+		return ost_poll_kernel(self, fds, 0, ost_ns_to_ms(timeout),
+		    sigs);
 restart:
 	/* The table, then a copy of the caller's array for the kernel. */
 	fd_uost_t *tbl =
@@ -351,7 +372,7 @@ restart:
 			ost_release_tbl(tbl, i);
 			free(tbl);
 			return ost_poll_kernel(self, fds, nfds,
-			    ost_ns_to_ms(timeout));
+			    ost_ns_to_ms(timeout), sigs);
 		}
 		tbl[i].idx = i;
 		tbl[i].up = up;
@@ -364,13 +385,8 @@ restart:
 		 * OST_KERNEL_CHECK_NS: one system call for the whole set. */
 		if (kernel) {
 			memcpy(kfds, fds, nfds * sizeof(*kfds));
-			if (ost_kpoll(kfds, nfds, 0) < 0) {
-				if (errno == EINTR) {
-					n = -1;
-					break;
-				}
+			if (ost_kpoll(kfds, nfds, 0, sigs) < 0)
 				kernel = false;
-			}
 			kernel_due = gethrtime() + OST_KERNEL_CHECK_NS;
 		}
 		for (nfds_t i = 0; i < nfds; i++) {
@@ -387,6 +403,10 @@ restart:
 		}
 		if (n > 0 || gethrtime() >= deadline)
 			break;
+		if (ost_interrupted(sigs)) {
+			n = -1;
+			break;
+		}
 		if (ost_any_closing(self, tbl, nfds, &what)) {
 			if (what == OST_WAIT_DONE)
 				break;
@@ -411,24 +431,27 @@ restart:
 int
 busy_poll(struct pollfd *fds, nfds_t nfds, hrtime_t timeout)
 {
-	return ost_busy_poll(NULL, fds, nfds, timeout);
+	ost_sigcount_t sigs = ost_sig_snap();
+
+	return ost_busy_poll(NULL, fds, nfds, timeout, &sigs);
 }
 
 int
-ost_poll_wait(uost_t *self, struct pollfd *fds, nfds_t nfds, int timeout)
+ost_poll_wait(uost_t *self, struct pollfd *fds, nfds_t nfds, int timeout,
+    const ost_sigcount_t *sigs)
 {
 	int32_t usec = poll_usec < -1 ? -1 : poll_usec;
 	int r;
 
 	if (usec == -1)
 		return ost_busy_poll(self, fds, nfds,
-		    (hrtime_t)timeout * 1000000);
+		    (hrtime_t)timeout * 1000000, sigs);
 	if (usec == 0)
-		return ost_poll_kernel(self, fds, nfds, timeout);
+		return ost_poll_kernel(self, fds, nfds, timeout, sigs);
 	if (timeout > 0 && (hrtime_t)timeout * 1000 <= usec)
 		return ost_busy_poll(self, fds, nfds,
-		    (hrtime_t)timeout * 1000000);
-	r = ost_busy_poll(self, fds, nfds, (hrtime_t)usec * 1000);
+		    (hrtime_t)timeout * 1000000, sigs);
+	r = ost_busy_poll(self, fds, nfds, (hrtime_t)usec * 1000, sigs);
 	if (r != 0)
 		return r;
 	if (self != NULL && ost_seen_closing(self))
@@ -436,47 +459,100 @@ ost_poll_wait(uost_t *self, struct pollfd *fds, nfds_t nfds, int timeout)
 	/* The time left: a positive time-out is longer than the busy phase. */
 	if (timeout > 0)
 		timeout -= usec / 1000;
-	return ost_poll_kernel(self, fds, nfds, timeout);
+	return ost_poll_kernel(self, fds, nfds, timeout, sigs);
 }
+
+static bool ost_poll_any_bypass(const struct pollfd *fds, nfds_t nfds);
 
 int
 ost_poll(struct pollfd *fds, nfds_t nfds, int timeout)
 {
-	return ost_poll_wait(NULL, fds, nfds, timeout);
+	ost_sigcount_t sigs;
+
+	/* Nothing of ours: the kernel's own poll, as without us. */
+	if (!ost_poll_any_bypass(fds, nfds))
+		return real_poll(fds, nfds, timeout);
+	sigs = ost_sig_snap();
+	return ost_poll_wait(NULL, fds, nfds, timeout, &sigs);
 }
 
 /*
- * select never sleeps in the kernel: each pass tests the bypass sockets
- * and gives the other descriptors to a kernel select of 1 us.
+ * select over bypass sockets.  Each pass tests the bypass sockets and
+ * gives the other descriptors to a kernel select that does not sleep
+ * (Linux's timer slack would turn even a 1 us time-out into 50 us or
+ * more).  After OST_SELECT_SPIN_NS of passes that found nothing the wait
+ * sleeps in poll, so that an idle set does not hold a CPU.  A handler that
+ * runs meanwhile ends the call with EINTR, as it would the kernel's.
+ *
+ * The sets are as long as nfds says, as the kernel reads them (nfds bits
+ * rounded up to a long): programs that watch descriptors past FD_SETSIZE
+ * allocate larger ones.
  */
-/* How long select's passes spin before the wait sleeps in poll. */
 #define OST_SELECT_SPIN_NS (20 * 1000 * 1000LL)
+#define OST_NFDBITS        (8 * (int)sizeof(unsigned long))
+
+static size_t
+ost_set_bytes(int nfds)
+{
+	return ((size_t)nfds + OST_NFDBITS - 1) / OST_NFDBITS *
+	    sizeof(unsigned long);
+}
+
+static bool
+ost_isset(const fd_set *set, int fd)
+{
+	return set != NULL &&
+	    (((const unsigned long *)set)[fd / OST_NFDBITS] >>
+		    (fd % OST_NFDBITS) &
+		1);
+}
+
+static void
+ost_setbit(fd_set *set, int fd)
+{
+	((unsigned long *)set)[fd / OST_NFDBITS] |= 1UL << (fd % OST_NFDBITS);
+}
+
+static void
+ost_clrbit(fd_set *set, int fd)
+{
+	((unsigned long *)set)[fd / OST_NFDBITS] &=
+	    ~(1UL << (fd % OST_NFDBITS));
+}
+
+/* Whether the read or the write set names a descriptor in [fd, fd+64). */
+static bool
+ost_word_any(const fd_set *r, const fd_set *w, int fd)
+{
+	return (r != NULL && ((const unsigned long *)r)[fd / OST_NFDBITS]) ||
+	    (w != NULL && ((const unsigned long *)w)[fd / OST_NFDBITS]);
+}
 
 /*
  * The rest of a select that found nothing for a while, as a poll over the
  * same descriptors: poll sleeps in the kernel, woken by our handles as by
- * ordinary descriptors, and ends with EINTR when a signal handler runs.
- * deadline 0: no limit.
+ * ordinary descriptors.  deadline 0: no limit.  A descriptor that is not
+ * open fails the call, as in the kernel's select, and leaves the sets.
  */
 static int
-ost_select_by_poll(int lim, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
-    hrtime_t deadline)
+ost_select_by_poll(int nfds, fd_set *sets[3], hrtime_t deadline,
+    const ost_sigcount_t *sigs)
 {
 	struct pollfd *pfds;
 	nfds_t n = 0;
 	int ms = -1, r, k = 0;
 
-	pfds = (struct pollfd *)calloc((size_t)lim + 1, sizeof(*pfds));
+	pfds = (struct pollfd *)calloc((size_t)nfds + 1, sizeof(*pfds));
 	if (pfds == NULL)
 		return -1;
-	for (int fd = 0; fd < lim; fd++) {
+	for (int fd = 0; fd < nfds; fd++) {
 		short ev = 0;
 
-		if (readfds != NULL && FD_ISSET(fd, readfds))
+		if (ost_isset(sets[0], fd))
 			ev |= POLLIN;
-		if (writefds != NULL && FD_ISSET(fd, writefds))
+		if (ost_isset(sets[1], fd))
 			ev |= POLLOUT;
-		if (errorfds != NULL && FD_ISSET(fd, errorfds))
+		if (ost_isset(sets[2], fd))
 			ev |= POLLPRI;
 		if (ev != 0) {
 			pfds[n].fd = fd;
@@ -490,7 +566,13 @@ ost_select_by_poll(int lim, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
 		    left / 1000000 + 1 > INT_MAX ? INT_MAX :
 						   (int)(left / 1000000 + 1);
 	}
-	r = ost_poll(pfds, n, ms);
+	r = ost_poll_wait(NULL, pfds, n, ms, sigs);
+	for (nfds_t i = 0; r > 0 && i < n; i++) {
+		if (pfds[i].revents & POLLNVAL) {
+			errno = EBADF;
+			r = -1;
+		}
+	}
 	if (r < 0) {
 		int err = errno;
 
@@ -499,28 +581,23 @@ ost_select_by_poll(int lim, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
 		return -1;
 	}
 	for (int s = 0; s < 3; s++) {
-		fd_set *set = s == 0 ? readfds : s == 1 ? writefds : errorfds;
-
-		if (set != NULL)
-			FD_ZERO(set);
+		if (sets[s] != NULL)
+			memset(sets[s], 0, ost_set_bytes(nfds));
 	}
 	for (nfds_t i = 0; i < n; i++) {
-		short re = pfds[i].revents;
+		short re = pfds[i].revents, ev = pfds[i].events;
 		int fd = pfds[i].fd;
 
-		if (readfds != NULL && (pfds[i].events & POLLIN) &&
-		    (re & (POLLIN | POLLHUP | POLLERR))) {
-			FD_SET(fd, readfds);
+		if ((ev & POLLIN) && (re & (POLLIN | POLLHUP | POLLERR))) {
+			ost_setbit(sets[0], fd);
 			k++;
 		}
-		if (writefds != NULL && (pfds[i].events & POLLOUT) &&
-		    (re & (POLLOUT | POLLERR))) {
-			FD_SET(fd, writefds);
+		if ((ev & POLLOUT) && (re & (POLLOUT | POLLERR))) {
+			ost_setbit(sets[1], fd);
 			k++;
 		}
-		if (errorfds != NULL && (pfds[i].events & POLLPRI) &&
-		    (re & POLLPRI)) {
-			FD_SET(fd, errorfds);
+		if ((ev & POLLPRI) && (re & POLLPRI)) {
+			ost_setbit(sets[2], fd);
 			k++;
 		}
 	}
@@ -530,8 +607,8 @@ ost_select_by_poll(int lim, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
 
 /* What one pass of select found on the bypass sockets of the sets. */
 typedef struct ost_select_pass {
-	fd_set sp_rd;       /* readable bypass sockets */
-	fd_set sp_wr;       /* writable bypass sockets */
+	fd_set *sp_rd;      /* readable bypass sockets */
+	fd_set *sp_wr;      /* writable bypass sockets */
 	int sp_n;           /* bits set in both */
 	bool sp_any_bypass; /* the sets name a bypass socket */
 } ost_select_pass_t;
@@ -542,26 +619,34 @@ typedef struct ost_select_pass {
  * out of the write set: they are always writable.
  */
 static void
-ost_select_bypass(int lim, fd_set *readfds, fd_set *writefds,
+ost_select_bypass(int nfds, fd_set *readfds, fd_set *writefds,
     ost_select_pass_t *sp)
 {
-	for (int fd = 0; fd < lim; fd++) {
-		bool rd = readfds != NULL && FD_ISSET(fd, readfds);
-		bool wr = writefds != NULL && FD_ISSET(fd, writefds);
+	memset(sp->sp_rd, 0, ost_set_bytes(nfds));
+	memset(sp->sp_wr, 0, ost_set_bytes(nfds));
+	sp->sp_n = 0;
+	sp->sp_any_bypass = false;
+	for (int fd = 0; fd < nfds; fd++) {
+		bool rd, wr;
 		uost_t *up;
 
+		if (fd % OST_NFDBITS == 0 &&
+		    !ost_word_any(readfds, writefds, fd)) {
+			fd += OST_NFDBITS - 1;
+			continue;
+		}
+		rd = ost_isset(readfds, fd);
+		wr = ost_isset(writefds, fd);
 		if ((!rd && !wr) || (up = ost_find_sd(fd)) == NULL)
 			continue;
 		sp->sp_any_bypass = true;
-		if (rd && ost_rx_served(up)) {
-			if (ost_rx_ready(up, true)) {
-				FD_SET(fd, &sp->sp_rd);
-				sp->sp_n++;
-			}
+		if (rd && ost_rx_served(up) && ost_rx_ready(up, true)) {
+			ost_setbit(sp->sp_rd, fd);
+			sp->sp_n++;
 		}
 		if (wr) {
-			FD_CLR(fd, writefds);
-			FD_SET(fd, &sp->sp_wr);
+			ost_clrbit(writefds, fd);
+			ost_setbit(sp->sp_wr, fd);
 			sp->sp_n++;
 		}
 		ost_release(up);
@@ -572,13 +657,15 @@ ost_select_bypass(int lim, fd_set *readfds, fd_set *writefds,
 static bool
 ost_select_any_bypass(int nfds, const fd_set *readfds, const fd_set *writefds)
 {
-	int lim = nfds < FD_SETSIZE ? nfds : FD_SETSIZE;
-
-	for (int fd = 0; fd < lim; fd++) {
+	for (int fd = 0; fd < nfds; fd++) {
 		uost_t *up;
 
-		if ((readfds == NULL || !FD_ISSET(fd, readfds)) &&
-		    (writefds == NULL || !FD_ISSET(fd, writefds)))
+		if (fd % OST_NFDBITS == 0 &&
+		    !ost_word_any(readfds, writefds, fd)) {
+			fd += OST_NFDBITS - 1;
+			continue;
+		}
+		if (!ost_isset(readfds, fd) && !ost_isset(writefds, fd))
 			continue;
 		if ((up = ost_find_sd(fd)) != NULL) {
 			ost_release(up);
@@ -590,25 +677,17 @@ ost_select_any_bypass(int nfds, const fd_set *readfds, const fd_set *writefds)
 
 /* The bypass sockets found ready, added to the kernel's answer k. */
 static int
-ost_select_merge(int lim, fd_set *sets[3], const ost_select_pass_t *sp, int k)
+ost_select_merge(int nfds, fd_set *sets[3], const ost_select_pass_t *sp, int k)
 {
-	/* A failed kernel pass says nothing of the others. */
-	if (k == -1) {
-		for (int s = 0; s < 3; s++) {
-			if (sets[s] != NULL)
-				FD_ZERO(sets[s]);
-		}
-		k = 0;
-	}
 	/* A socket both sources call readable counts once. */
-	for (int fd = 0; fd < lim; fd++) {
-		if (sets[0] != NULL && FD_ISSET(fd, &sp->sp_rd) &&
-		    !FD_ISSET(fd, sets[0])) {
-			FD_SET(fd, sets[0]);
+	for (int fd = 0; fd < nfds; fd++) {
+		if (sets[0] != NULL && ost_isset(sp->sp_rd, fd) &&
+		    !ost_isset(sets[0], fd)) {
+			ost_setbit(sets[0], fd);
 			k++;
 		}
-		if (sets[1] != NULL && FD_ISSET(fd, &sp->sp_wr)) {
-			FD_SET(fd, sets[1]);
+		if (sets[1] != NULL && ost_isset(sp->sp_wr, fd)) {
+			ost_setbit(sets[1], fd);
 			k++;
 		}
 	}
@@ -634,101 +713,107 @@ ost_select_deadline(const struct timeval *timeout)
 	return ost_deadline_after(t);
 }
 
+static void
+ost_sets_copy(fd_set *to[3], fd_set *const from[3], size_t bytes)
+{
+	for (int s = 0; s < 3; s++) {
+		if (to[s] != NULL)
+			memcpy(to[s], from[s], bytes);
+	}
+}
+
 /*
- * The passes: each tests the bypass sockets and gives the other
- * descriptors to a kernel select that does not sleep (Linux's timer slack
- * would turn even a 1 us time-out into 50 us or more).  After
- * OST_SELECT_SPIN_NS of passes that found nothing the wait sleeps in poll,
- * so that an idle set does not hold a CPU.
- *
- * A signal must end a select with EINTR, but a handler that runs while
- * the passes spin in user space leaves no trace.  So the spin runs with
- * signals blocked, and each kernel pass is a pselect with the caller's own
- * mask: a signal that came meanwhile is delivered there, and the pass says
- * EINTR, as the kernel would have.
+ * The passes.  Whatever fails leaves the caller's sets as they came, as
+ * the kernel's select does.
  */
 static int
 ost_select_spin(int nfds, fd_set *sets[3], fd_set *const saved[3],
-    struct timeval *timeout, hrtime_t *deadline, const sigset_t *caller,
-    const sigset_t *mask)
+    ost_select_pass_t *sp, hrtime_t deadline, const ost_sigcount_t *sigs)
 {
-	/* The mask of the kernel's passes: pselect's, else the caller's. */
-	const sigset_t *pass = mask != NULL ? mask : caller;
-	int lim = nfds < FD_SETSIZE ? nfds : FD_SETSIZE;
+	size_t bytes = ost_set_bytes(nfds);
 	hrtime_t spin_end = 0;
 
 	for (;;) {
 		struct timespec zero = { 0, 0 };
-		ost_select_pass_t sp;
 		int k;
 
-		memset(&sp, 0, sizeof(sp));
-		FD_ZERO(&sp.sp_rd);
-		FD_ZERO(&sp.sp_wr);
-		ost_select_bypass(lim, sets[0], sets[1], &sp);
-		if (!sp.sp_any_bypass) {
-			/* Nothing of ours in the sets: the kernel may sleep,
-			 * and a signal may end the wait, as without us.  It
-			 * writes the time left itself. */
-			if (mask != NULL) {
-				struct timespec ts;
-				hrtime_t left = *deadline - gethrtime();
+		ost_select_bypass(nfds, sets[0], sets[1], sp);
+		if (!sp->sp_any_bypass) {
+			/* Nothing of ours left in the sets: the kernel
+			 * sleeps, and a signal ends its wait. */
+			struct timespec ts;
+			hrtime_t left = deadline - gethrtime();
+			sigset_t mask;
 
-				if (left < 0)
-					left = 0;
-				ts.tv_sec = (time_t)(left / NANOSEC);
-				ts.tv_nsec = (long)(left % NANOSEC);
-				return real_pselect(nfds, sets[0], sets[1],
-				    sets[2], *deadline != 0 ? &ts : NULL, mask);
-			}
-			*deadline = 0;
-			(void)pthread_sigmask(SIG_SETMASK, caller, NULL);
-			return real_select(nfds, sets[0], sets[1], sets[2],
-			    timeout);
-		}
-		k = real_pselect(nfds, sets[0], sets[1], sets[2], &zero, pass);
-		if (k == -1 && errno == EINTR)
+			if (left < 0)
+				left = 0;
+			ts.tv_sec = (time_t)(left / NANOSEC);
+			ts.tv_nsec = (long)(left % NANOSEC);
+			if (!ost_sig_hold(sigs, &mask))
+				return -1;
+			k = real_pselect(nfds, sets[0], sets[1], sets[2],
+			    deadline != 0 ? &ts : NULL, &mask);
+			ost_sig_unhold(&mask);
 			return k;
-		if (sp.sp_n > 0) {
+		}
+		k = real_pselect(nfds, sets[0], sets[1], sets[2], &zero, NULL);
+		if (k == -1) {
+			/* A descriptor that is not open: EBADF at once. */
 			int err = errno;
 
-			k = ost_select_merge(lim, sets, &sp, k);
+			ost_sets_copy(sets, saved, bytes);
 			errno = err;
-			return k;
+			return -1;
 		}
-		if (k > 0)
+		if (sp->sp_n > 0)
+			return ost_select_merge(nfds, sets, sp, k);
+		if (k > 0 || (deadline != 0 && gethrtime() >= deadline))
 			return k;
-		/* A kernel select that fails keeps failing: without a
-		 * deadline, say so now rather than spin forever. */
-		if (k == -1 && *deadline == 0)
-			return k;
-		if (*deadline != 0 && gethrtime() >= *deadline)
-			return k;
-		for (int s = 0; s < 3; s++) {
-			if (sets[s] != NULL)
-				memcpy(sets[s], saved[s], sizeof(fd_set));
-		}
-		if (spin_end == 0) {
+		ost_sets_copy(sets, saved, bytes);
+		if (ost_interrupted(sigs))
+			return -1;
+		if (spin_end == 0)
 			spin_end = gethrtime() + OST_SELECT_SPIN_NS;
-		} else if (gethrtime() >= spin_end) {
-			/* pselect keeps signals blocked: its mask goes into
-			 * the kernel's sleeps. */
-			if (mask == NULL)
-				(void)pthread_sigmask(SIG_SETMASK, caller,
-				    NULL);
-			return ost_select_by_poll(lim, sets[0], sets[1],
-			    sets[2], *deadline);
-		}
+		else if (gethrtime() >= spin_end)
+			return ost_select_by_poll(nfds, sets, deadline, sigs);
 	}
+}
+
+/* select with a deadline (0: none), sigs taken when the call began. */
+static int
+ost_select_common(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
+    hrtime_t deadline, const ost_sigcount_t *sigs)
+{
+	fd_set *sets[3] = { readfds, writefds, errorfds };
+	size_t bytes = ost_set_bytes(nfds);
+	fd_set stack[5], *saved[3];
+	ost_select_pass_t sp;
+	char *mem = (char *)stack;
+	int k, err;
+
+	if (5 * bytes > sizeof(stack) &&
+	    (mem = (char *)malloc(5 * bytes)) == NULL)
+		return -1;
+	for (int s = 0; s < 3; s++) {
+		saved[s] = sets[s] != NULL ? (fd_set *)(mem + s * bytes) : NULL;
+		if (sets[s] != NULL)
+			memcpy(saved[s], sets[s], bytes);
+	}
+	sp.sp_rd = (fd_set *)(mem + 3 * bytes);
+	sp.sp_wr = (fd_set *)(mem + 4 * bytes);
+	k = ost_select_spin(nfds, sets, saved, &sp, deadline, sigs);
+	err = errno;
+	if (mem != (char *)stack)
+		free(mem);
+	errno = err;
+	return k;
 }
 
 int
 ost_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
-    struct timeval *timeout, const sigset_t *mask)
+    struct timeval *timeout)
 {
-	fd_set *sets[3] = { readfds, writefds, errorfds };
-	fd_set saved_sets[3];
-	fd_set *saved[3];
+	ost_sigcount_t sigs = ost_sig_snap();
 	hrtime_t deadline;
 	int k, err;
 
@@ -737,23 +822,11 @@ ost_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
 		errno = EINVAL;
 		return -1;
 	}
-	for (int s = 0; s < 3; s++) {
-		saved[s] = sets[s] != NULL ? &saved_sets[s] : NULL;
-		if (sets[s] != NULL)
-			memcpy(saved[s], sets[s], sizeof(fd_set));
-	}
-	if (!ost_select_any_bypass(nfds, readfds, writefds))
+	if (nfds < 0 || !ost_select_any_bypass(nfds, readfds, writefds))
 		return real_select(nfds, readfds, writefds, errorfds, timeout);
-	sigset_t all, caller;
-
-	(void)sigfillset(&all);
-	(void)pthread_sigmask(SIG_BLOCK, &all, &caller);
-	ost_wait_mask = mask;
-	k = ost_select_spin(nfds, sets, saved, timeout, &deadline, &caller,
-	    mask);
+	k = ost_select_common(nfds, readfds, writefds, errorfds, deadline,
+	    &sigs);
 	err = errno;
-	ost_wait_mask = NULL;
-	(void)pthread_sigmask(SIG_SETMASK, &caller, NULL);
 	if (deadline != 0) {
 		hrtime_t left = deadline - gethrtime();
 
@@ -800,22 +873,30 @@ ost_ts_valid(const struct timespec *ts)
 	    (ts->tv_sec >= 0 && ts->tv_nsec >= 0 && ts->tv_nsec < NANOSEC);
 }
 
+/*
+ * ppoll and pselect: the call's mask is the thread's for the call, so that
+ * a signal it lets in runs its handler during the wait (and ends it), and
+ * one it keeps out waits until the caller's mask is back.  The handler
+ * counts are taken first: a signal pending at the call that the mask lets
+ * in ends it at once, as in the kernel.
+ */
 int
 ost_ppoll(struct pollfd *fds, nfds_t nfds, const struct timespec *timeout,
     const sigset_t *mask)
 {
-	sigset_t all, caller;
+	ost_sigcount_t sigs;
+	sigset_t caller;
 	int r, err;
 
 	if (!ost_ts_valid(timeout) || !ost_poll_any_bypass(fds, nfds))
 		return real_ppoll(fds, nfds, timeout, mask);
-	(void)sigfillset(&all);
-	(void)pthread_sigmask(SIG_BLOCK, &all, &caller);
-	ost_wait_mask = mask != NULL ? mask : &caller;
-	r = ost_poll(fds, nfds, ost_ts_to_ms(timeout));
+	sigs = ost_sig_snap();
+	if (mask != NULL)
+		(void)pthread_sigmask(SIG_SETMASK, mask, &caller);
+	r = ost_poll_wait(NULL, fds, nfds, ost_ts_to_ms(timeout), &sigs);
 	err = errno;
-	ost_wait_mask = NULL;
-	(void)pthread_sigmask(SIG_SETMASK, &caller, NULL);
+	if (mask != NULL)
+		(void)pthread_sigmask(SIG_SETMASK, &caller, NULL);
 	errno = err;
 	return r;
 }
@@ -824,21 +905,28 @@ int
 ost_pselect(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
     const struct timespec *timeout, const sigset_t *mask)
 {
-	struct timeval tv;
+	ost_sigcount_t sigs;
+	hrtime_t deadline = 0;
 	sigset_t caller;
+	int k, err;
 
-	if (!ost_ts_valid(timeout) ||
+	if (!ost_ts_valid(timeout) || nfds < 0 ||
 	    !ost_select_any_bypass(nfds, readfds, writefds))
 		return real_pselect(nfds, readfds, writefds, errorfds, timeout,
 		    mask);
-	if (timeout != NULL) {
-		tv.tv_sec = timeout->tv_sec;
-		tv.tv_usec = (suseconds_t)((timeout->tv_nsec + 999) / 1000);
-	}
-	if (mask == NULL) {
-		(void)pthread_sigmask(SIG_SETMASK, NULL, &caller);
-		mask = &caller;
-	}
-	return ost_select(nfds, readfds, writefds, errorfds,
-	    timeout != NULL ? &tv : NULL, mask);
+	if (timeout != NULL)
+		deadline = ost_deadline_after(
+		    timeout->tv_sec > OST_NEVER / NANOSEC - 1 ?
+			OST_NEVER :
+			(hrtime_t)timeout->tv_sec * NANOSEC + timeout->tv_nsec);
+	sigs = ost_sig_snap();
+	if (mask != NULL)
+		(void)pthread_sigmask(SIG_SETMASK, mask, &caller);
+	k = ost_select_common(nfds, readfds, writefds, errorfds, deadline,
+	    &sigs);
+	err = errno;
+	if (mask != NULL)
+		(void)pthread_sigmask(SIG_SETMASK, &caller, NULL);
+	errno = err;
+	return k;
 }

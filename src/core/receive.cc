@@ -21,6 +21,7 @@
 #include <string.h>
 
 #include "core/receive.h"
+#include "core/signals.h"
 #include "os/frio_loader.h"
 
 bool
@@ -190,24 +191,27 @@ ost_recv_kernel(uost_t *up, struct msghdr *msg, int flags)
  * (a readiness test or a peek promised it), then the handle; the kernel
  * socket on every first look of a call that finds the handle empty, and
  * first whenever it is due, so that a busy handle cannot starve it.  -2:
- * neither has a datagram.
+ * neither has a datagram.  The kernel fills msg itself; the ring fills
+ * rmsg, whose sender goes to a whole address of the library's own.
  */
 static ssize_t
-ost_recv_look(uost_t *up, struct msghdr *msg, int flags, bool first,
-    size_t *whole, bool *from_kernel)
+ost_recv_look(uost_t *up, struct msghdr *msg, struct msghdr *rmsg, int flags,
+    bool first, size_t *whole, bool *from_kernel)
 {
 	bool due = up->uost_kernel_peeked || gethrtime() >= up->uost_kernel_due;
 	ssize_t n;
 
 	*from_kernel = false;
+	if (rmsg->msg_name != NULL)
+		rmsg->msg_namelen = sizeof(struct sockaddr_in6);
 	if (up->uost_recv_buf_len != 0 &&
-	    (n = ost_recv_stash(up, msg, flags, whole)) >= 0)
+	    (n = ost_recv_stash(up, rmsg, flags, whole)) >= 0)
 		return n;
 	if (due && (n = ost_recv_kernel(up, msg, flags)) != -2) {
 		*from_kernel = true;
 		return n;
 	}
-	if ((n = ost_recv_handle(up, msg, flags, whole)) != -2)
+	if ((n = ost_recv_handle(up, rmsg, flags, whole)) != -2)
 		return n;
 	if (first && !due && (n = ost_recv_kernel(up, msg, flags)) != -2) {
 		*from_kernel = true;
@@ -217,22 +221,136 @@ ost_recv_look(uost_t *up, struct msghdr *msg, int flags, bool first,
 	return -2;
 }
 
+/*
+ * What the ring delivered, as the kernel hands it over: the sender cut to
+ * the caller's length, which then says the whole address's.
+ */
+static void
+ost_recv_hand_over(struct msghdr *msg, const struct msghdr *rmsg,
+    const struct sockaddr_in6 *from)
+{
+	msg->msg_controllen = rmsg->msg_controllen;
+	msg->msg_flags = rmsg->msg_flags;
+	if (msg->msg_name != NULL) {
+		socklen_t len = msg->msg_namelen < rmsg->msg_namelen ?
+		    msg->msg_namelen :
+		    rmsg->msg_namelen;
+
+		memcpy(msg->msg_name, from, len);
+		msg->msg_namelen = rmsg->msg_namelen;
+	}
+}
+
+/* Milliseconds to a deadline (0: none), rounded up; -1 for none. */
+static int
+ost_recv_ms_left(hrtime_t deadline)
+{
+	hrtime_t left;
+
+	if (deadline == 0)
+		return -1;
+	left = deadline - gethrtime();
+	if (left <= 0)
+		return 0;
+	left = left / 1000000 + 1;
+	return left > INT_MAX ? INT_MAX : (int)left;
+}
+
+/*
+ * A receive on the kernel socket alone, once the socket left the bypass
+ * under a waiting receive: the teardown put what the ring held back into
+ * it.  Without a deadline the kernel's own receive waits, with the
+ * kernel's answer to signals; with one, poll waits for the time left.
+ */
+static ssize_t
+ost_recv_kernel_wait(int fd, struct msghdr *msg, int flags, hrtime_t deadline,
+    ost_sigcount_t *sigs, bool rcvtimeo)
+{
+	if (deadline == 0 || (flags & MSG_DONTWAIT))
+		return real_recvmsg(fd, msg, flags);
+	for (;;) {
+		struct pollfd pfd = { fd, POLLIN | POLLRDHUP, 0 };
+		int ms = ost_recv_ms_left(deadline), r;
+		ssize_t n;
+
+		if (ms == 0) {
+			errno = EAGAIN;
+			return -1;
+		}
+		r = real_poll(&pfd, 1, ms);
+		if (r < 0 && errno == EINTR && ost_sig_restart(sigs, rcvtimeo))
+			continue;
+		if (r < 0)
+			return -1;
+		if (r == 0)
+			continue; /* the deadline decides */
+		n = real_recvmsg(fd, msg, flags | MSG_DONTWAIT);
+		if (n >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK))
+			return n;
+		/* Shut down and empty: the kernel's receive says so at once
+		 * (a non-blocking descriptor: EAGAIN). */
+		if (pfd.revents & (POLLRDHUP | POLLNVAL))
+			return real_recvmsg(fd, msg, flags);
+	}
+}
+
+/*
+ * A waiting receive whose socket is being torn down: close() ends it with
+ * EBADF; any other teardown leaves the descriptor open, and the receive
+ * goes on waiting on the kernel socket.
+ */
+static ssize_t
+ost_recv_left(uost_t *up, bool holds_slot, struct msghdr *msg, int flags,
+    hrtime_t deadline, ost_sigcount_t *sigs, bool rcvtimeo, int saved_errno)
+{
+	int fd = up->uost_sd;
+	bool closed;
+	ssize_t n;
+
+	(void)pthread_mutex_lock(&up->uost_lock);
+	if (holds_slot)
+		ost_recv_slot_give_locked(up);
+	closed = up->uost_sd_closed;
+	ost_release_locked(up);
+	(void)pthread_mutex_unlock(&up->uost_lock);
+	if (closed) {
+		errno = EBADF;
+		return -1;
+	}
+	n = ost_recv_kernel_wait(fd, msg, flags, deadline, sigs, rcvtimeo);
+	if (n >= 0)
+		errno = saved_errno;
+	return n;
+}
+
 /* How long a busy-waiting receive spins before it waits in poll. */
 #define OST_SPIN_NS (20 * 1000 * 1000LL)
+
+/* Written by setsockopt while a receive may be waiting: a relaxed read. */
+static hrtime_t
+ost_rcvtimeo(uost_t *up)
+{
+	return __atomic_load_n(&up->uost_rcvtimeo, __ATOMIC_RELAXED);
+}
 
 ssize_t
 ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 {
 	hrtime_t deadline = 0, pause = recv_sleep_time, spin_end = 0;
-	int saved_errno = errno, poll_ms = -1;
-	bool paused = false, from_kernel = false;
+	int saved_errno = errno;
+	bool paused = false, from_kernel = false, shut = false;
+	bool rcvtimeo = ost_rcvtimeo(up) != 0;
+	ost_sigcount_t sigs = ost_sig_snap();
+	struct sockaddr_in6 from;
+	struct msghdr rmsg = *msg;
 	size_t whole = 0;
 	ssize_t n;
 
+	if (msg->msg_name != NULL) {
+		memset(&from, 0, sizeof(from));
+		rmsg.msg_name = &from;
+	}
 	if (timeout != 0) {
-		hrtime_t ms = timeout / 1000000 + 1;
-
-		poll_ms = ms > INT_MAX ? INT_MAX : (int)ms;
 		deadline = gethrtime();
 		deadline = timeout > INT64_MAX - deadline ? INT64_MAX :
 							    deadline + timeout;
@@ -241,9 +359,10 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 	}
 	for (;;) {
 		if (!ost_recv_slot_take(up, true))
-			return ost_recv_fail(up, false, EBADF);
+			return ost_recv_left(up, false, msg, flags, deadline,
+			    &sigs, rcvtimeo, saved_errno);
 		for (bool first = true;; first = false) {
-			n = ost_recv_look(up, msg, flags, first, &whole,
+			n = ost_recv_look(up, msg, &rmsg, flags, first, &whole,
 			    &from_kernel);
 			if (n == -1)
 				return ost_recv_fail(up, true, errno);
@@ -253,18 +372,32 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 				__ATOMIC_RELAXED) ||
 			    (flags & MSG_DONTWAIT))
 				return ost_recv_fail(up, true, EAGAIN);
+			if (shut) {
+				/* Shut down for reading, nothing left: the
+				 * kernel's receive ends at once, with 0 and
+				 * its own outputs. */
+				n = real_recvmsg(up->uost_sd, msg, flags);
+				if (n < 0)
+					return ost_recv_fail(up, true, errno);
+				from_kernel = true;
+				goto delivered;
+			}
 			if (deadline != 0 && gethrtime() >= deadline)
 				return ost_recv_fail(up, true, EAGAIN);
 			if (ost_seen_closing(up))
-				return ost_recv_fail(up, true, EBADF);
+				return ost_recv_left(up, true, msg, flags,
+				    deadline, &sigs, rcvtimeo, saved_errno);
+			/* A handler ran during the spin: the kernel would
+			 * have restarted the receive or ended it. */
+			if (ost_sig_ran(&sigs) &&
+			    !ost_sig_restart(&sigs, rcvtimeo))
+				return ost_recv_fail(up, true, EINTR);
 			if (recv_mode == RCV_POLL)
 				break;
 			/*
-			 * Spin for a while, then wait in poll: a waiting
-			 * receive must still end with EINTR when a signal
-			 * handler runs (socat, python and most servers stop
-			 * that way), and an idle socket must not hold a CPU
-			 * for ever.  Traffic keeps a receive in its spin.
+			 * Spin for a while, then wait in poll: an idle socket
+			 * must not hold a CPU for ever.  Traffic keeps a
+			 * receive in its spin.
 			 */
 			if (!paused)
 				spin_end = gethrtime() + OST_SPIN_NS;
@@ -278,23 +411,31 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 		 * threads may fill the stash meanwhile.  The poll wakes for
 		 * the kernel socket and for the handle. */
 		ost_recv_slot_give(up);
-		struct pollfd pfd = { up->uost_sd, POLLIN, 0 };
-		int r = ost_poll_wait(up, &pfd, 1, poll_ms);
+		struct pollfd pfd = { up->uost_sd, POLLIN | POLLRDHUP, 0 };
+		int r = ost_poll_wait(up, &pfd, 1, ost_recv_ms_left(deadline),
+		    &sigs);
 
 		if (r == 0) {
 			/* Time-out, or poll saw the socket being torn down. */
-			(void)pthread_mutex_lock(&up->uost_lock);
-			bool closing = up->uost_closing;
-			(void)pthread_mutex_unlock(&up->uost_lock);
-			return ost_recv_fail(up, false,
-			    closing ? EBADF : EAGAIN);
+			if (ost_seen_closing(up))
+				return ost_recv_left(up, false, msg, flags,
+				    deadline, &sigs, rcvtimeo, saved_errno);
+			if (deadline == 0 || gethrtime() >= deadline)
+				return ost_recv_fail(up, false, EAGAIN);
+			continue;
 		}
-		if (r < 0 && errno == EINTR)
-			return ost_recv_fail(up, false, EINTR);
+		if (r < 0) {
+			if (errno == EINTR && ost_sig_restart(&sigs, rcvtimeo))
+				continue;
+			return ost_recv_fail(up, false, errno);
+		}
+		if (pfd.revents & POLLRDHUP)
+			shut = true;
 	}
 
 delivered:
 	if (!from_kernel) {
+		ost_recv_hand_over(msg, &rmsg, &from);
 		/* ost_pkt_cmsgs set the control data and MSG_CTRUNC. */
 		if (whole > (size_t)n)
 			msg->msg_flags |= MSG_TRUNC;
@@ -330,13 +471,6 @@ bool
 ost_rx_served(uost_t *up)
 {
 	return __atomic_load_n(&up->uost_filter_set, __ATOMIC_ACQUIRE);
-}
-
-/* Written by setsockopt while a receive may be waiting: a relaxed read. */
-static hrtime_t
-ost_rcvtimeo(uost_t *up)
-{
-	return __atomic_load_n(&up->uost_rcvtimeo, __ATOMIC_RELAXED);
 }
 
 /*
@@ -418,6 +552,15 @@ ost_readv_common(int fd, const struct iovec *iov, int iovcnt, bool vector)
 	    (up = ost_recv_record(fd, 0)) == NULL)
 		return vector ? real_readv(fd, iov, iovcnt) :
 				real_read(fd, iov[0].iov_base, iov[0].iov_len);
+	/* As the kernel's read of a socket: nothing asked, nothing taken. */
+	size_t total = 0;
+
+	for (int i = 0; i < iovcnt; i++)
+		total |= iov[i].iov_len;
+	if (total == 0) {
+		ost_release(up);
+		return 0;
+	}
 	memset(&msg, 0, sizeof(msg));
 	msg.msg_iov = const_cast<struct iovec *>(iov);
 	msg.msg_iovlen = (size_t)iovcnt;
@@ -463,7 +606,9 @@ ost_recvmsg_call(int fd, struct msghdr *msg, int flags)
 /*
  * Linux's batch receive.  Each datagram is counted in its own entry, an
  * empty one too; with a time-out the time left is written back, as the
- * kernel does, once at least one datagram has arrived.
+ * kernel does, once at least one datagram has arrived.  Each datagram's
+ * wait is bounded by SO_RCVTIMEO as well, and a batch by the kernel's
+ * UIO_MAXIOV entries.
  */
 int
 ost_recvmmsg_call(int fd, struct mmsghdr *vec, unsigned int vlen, int flags,
@@ -471,10 +616,13 @@ ost_recvmmsg_call(int fd, struct mmsghdr *vec, unsigned int vlen, int flags,
 {
 	hrtime_t t = 0, deadline = 0;
 	unsigned int count = 0;
+	int saved_errno = errno;
 	uost_t *up;
 
-	if (vlen < 1 || vlen > OST_RECV_BATCH_MAX || vec == NULL)
+	if (vlen < 1 || vec == NULL)
 		return real_recvmmsg(fd, vec, vlen, flags, timeout);
+	if (vlen > OST_RECV_BATCH_MAX)
+		vlen = OST_RECV_BATCH_MAX;
 	for (unsigned int i = 0; i < vlen; i++) {
 		if (!ost_msg_ok(&vec[i].msg_hdr))
 			return real_recvmmsg(fd, vec, vlen, flags, timeout);
@@ -500,8 +648,11 @@ ost_recvmmsg_call(int fd, struct mmsghdr *vec, unsigned int vlen, int flags,
 		deadline = t > INT64_MAX - deadline ? INT64_MAX : deadline + t;
 	}
 	while (count < vlen) {
+		hrtime_t rcvtimeo = ost_rcvtimeo(up);
 		ssize_t r;
 
+		if (rcvtimeo != 0 && (t == 0 || rcvtimeo < t))
+			t = rcvtimeo;
 		if ((flags & MSG_WAITFORONE) && count >= 1)
 			flags = (flags & ~MSG_WAITFORONE) | MSG_DONTWAIT;
 		/* The engine gives one reference back per datagram. */
@@ -531,5 +682,6 @@ ost_recvmmsg_call(int fd, struct mmsghdr *vec, unsigned int vlen, int flags,
 		timeout->tv_sec = (time_t)(left / NANOSEC);
 		timeout->tv_nsec = (long)(left % NANOSEC);
 	}
+	errno = saved_errno; /* the receive that ended the batch failed */
 	return (int)count;
 }

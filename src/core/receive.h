@@ -6,6 +6,7 @@
 #define OST_CORE_RECEIVE_H
 
 #include "core/ost.h"
+#include "core/signals.h"
 
 /* Bytes from the start of a frame to the UDP payload. */
 #define OST_PKT_OFF_V4 42 /* Ethernet 14 + IPv4 20 + UDP 8 */
@@ -135,11 +136,13 @@ int ost_poll(struct pollfd *fds, nfds_t nfds, int timeout);
 int busy_poll(struct pollfd *fds, nfds_t nfds, hrtime_t timeout);
 /*
  * poll for the receive engine waiting on self's descriptor: returns 0 as
- * soon as it sees self being torn down.  self may be null.
+ * soon as it sees self being torn down.  self may be null.  Fails with
+ * EINTR when a signal handler ran since sigs was taken.
  */
-int ost_poll_wait(uost_t *self, struct pollfd *fds, nfds_t nfds, int timeout);
+int ost_poll_wait(uost_t *self, struct pollfd *fds, nfds_t nfds, int timeout,
+    const ost_sigcount_t *sigs);
 int ost_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
-    struct timeval *timeout, const sigset_t *mask = NULL);
+    struct timeval *timeout);
 /* ppoll and pselect: signals get in only through mask, as in the kernel. */
 int ost_ppoll(struct pollfd *fds, nfds_t nfds, const struct timespec *timeout,
     const sigset_t *mask);

@@ -176,8 +176,11 @@ static void
 ost_teardown(uost_t *up, bool sd_open)
 {
 	(void)pthread_mutex_lock(&up->uost_lock);
+	/* Before the drain: a waiting receive ends only for close(). */
+	if (!sd_open)
+		up->uost_sd_closed = true;
 	ost_drain_locked(up);
-	ost_detach_locked(up, sd_open && !up->uost_sd_closed);
+	ost_detach_locked(up, !up->uost_sd_closed);
 	(void)pthread_mutex_unlock(&up->uost_lock);
 	ost_destroy(up);
 }

@@ -56,6 +56,7 @@ int (*real_posix_spawnp)(pid_t *, const char *,
     char *const[], char *const[]);
 int (*real_system)(const char *);
 FILE *(*real_popen)(const char *, const char *);
+int (*real_sigaction)(int, const struct sigaction *, struct sigaction *);
 }
 
 template <typename Fn>
@@ -122,4 +123,5 @@ ost_libc_init(void)
 	lookup(&real_posix_spawnp, "posix_spawnp");
 	lookup(&real_system, "system");
 	lookup(&real_popen, "popen");
+	lookup(&real_sigaction, "sigaction");
 }

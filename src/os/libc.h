@@ -11,6 +11,7 @@
 
 #include <errno.h>
 #include <poll.h>
+#include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
 #include <sys/epoll.h>
@@ -72,6 +73,7 @@ extern int (*real_posix_spawnp)(pid_t *, const char *,
     char *const[], char *const[]);
 extern int (*real_system)(const char *);
 extern FILE *(*real_popen)(const char *, const char *);
+extern int (*real_sigaction)(int, const struct sigaction *, struct sigaction *);
 }
 
 /*

@@ -223,6 +223,15 @@ TEST_P(Recv, ReceiveCalls)
 	EXPECT_EQ(ost_recvmmsg_call(s.fd, vec, 8, MSG_WAITFORONE, nullptr), 3);
 	EXPECT_TRUE(vec[0].msg_len == 1 && vec[1].msg_len == 0 &&
 	    vec[2].msg_len == 3);
+	/* A batch past UIO_MAXIOV is cut to it, as the kernel cuts it, and
+	 * still served from the ring. */
+	std::vector<struct mmsghdr> big(2000);
+	for (auto &m : big)
+		m.msg_hdr.msg_iov = &iov[0], m.msg_hdr.msg_iovlen = 1;
+	s.inject("x");
+	s.inject("y");
+	EXPECT_EQ(ost_recvmmsg_call(s.fd, big.data(), 2000, MSG_DONTWAIT,
+	    nullptr), 2);
 
 	recv_mode = RCV_POLL;
 	for (int usec : { 0, -1 }) {
@@ -269,6 +278,40 @@ TEST_P(Recv, CloseEndsAWaitingReceive)
 		EXPECT_EQ(registry_size(), before - 1);
 		r.join();
 		EXPECT_EQ(got, err_str(EBADF)) << mode;
+	}
+}
+
+/*
+ * A teardown that leaves the descriptor open (dup, a demoting option, the
+ * process hand-off) must not end a waiting receive: it goes on waiting on
+ * the kernel socket, with what is left of its time-out.
+ */
+TEST_P(Recv, TeardownHandsAWaitingReceiveToTheKernel)
+{
+	for (int timed = 0; timed < 2; timed++) {
+		if (s.up == nullptr)
+			s.open(GetParam());
+		recv_mode = timed ? RCV_POLL : RCV_BUSY_WAIT;
+		if (timed)
+			s.up->uost_rcvtimeo = 300 * 1000000LL;
+		std::string got;
+		std::thread r([&] { got = s.recv(); });
+		while (refcnt_of(s.up) < 2)
+			usleep(1000);
+		usleep(30000);
+		ost_del(ost_find_sd(s.fd), true);
+		s.up = nullptr;
+		usleep(30000);
+		int k = socket(s.family, SOCK_DGRAM, 0);
+		if (!timed) {
+			EXPECT_EQ(sendto(k, "kernel", 6, 0,
+			    (struct sockaddr *)&s.local, sizeof(s.local)), 6);
+		}
+		r.join();
+		close(k);
+		EXPECT_EQ(got, timed ? err_str(EAGAIN) : "kernel") << timed;
+		close(s.fd);
+		s.fd = -1;
 	}
 }
 
