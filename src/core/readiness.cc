@@ -144,11 +144,44 @@ ost_ns_to_ms(hrtime_t ns)
 	return ns > INT_MAX ? INT_MAX : (int)ns;
 }
 
+/*
+ * The references a wait of this thread holds while a handler may run: a
+ * handler that leaves the wait by siglongjmp would strand them, and the
+ * sockets' close would wait for them for ever (ost_wait_abandoned).
+ */
+static __thread struct {
+	fd_uost_t *tbl; /* allocated; freed with its references */
+	nfds_t n;
+	void *extra; /* freed with it, or null */
+} ost_wait_held __attribute__((tls_model("initial-exec")));
+
+static void
+ost_hold_tbl(fd_uost_t *tbl, nfds_t n, void *extra)
+{
+	ost_wait_held.tbl = tbl;
+	ost_wait_held.n = n;
+	ost_wait_held.extra = extra;
+}
+
 static void
 ost_release_tbl(fd_uost_t *tbl, nfds_t n)
 {
+	if (ost_wait_held.tbl == tbl)
+		ost_wait_held.tbl = NULL;
 	for (nfds_t i = 0; i < n; i++)
 		ost_release(tbl[i].up);
+}
+
+void
+ost_wait_abandoned(void)
+{
+	fd_uost_t *tbl = ost_wait_held.tbl;
+
+	if (tbl == NULL)
+		return;
+	ost_release_tbl(tbl, ost_wait_held.n);
+	free(ost_wait_held.extra);
+	free(tbl);
 }
 
 typedef enum {
@@ -236,6 +269,7 @@ ost_pollset_open(ost_pollset_t *ps, struct pollfd *fds, nfds_t nfds)
 		return -1;
 	}
 	ps->ps_ready = (bool *)(ps->ps_kfds + nfds + ps->ps_nb);
+	ost_hold_tbl(ps->ps_tbl, ps->ps_nb, ps->ps_kfds);
 	return 0;
 }
 
@@ -377,6 +411,7 @@ restart:
 		tbl[i].idx = i;
 		tbl[i].up = up;
 	}
+	ost_hold_tbl(tbl, nfds, NULL);
 	for (;;) {
 		bool kernel = gethrtime() >= kernel_due;
 		ost_wait_t what;

@@ -24,6 +24,42 @@
 #include "core/signals.h"
 #include "os/frio_loader.h"
 
+/*
+ * What this thread's receive holds while it may run a signal handler: a
+ * handler that leaves the receive by siglongjmp would otherwise strand
+ * the slot and the reference, and the socket's next receive or close
+ * would wait for them for ever (ost_recv_abandoned).
+ */
+static __thread struct {
+	uost_t *slot_up; /* holds the receive slot of */
+	uost_t *ref_up;  /* holds a reference to, inside ost_recvmsg */
+} ost_recv_held __attribute__((tls_model("initial-exec")));
+
+void
+ost_recv_abandoned(void)
+{
+	uost_t *slot_up = ost_recv_held.slot_up;
+	uost_t *ref_up = ost_recv_held.ref_up;
+
+	ost_wait_abandoned();
+	if (slot_up != NULL) {
+		ost_recv_slot_give(slot_up);
+		ost_recv_held.slot_up = NULL;
+	}
+	if (ref_up != NULL) {
+		ost_recv_held.ref_up = NULL;
+		ost_release(ref_up);
+	}
+}
+
+/* The reference ost_recvmsg holds goes back; uost_lock held. */
+static void
+ost_recv_release_locked(uost_t *up)
+{
+	ost_recv_held.ref_up = NULL;
+	ost_release_locked(up);
+}
+
 bool
 ost_recv_slot_take(uost_t *up, bool leave_if_closing)
 {
@@ -40,6 +76,7 @@ ost_recv_slot_take(uost_t *up, bool leave_if_closing)
 	}
 	up->uost_receiving = true;
 	up->uost_want_recv = false;
+	ost_recv_held.slot_up = up;
 	(void)pthread_mutex_unlock(&up->uost_lock);
 	return true;
 }
@@ -55,6 +92,8 @@ ost_recv_slot_give_locked(uost_t *up)
 	up->uost_stats.osts_idrops += up->uost_rx_dropped;
 	up->uost_rx_dropped = 0;
 	up->uost_receiving = false;
+	if (ost_recv_held.slot_up == up)
+		ost_recv_held.slot_up = NULL;
 	if (up->uost_want_recv)
 		(void)pthread_cond_broadcast(&up->uost_recv_cv);
 }
@@ -161,7 +200,7 @@ ost_recv_fail(uost_t *up, bool holds_slot, int err)
 	(void)pthread_mutex_lock(&up->uost_lock);
 	if (holds_slot)
 		ost_recv_slot_give_locked(up);
-	ost_release_locked(up);
+	ost_recv_release_locked(up);
 	(void)pthread_mutex_unlock(&up->uost_lock);
 	errno = err;
 	return -1;
@@ -311,7 +350,7 @@ ost_recv_left(uost_t *up, bool holds_slot, struct msghdr *msg, int flags,
 	if (holds_slot)
 		ost_recv_slot_give_locked(up);
 	closed = up->uost_sd_closed;
-	ost_release_locked(up);
+	ost_recv_release_locked(up);
 	(void)pthread_mutex_unlock(&up->uost_lock);
 	if (closed) {
 		errno = EBADF;
@@ -346,6 +385,7 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 	size_t whole = 0;
 	ssize_t n;
 
+	ost_recv_held.ref_up = up;
 	if (msg->msg_name != NULL) {
 		memset(&from, 0, sizeof(from));
 		rmsg.msg_name = &from;
@@ -451,7 +491,7 @@ delivered:
 	if (paused)
 		up->uost_stats.osts_ipkts_spin++;
 	ost_recv_slot_give_locked(up);
-	ost_release_locked(up);
+	ost_recv_release_locked(up);
 	(void)pthread_mutex_unlock(&up->uost_lock);
 	errno = saved_errno;
 	return n;

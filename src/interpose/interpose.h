@@ -22,6 +22,16 @@
  */
 extern __thread volatile unsigned ost_depth
     __attribute__((tls_model("initial-exec")));
+/*
+ * The frame of the outermost of those calls.  A handler that interrupted
+ * us runs deeper on the stack; a call whose frame is not deeper means the
+ * outermost one never returned: a handler left it by siglongjmp (the
+ * alarm-around-recvfrom time-out), and the count is stale.  (A handler on
+ * an alternate stack above ours passes for a fresh call, and waits for
+ * our locks like any other.)
+ */
+extern __thread uintptr_t ost_outer_call
+    __attribute__((tls_model("initial-exec")));
 
 /*
  * One exported call, from entry to return: every entry point opens one
@@ -47,10 +57,19 @@ extern __thread volatile unsigned ost_depth
 class ost_call
 {
       public:
-	ost_call() : oc_errno(errno)
+	__attribute__((always_inline)) ost_call() : oc_errno(errno)
 	{
 		if (__builtin_expect(!ost_initialised, 0))
 			ost_init();
+		uintptr_t here = (uintptr_t)__builtin_frame_address(0);
+
+		if (__builtin_expect(ost_depth != 0 && here >= ost_outer_call,
+			0)) {
+			ost_depth = 0;
+			ost_recv_abandoned();
+		}
+		if (ost_depth == 0)
+			ost_outer_call = here;
 		oc_nested = ost_depth != 0 || ost_in_frio != 0;
 		ost_depth = ost_depth + 1;
 	}

@@ -2,6 +2,7 @@
 #include "interpose/interpose.h"
 
 __thread volatile unsigned ost_depth;
+__thread uintptr_t ost_outer_call;
 
 __attribute__((constructor)) static void
 ost_load(void)

@@ -25,6 +25,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <setjmp.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
@@ -349,6 +350,16 @@ on_alarm_close(int sig)
 	errno = saved;
 }
 
+static sigjmp_buf sig_jump;
+
+static void
+on_alarm_jump(int sig)
+{
+	(void)sig;
+	sig_ran++;
+	siglongjmp(sig_jump, 1);
+}
+
 static void
 on_alarm_storm(int sig)
 {
@@ -401,6 +412,27 @@ phase_signal(void)
 	n = recvfrom(s, buf, sizeof(buf), MSG_DONTWAIT, NULL, NULL);
 	printf("echo of the handler's datagram: %.*s\n", n > 0 ? (int)n : 0,
 	    buf);
+	close(s);
+
+	/* The old time-out idiom: a handler jumps out of a waiting recvfrom;
+	 * the socket must go on working, ring included. */
+	sig_fd = s = bound_socket();
+	sig_ran = 0;
+	if (sigsetjmp(sig_jump, 1) == 0) {
+		arm(on_alarm_jump, 200000, 0);
+		n = recvfrom(s, buf, sizeof(buf), 0, NULL, NULL);
+		printf("jump handler: recvfrom returned %zd\n", n);
+	}
+	disarm();
+	printf("jump handler: ran %d\n", (int)sig_ran);
+	OK("sendto after the jump",
+	    sendto(s, "ejmp", 4, 0, (struct sockaddr *)&peer_sa,
+		sizeof(peer_sa)) == 4 ?
+		0 :
+		-1);
+	readable(s);
+	n = recvfrom(s, buf, sizeof(buf), 0, NULL, NULL);
+	printf("echo after the jump: %.*s\n", n > 0 ? (int)n : 0, buf);
 	close(s);
 
 	/* A handler closes the socket recvfrom waits on. */
