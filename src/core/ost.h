@@ -210,8 +210,8 @@ typedef enum {
 	OST_DST_LATER,
 	OST_DST_NEVER
 } ost_dst_t;
-ost_dst_t ost_set_destination(uost_t *up, const struct sockaddr *to,
-    bool do_bind);
+ost_dst_t
+ost_set_destination(uost_t *up, const struct sockaddr *to, bool do_bind);
 /* The peer's facts again, when the watch's generation moved past them. */
 void ost_dst_refresh_locked(uost_t *up, uint32_t gen);
 /* The kernel socket's own TTL or hop limit for unicast or group peers. */

@@ -212,8 +212,8 @@ watch_neigh_msg(uint16_t type, const uint8_t *data, size_t dlen)
 	}
 	if (dst == NULL)
 		return false;
-	known = watch_neigh_find(ndm.ndm_family, (uint32_t)ndm.ndm_ifindex,
-	    dst);
+	known =
+	    watch_neigh_find(ndm.ndm_family, (uint32_t)ndm.ndm_ifindex, dst);
 	if (type == RTM_NEWNEIGH && ll != NULL &&
 	    (ndm.ndm_state & WATCH_COMPLETE_STATES))
 		return watch_neigh_learn(ndm.ndm_family,
@@ -325,8 +325,7 @@ watch_poll(hrtime_t now)
 	/* Someone else is reading: the news will be there for the next. */
 	if (pthread_mutex_trylock(&watch_lock) != 0)
 		return;
-	__atomic_store_n(&watch_due, now + OST_WATCH_POLL_NS,
-	    __ATOMIC_RELAXED);
+	__atomic_store_n(&watch_due, now + OST_WATCH_POLL_NS, __ATOMIC_RELAXED);
 	if (watch_fd >= 0 && !watch_still_ours()) {
 		/* The application closed or replaced it: not ours to close. */
 		ost_debug("watch: descriptor %d taken over\n", watch_fd);
@@ -364,8 +363,8 @@ ost_watch_note_neigh(int family, uint32_t ifindex, const void *addr,
     const struct ether_addr *mac)
 {
 	(void)pthread_mutex_lock(&watch_lock);
-	(void)watch_neigh_learn((uint8_t)family, ifindex,
-	    (const uint8_t *)addr, mac->ether_addr_octet);
+	(void)watch_neigh_learn((uint8_t)family, ifindex, (const uint8_t *)addr,
+	    mac->ether_addr_octet);
 	(void)pthread_mutex_unlock(&watch_lock);
 }
 
