@@ -3,6 +3,8 @@
  * only in the double's transmit queue. */
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/neighbour.h>
+#include <linux/rtnetlink.h>
 #include <pthread.h>
 #include <sys/uio.h>
 
@@ -136,8 +138,9 @@ TEST_P(Transmit, HopOptionsFollowTheKernel)
 		    &len), 0);
 		ASSERT_EQ(ost_send_call(s.fd, "h", 1, 0), 1);
 		EXPECT_EQ(hops_of(pop_frame()), kernel) << st.value;
-		if (st.name == mc && st.value == -1)
+		if (st.name == mc && st.value == -1) {
 			EXPECT_EQ(kernel, 1);
+		}
 	}
 	if (!v6_) {	/* IPv4 also takes a single byte, and the TOS */
 		unsigned char byte = 5;
@@ -342,7 +345,115 @@ TEST_P(Transmit, BatchesDecidePerMessage)
 	EXPECT_EQ(kernel_got(other_), "two");
 }
 
+/* A change of the kernel's tables sends the peer through the set-up again:
+ * this one (loopback) cannot take the bypass, so the kernel sends. */
+TEST_P(Transmit, ChangedTablesResolveThePeerAgain)
+{
+	const struct nlmsghdr route = { NLMSG_HDRLEN, RTM_NEWROUTE, 0, 0, 0 };
+
+	ASSERT_EQ(ost_send_call(s.fd, "a", 1, 0), 1);
+	EXPECT_EQ(pop_frame(), want("a"));
+	ost_watch_feed(&route, sizeof (route));
+	ASSERT_EQ(ost_send_call(s.fd, "b", 1, 0), 1);
+	EXPECT_EQ(kernel_got(peer_), "b");
+	EXPECT_EQ(frio_mem_tx_pending(s.hdl), 0);
+}
+
 INSTANTIATE_TEST_SUITE_P(Families, Transmit,
     ::testing::Values(AF_INET, AF_INET6), family_name);
+
+/* rtnetlink messages as the watch reads them. */
+struct NlBuf {
+	std::vector<uint8_t> b;
+
+	NlBuf &msg(uint16_t type, const void *body, size_t len)
+	{
+		struct nlmsghdr h = { (uint32_t)(NLMSG_HDRLEN + len), type, 0,
+		    0, 0 };
+		size_t at = b.size();
+		b.resize(at + NLMSG_ALIGN(h.nlmsg_len));
+		memcpy(&b[at], &h, sizeof (h));
+		memcpy(&b[at + NLMSG_HDRLEN], body, len);
+		return *this;
+	}
+	/* A neighbour entry for 10.0.0.dst on interface 3; mac 0: none. */
+	NlBuf &neigh(uint16_t type, uint8_t dst, uint16_t state, uint8_t mac)
+	{
+		std::vector<uint8_t> m(NLMSG_ALIGN(sizeof (struct ndmsg)));
+		struct ndmsg nd = {};
+		nd.ndm_family = AF_INET, nd.ndm_ifindex = 3;
+		nd.ndm_state = state;
+		memcpy(m.data(), &nd, sizeof (nd));
+		uint8_t a[4] = { 10, 0, 0, dst }, ll[6] = { 2, 0, 0, 0, 0, mac };
+		attr(m, NDA_DST, a, 4);
+		if (mac != 0)
+			attr(m, NDA_LLADDR, ll, 6);
+		return msg(type, m.data(), m.size());
+	}
+	static void attr(std::vector<uint8_t> &m, uint16_t type,
+	    const void *p, size_t len)
+	{
+		struct rtattr a = { (unsigned short)RTA_LENGTH(len), type };
+		size_t at = m.size();
+		m.resize(at + RTA_SPACE(len));
+		memcpy(&m[at], &a, sizeof (a));
+		memcpy(&m[at + RTA_LENGTH(0)], p, len);
+	}
+};
+
+/* Which messages move the generation: the neighbour table's walk through
+ * states with the same address does not; a new or changed address, an
+ * entry a destination used going away, any link, address or route change
+ * does.  Broken messages move nothing and read nothing past the buffer. */
+TEST(Watch, OnlyNewsMovesTheGeneration)
+{
+	struct in_addr nh = { htonl(0x0a000001) };
+	struct ether_addr mac = { { 2, 0, 0, 0, 0, 1 } };
+	const struct {
+		NlBuf buf;
+		bool bump;
+		const char *what;
+	} steps[] = {
+		{ NlBuf().neigh(RTM_NEWNEIGH, 1, NUD_STALE, 1), false, "same" },
+		{ NlBuf().neigh(RTM_NEWNEIGH, 1, NUD_PROBE, 1), false, "probe" },
+		{ NlBuf().neigh(RTM_NEWNEIGH, 1, NUD_REACHABLE, 7), true,
+		    "changed" },
+		{ NlBuf().neigh(RTM_NEWNEIGH, 1, NUD_DELAY, 7), false, "again" },
+		{ NlBuf().neigh(RTM_NEWNEIGH, 2, NUD_INCOMPLETE, 0), false,
+		    "resolving" },
+		{ NlBuf().neigh(RTM_NEWNEIGH, 2, NUD_REACHABLE, 9), true,
+		    "resolved" },
+		{ NlBuf().neigh(RTM_NEWNEIGH, 1, NUD_FAILED, 0), true, "failed" },
+		{ NlBuf().neigh(RTM_DELNEIGH, 1, NUD_FAILED, 0), false,
+		    "forgotten" },
+		{ NlBuf().neigh(RTM_DELNEIGH, 2, NUD_STALE, 9), true, "deleted" },
+		{ NlBuf().neigh(RTM_NEWNEIGH, 3, NUD_STALE, 4).msg(RTM_NEWLINK,
+		      "", 0), true, "link" },
+		{ NlBuf().msg(RTM_DELADDR, "", 0), true, "address" },
+		{ NlBuf().msg(RTM_NEWROUTE, "", 0), true, "route" },
+		{ NlBuf().msg(NLMSG_DONE, "", 0), false, "other" },
+	};
+
+	ost_watch_reset(true);
+	ost_watch_note_neigh(AF_INET, 3, &nh, &mac);
+	for (const auto &st : steps) {
+		uint32_t g = ost_watch_gen();
+		ost_watch_feed(st.buf.b.data(), st.buf.b.size());
+		EXPECT_EQ(ost_watch_gen() != g, st.bump) << st.what;
+	}
+	/* A message longer than the buffer, an attribute longer than its
+	 * message: cut short, each would be a route message. */
+	NlBuf route;
+	route.msg(RTM_NEWROUTE, "abcd", 4);
+	NlBuf neigh;
+	neigh.neigh(RTM_NEWNEIGH, 5, NUD_REACHABLE, 5);
+	neigh.b[NLMSG_HDRLEN + NLMSG_ALIGN(sizeof (struct ndmsg))] = 200;
+	uint32_t g = ost_watch_gen();
+	ost_watch_feed(route.b.data(), route.b.size() - 1);
+	ost_watch_feed(neigh.b.data(), neigh.b.size());
+	ost_watch_feed(route.b.data(), NLMSG_HDRLEN - 1);
+	EXPECT_EQ(ost_watch_gen(), g);
+	ost_watch_reset(false);
+}
 
 } // namespace
