@@ -132,7 +132,7 @@ ost_bind_call(int fd, const struct sockaddr *addr, socklen_t len)
 bool
 ost_connect(uost_t *up, const struct sockaddr *addr, socklen_t len)
 {
-	bool ok;
+	ost_dst_t r;
 
 	/*
 	 * Only an address of the socket's own family, whole, can name a
@@ -152,14 +152,21 @@ ost_connect(uost_t *up, const struct sockaddr *addr, socklen_t len)
 		ost_del(up, true);
 		return false;
 	}
+	/*
+	 * A peer that cannot take the bypass yet (its next hop unresolved,
+	 * say) stays the peer: its datagrams go through the kernel until the
+	 * tables change.
+	 */
 	(void)pthread_mutex_lock(&up->uost_lock);
-	ok = ost_set_destination(up, addr, false);
-	if (ok)
+	r = ost_set_destination(up, addr, false);
+	if (r != OST_DST_NEVER)
 		up->uost_connected = true;
 	(void)pthread_mutex_unlock(&up->uost_lock);
-	if (!ok)
+	if (r == OST_DST_NEVER) {
 		ost_del(up, true);
-	return ok;
+		return false;
+	}
+	return true;
 }
 
 int

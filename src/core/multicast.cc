@@ -150,6 +150,9 @@ ost_mcast_if_locked(uost_t *up, uint32_t if_index, const char *name,
 		ost_tpl_set_saddr(up, addr);
 	}
 	up->uost_mc_bind = true;
+	/* A group peer the kernel had for want of an interface may now
+	 * take the handle: the next send resolves it again. */
+	up->uost_dst_gen--;
 	return ost_attach_locked(up);
 }
 

@@ -124,6 +124,15 @@ typedef struct uost_s {
 	 * IPV6_RECVPKTINFO.  Read unlocked by receivers.
 	 */
 	uint32_t uost_rx_cmsgs;
+	/* SO_SNDTIMEO in ns, 0: none; relaxed atomics, as uost_rcvtimeo. */
+	hrtime_t uost_sndtimeo;
+	/*
+	 * The peer's route, next hop, source address and MTU were resolved
+	 * (or found unusable) at watch generation uost_dst_gen; uost_dst_ok:
+	 * they were usable, and frames to the peer may take the handle.
+	 */
+	uint32_t uost_dst_gen;
+	bool uost_dst_ok;
 } uost_t;
 
 /* One registry bucket, padded so that neighbours' locks do not share a line. */
@@ -189,12 +198,24 @@ void ost_tpl_set_payload(uost_t *up, size_t payload);
 void ost_hdr_csum_v4(struct ip *iph, struct udphdr *udph);
 void ost_hdr_csum_v6(struct ip6_hdr *ip6h, struct udphdr *udph);
 
-/* The destination set-up (core/destination.cc), uost_lock held. */
-bool
-ost_sendto_frio_set_v4(uost_t *up, const struct sockaddr_in *sin, bool do_bind);
-bool ost_sendto_frio_set_v6(uost_t *up, const struct sockaddr_in6 *sin6,
-    bool do_bind);
-bool ost_set_destination(uost_t *up, const struct sockaddr *to, bool do_bind);
+/*
+ * The destination set-up (core/destination.cc), uost_lock held.  It makes
+ * to the socket's peer whatever the outcome, and says whether its frames
+ * may take the handle (uost_dst_ok).  OST_DST_LATER: not now (no route,
+ * an unresolved next hop, the route on another interface), perhaps after
+ * the tables change; OST_DST_NEVER: not this destination or socket.
+ */
+typedef enum {
+	OST_DST_OK,
+	OST_DST_LATER,
+	OST_DST_NEVER
+} ost_dst_t;
+ost_dst_t
+ost_set_destination(uost_t *up, const struct sockaddr *to, bool do_bind);
+/* The peer's facts again, when the watch's generation moved past them. */
+void ost_dst_refresh_locked(uost_t *up, uint32_t gen);
+/* The kernel socket's own TTL or hop limit for unicast or group peers. */
+void ost_tpl_sync_hops(uost_t *up);
 
 /* Socket creation, close and descriptor flags. */
 int ost_socket(int domain, int type, int protocol);

@@ -149,19 +149,6 @@ ost_is_stamp_opt(int optname)
 	    optname == SO_TIMESTAMPNS_OLD || optname == SO_TIMESTAMPNS_NEW;
 }
 
-/* Whether the cached peer is a group (IPv4 peers are held mapped). */
-static bool
-ost_peer_is_group(const uost_t *up)
-{
-	const struct in6_addr *a = &up->uost_faddr_v6;
-
-	if (!up->uost_peer_set)
-		return false;
-	if (IN6_IS_ADDR_V4MAPPED(a))
-		return ost_is_multicast_v4(ost_unmap_v4(a));
-	return IN6_IS_ADDR_MULTICAST(a);
-}
-
 /*
  * An int option's value as the kernel read it: an int, or a single byte
  * when the caller gave less.
@@ -194,26 +181,19 @@ ost_set_rx_cmsgs(uost_t *up, uint32_t mask, uint32_t bits)
 	return OST_OPT_KEEP;
 }
 
-/* -1 asks for the default again: 0 in the record, 64 in the template. */
-static void
-ost_set_uc_hops(uost_t *up, int hops)
+/*
+ * A TTL or hop-limit option the kernel accepted: the frames to the peer
+ * carry what the kernel socket now reports, which turns -1 into the
+ * kernel's default as the kernel does (1 for groups).
+ */
+static int
+ost_sync_hops(uost_t *up)
 {
 	(void)pthread_mutex_lock(&up->uost_lock);
-	up->uost_uc_hops = hops < 0 ? 0 : (uint32_t)hops;
-	if (up->uost_peer_set && !ost_peer_is_group(up))
-		ost_tpl_set_hops(up, hops < 0 ? 64 : (uint32_t)hops);
+	if (up->uost_peer_set)
+		ost_tpl_sync_hops(up);
 	(void)pthread_mutex_unlock(&up->uost_lock);
-}
-
-/* The same for groups, whose default is 1. */
-static void
-ost_set_mc_hops(uost_t *up, int hops)
-{
-	(void)pthread_mutex_lock(&up->uost_lock);
-	up->uost_mc_hops = hops < 0 ? 0 : (uint32_t)hops;
-	if (ost_peer_is_group(up))
-		ost_tpl_set_hops(up, hops < 0 ? 1 : (uint32_t)hops);
-	(void)pthread_mutex_unlock(&up->uost_lock);
+	return OST_OPT_KEEP;
 }
 
 /*
@@ -310,13 +290,8 @@ ost_process_v4_opt(uost_t *up, int optname, const void *optval,
 		(void)pthread_mutex_unlock(&up->uost_lock);
 		return OST_OPT_KEEP;
 	case IP_TTL:
-		ost_set_uc_hops(up, ost_opt_int(optval, optlen));
-		return OST_OPT_KEEP;
 	case IP_MULTICAST_TTL:
-		/* A byte or an int: on this machine's byte order the first
-		 * byte is the value either way. */
-		ost_set_mc_hops(up, *(const uint8_t *)optval);
-		return OST_OPT_KEEP;
+		return ost_sync_hops(up);
 	case IP_MULTICAST_LOOP:
 		ost_set_mc_loop(up, *(const uint8_t *)optval != 0);
 		return OST_OPT_KEEP;
@@ -371,11 +346,8 @@ ost_process_v6_opt(uost_t *up, int optname, const void *optval)
 {
 	switch (optname) {
 	case IPV6_UNICAST_HOPS:
-		ost_set_uc_hops(up, *(const int *)optval);
-		return OST_OPT_KEEP;
 	case IPV6_MULTICAST_HOPS:
-		ost_set_mc_hops(up, *(const int *)optval);
-		return OST_OPT_KEEP;
+		return ost_sync_hops(up);
 	case IPV6_MULTICAST_LOOP:
 		ost_set_mc_loop(up, *(const int *)optval != 0);
 		return OST_OPT_KEEP;
@@ -415,18 +387,18 @@ ost_process_v6_opt(uost_t *up, int optname, const void *optval)
 }
 
 /*
- * A receive time-out bounds the bypass path's waits as it bounds the
- * kernel's: EAGAIN when it passes.  Both layouts are two 64-bit fields
+ * A receive or send time-out bounds the bypass path's waits as it bounds
+ * the kernel's: EAGAIN when it passes.  Both layouts are two 64-bit fields
  * here, seconds and microseconds; the kernel has checked the range.
  */
 static int
-ost_set_rcvtimeo(uost_t *up, const void *optval)
+ost_set_timeo(hrtime_t *field, const void *optval)
 {
 	int64_t tv[2];
 
 	memcpy(tv, optval, sizeof(tv));
 	/* Beyond about 290 years: no limit, as far as anyone waits. */
-	__atomic_store_n(&up->uost_rcvtimeo,
+	__atomic_store_n(field,
 	    tv[0] >= INT64_MAX / NANOSEC - 1 ? 0 :
 					       tv[0] * NANOSEC + tv[1] * 1000,
 	    __ATOMIC_RELAXED);
@@ -471,7 +443,10 @@ ost_setsockopt(int sd, int level, int optname, const void *optval,
 		ret = ost_process_v6_opt(up, optname, optval);
 	else if (level == SOL_SOCKET &&
 	    (optname == SO_RCVTIMEO_OLD || optname == SO_RCVTIMEO_NEW))
-		ret = ost_set_rcvtimeo(up, optval);
+		ret = ost_set_timeo(&up->uost_rcvtimeo, optval);
+	else if (level == SOL_SOCKET &&
+	    (optname == SO_SNDTIMEO_OLD || optname == SO_SNDTIMEO_NEW))
+		ret = ost_set_timeo(&up->uost_sndtimeo, optval);
 	else if (level == SOL_SOCKET && ost_is_stamp_opt(optname))
 		ret = ost_set_rx_cmsgs(up, OST_RX_STAMP_MASK,
 		    *(const int *)optval != 0 ? (uint32_t)optname : 0);

@@ -151,6 +151,28 @@ ost_tpl_set_hops(uost_t *up, uint32_t hops)
 		up->uost_iph->ip_ttl = (uint8_t)hops;
 }
 
+/*
+ * The TTL or hop limit the kernel socket itself would send with, as its
+ * getsockopt reports it: the option's value, or for -1 the kernel's
+ * default (the ip_default_ttl and hop_limit settings, 1 for groups).
+ */
+void
+ost_tpl_sync_hops(uost_t *up)
+{
+	int level = up->uost_is_v6 ? IPPROTO_IPV6 : IPPROTO_IP;
+	int name = up->uost_peer_group ?
+	    (up->uost_is_v6 ? IPV6_MULTICAST_HOPS : IP_MULTICAST_TTL) :
+	    (up->uost_is_v6 ? IPV6_UNICAST_HOPS : IP_TTL);
+	int hops = 0;
+	socklen_t len = sizeof(hops);
+	ost_errno_keep keep;
+
+	if (real_getsockopt(up->uost_sd, level, name, &hops, &len) != 0 ||
+	    len != sizeof(hops) || hops < 0 || hops > 255)
+		hops = up->uost_peer_group ? 1 : 64;
+	ost_tpl_set_hops(up, (uint32_t)hops);
+}
+
 void
 ost_tpl_set_tos(uost_t *up, uint8_t tos)
 {

@@ -3,12 +3,20 @@
  * frame template followed by the caller's buffers, handed to the frame
  * library under the record's lock.  Everything the bypass path cannot carry
  * (another destination, a payload above the interface's MTU, control
- * data, a socket without peer or handle) goes to the C library unchanged.
+ * data, a socket without peer or handle, a peer whose next hop is not
+ * resolved yet) goes to the C library unchanged.  A call that names no
+ * destination uses the peer only on a connected socket: elsewhere the
+ * kernel answers it (EDESTADDRREQ).
  *
- * Per datagram: one lock, the length stores and the pseudo-header seed, one
- * frio_tx_vec.  Nothing is allocated and nothing formatted unless the debug
- * log is on.  Once the library has been offered a frame there is no
- * fallback: a frame it refuses is EIO.
+ * Per datagram: one lock, a clock read and a compare with the watch's
+ * generation (a change of the kernel's tables resolves the peer again),
+ * the length stores and the pseudo-header seed, one frio_tx_vec.  Nothing
+ * is allocated and nothing formatted unless the debug log is on.
+ *
+ * A full ring is the kernel socket's full send buffer: after a short spin
+ * a blocking socket waits for room (bounded by SO_SNDTIMEO, then EAGAIN),
+ * sleeping without the record's lock, and a non-blocking one or
+ * MSG_DONTWAIT gets EAGAIN.  A frame the library refuses is EIO.
  */
 #include <arpa/inet.h>
 #include <errno.h>
@@ -25,8 +33,16 @@
 typedef enum {
 	OST_TX_SENT,
 	OST_TX_FAILED, /* the frame library refused it: EIO */
+	OST_TX_FULL,   /* no room in the ring after the spins */
+	OST_TX_AGAIN,  /* no room, and the call may not wait: EAGAIN */
+	OST_TX_INTR,   /* a signal handler ran while the call waited */
+	OST_TX_RETRY,  /* the wait for room ended: decide again */
 	OST_TX_KERNEL  /* not the bypass path's: the kernel sends it */
 } ost_tx_t;
+
+/* The first and the longest sleep of a send waiting for room. */
+#define OST_TX_PAUSE_MIN_NS (20 * 1000)
+#define OST_TX_PAUSE_MAX_NS (1000 * 1000)
 
 /* What one frame on the handle's interface carries; uost_frio_set. */
 static inline size_t
@@ -61,11 +77,11 @@ ost_transmit_locked(uost_t *up, const struct iovec *iov, int iovcnt,
 			break;
 		if (st != FRIO_STATUS_NOMEM)
 			return OST_TX_FAILED;
+		if (++retries >= send_busy_wait_cnt)
+			return OST_TX_FULL;
 		hrtime_t deadline = (gethrtime() & 0x7ff) + gethrtime();
 		while (gethrtime() < deadline)
 			;
-		if (++retries >= send_busy_wait_cnt)
-			return OST_TX_FAILED;
 	}
 	up->uost_stats.osts_opkts++;
 	if (retries != 0) {
@@ -76,13 +92,26 @@ ost_transmit_locked(uost_t *up, const struct iovec *iov, int iovcnt,
 	return OST_TX_SENT;
 }
 
-/* A datagram to the cached peer; uost_lock held. */
+/*
+ * A datagram to the cached peer; uost_lock held.  The peer's facts are
+ * resolved again first if the kernel's tables changed since.
+ */
 static ost_tx_t
 ost_send_peer_locked(uost_t *up, const struct iovec *iov, int iovcnt,
     size_t len)
 {
-	if (!up->uost_frio_set || !up->uost_peer_set) {
+	uint32_t gen;
+
+	if (!up->uost_peer_set) {
 		ost_debug("%d: no peer on the bypass\n", up->uost_sd);
+		return OST_TX_KERNEL;
+	}
+	gen = ost_watch_gen();
+	if (gen != up->uost_dst_gen)
+		ost_dst_refresh_locked(up, gen);
+	if (!up->uost_dst_ok || !up->uost_frio_set) {
+		ost_debug("%d: the peer is the kernel's for now\n",
+		    up->uost_sd);
 		return OST_TX_KERNEL;
 	}
 	if (up->uost_peer_group && !up->uost_mc_noloop) {
@@ -98,15 +127,84 @@ ost_send_peer_locked(uost_t *up, const struct iovec *iov, int iovcnt,
 	return ost_transmit_locked(up, iov, iovcnt, len);
 }
 
+/* A send's wait for transmit room. */
+typedef struct ost_tx_wait {
+	bool tw_started;
+	hrtime_t tw_deadline; /* 0: none */
+	hrtime_t tw_pause;
+} ost_tx_wait_t;
+
+/*
+ * The ring stayed full.  A call that may wait sleeps a while without
+ * uost_lock (receivers and other senders need it, and the ring drains
+ * without us) and has the caller decide again: a connect meanwhile may
+ * have changed the peer.  A socket being torn down leaves the datagram to
+ * the kernel socket, whose answer is the kernel's.  uost_lock held on
+ * entry and on return.
+ */
+static ost_tx_t
+ost_tx_wait_locked(uost_t *up, int flags, ost_tx_wait_t *w)
+{
+	hrtime_t now = gethrtime(), pause;
+	struct timespec ts;
+	int r;
+
+	if (__atomic_load_n(&up->uost_nonblock, __ATOMIC_RELAXED) ||
+	    (flags & MSG_DONTWAIT))
+		return OST_TX_AGAIN;
+	if (!w->tw_started) {
+		hrtime_t timeo =
+		    __atomic_load_n(&up->uost_sndtimeo, __ATOMIC_RELAXED);
+
+		w->tw_started = true;
+		w->tw_deadline =
+		    timeo == 0 || timeo > INT64_MAX - now ? 0 : now + timeo;
+		w->tw_pause = OST_TX_PAUSE_MIN_NS;
+	} else if (w->tw_deadline != 0 && now >= w->tw_deadline) {
+		return OST_TX_AGAIN;
+	}
+	pause = w->tw_pause;
+	if (w->tw_deadline != 0 && w->tw_deadline - now < pause)
+		pause = w->tw_deadline - now;
+	if (w->tw_pause < OST_TX_PAUSE_MAX_NS)
+		w->tw_pause *= 2;
+	ts.tv_sec = pause / NANOSEC;
+	ts.tv_nsec = pause % NANOSEC;
+	(void)pthread_mutex_unlock(&up->uost_lock);
+	r = nanosleep(&ts, NULL);
+	(void)pthread_mutex_lock(&up->uost_lock);
+	if (r != 0 && errno == EINTR)
+		return OST_TX_INTR;
+	return up->uost_closing ? OST_TX_KERNEL : OST_TX_RETRY;
+}
+
 /* The call's result for a datagram the bypass path took. */
 static ssize_t
 ost_tx_result(ost_tx_t r, size_t len)
 {
-	if (r == OST_TX_FAILED) {
+	switch (r) {
+	case OST_TX_FAILED:
 		errno = EIO;
 		return -1;
+	case OST_TX_AGAIN:
+		errno = EAGAIN;
+		return -1;
+	case OST_TX_INTR:
+		errno = EINTR;
+		return -1;
+	default:
+		return (ssize_t)len;
 	}
-	return (ssize_t)len;
+}
+
+/* Whether the decision step must run again after a wait for room. */
+static bool
+ost_tx_again(uost_t *up, int flags, ost_tx_wait_t *w, ost_tx_t *r)
+{
+	if (*r != OST_TX_FULL)
+		return false;
+	*r = ost_tx_wait_locked(up, flags, w);
+	return *r == OST_TX_RETRY;
 }
 
 /* Whether to is the cached peer; for IPv6 a scope id of 0 matches any. */
@@ -146,19 +244,22 @@ ost_addr_fits(const uost_t *up, const struct sockaddr *to, socklen_t tolen)
 }
 
 /*
- * The destination of a datagram: the cached peer, or, for a socket that
- * has none yet, a new one through the destination set-up.  Unlike sendto,
- * sendmsg does not compare the scope id.  uost_lock held.
+ * Whether a datagram to to is for the peer's path: it is the cached peer,
+ * or it becomes the peer, through the destination set-up, of an
+ * unconnected socket whose peer (if any) cannot take the bypass.  Unlike
+ * sendto, sendmsg does not compare the scope id.  uost_lock held.
  */
 static bool
 ost_to_peer_locked(uost_t *up, const struct sockaddr *to, bool scope)
 {
 	char text[INET6_ADDRSTRLEN];
 
-	if (!up->uost_peer_set || !up->uost_frio_set)
-		return ost_set_destination(up, to, true);
-	if (ost_is_peer(up, to, scope))
+	if (up->uost_peer_set && ost_is_peer(up, to, scope))
 		return true;
+	if (!up->uost_connected && !(up->uost_peer_set && up->uost_dst_ok)) {
+		(void)ost_set_destination(up, to, true);
+		return true;
+	}
 	ost_debug("different peer, using the kernel (%s:%d): %s:%d\n",
 	    inet_ntop(to->sa_family,
 		up->uost_is_v6 ?
@@ -176,8 +277,9 @@ ost_sendto(int sd, const void *buf, size_t len, int flags,
     const struct sockaddr *to, socklen_t tolen)
 {
 	struct iovec iov = { const_cast<void *>(buf), len };
+	ost_tx_wait_t w = {};
 	uost_t *up;
-	ost_tx_t r = OST_TX_KERNEL;
+	ost_tx_t r;
 
 	/* A connected socket may name no destination: its peer is meant. */
 	if (to == NULL)
@@ -186,8 +288,12 @@ ost_sendto(int sd, const void *buf, size_t len, int flags,
 	if (up == NULL)
 		return real_sendto(sd, buf, len, flags, to, tolen);
 	(void)pthread_mutex_lock(&up->uost_lock);
-	if (ost_addr_fits(up, to, tolen) && ost_to_peer_locked(up, to, true))
-		r = ost_send_peer_locked(up, &iov, 1, len);
+	do {
+		r = OST_TX_KERNEL;
+		if (ost_addr_fits(up, to, tolen) &&
+		    ost_to_peer_locked(up, to, true))
+			r = ost_send_peer_locked(up, &iov, 1, len);
+	} while (ost_tx_again(up, flags, &w, &r));
 	ost_release_locked(up);
 	(void)pthread_mutex_unlock(&up->uost_lock);
 	if (r != OST_TX_KERNEL)
@@ -206,6 +312,7 @@ static ssize_t
 ost_send_common(int sd, const struct iovec *iov, int iovcnt, int flags,
     ost_by_t by)
 {
+	ost_tx_wait_t w = {};
 	uost_t *up = NULL;
 	size_t len = 0;
 	ost_tx_t r;
@@ -213,10 +320,15 @@ ost_send_common(int sd, const struct iovec *iov, int iovcnt, int flags,
 	if (iovcnt >= 0 && iovcnt <= IOV_MAX && (iov != NULL || iovcnt == 0))
 		up = ost_find_sd(sd);
 	if (up != NULL) {
-		for (int i = 0; i < iovcnt; i++)
+		for (int i = 0; i < iovcnt && len <= IP_MAXPACKET; i++)
 			len += iov[i].iov_len;
 		(void)pthread_mutex_lock(&up->uost_lock);
-		r = ost_send_peer_locked(up, iov, iovcnt, len);
+		/* Without a destination only a connected socket has one. */
+		do {
+			r = up->uost_connected && len <= IP_MAXPACKET ?
+			    ost_send_peer_locked(up, iov, iovcnt, len) :
+			    OST_TX_KERNEL;
+		} while (ost_tx_again(up, flags, &w, &r));
 		ost_release_locked(up);
 		(void)pthread_mutex_unlock(&up->uost_lock);
 		if (r != OST_TX_KERNEL)
@@ -268,13 +380,14 @@ ost_sendmsg_locked(uost_t *up, const struct msghdr *msg, size_t *total)
 	if (msg->msg_control != NULL || msg->msg_iovlen > IOV_MAX ||
 	    (msg->msg_iov == NULL && msg->msg_iovlen != 0))
 		return OST_TX_KERNEL;
-	if (to != NULL &&
-	    (!ost_addr_fits(up, to, msg->msg_namelen) ||
-		!ost_to_peer_locked(up, to, false)))
+	if (to == NULL ? !up->uost_connected :
+			 !ost_addr_fits(up, to, msg->msg_namelen) ||
+		    !ost_to_peer_locked(up, to, false))
 		return OST_TX_KERNEL;
 	for (size_t i = 0; i < msg->msg_iovlen; i++) {
 		*total += msg->msg_iov[i].iov_len;
-		if (*total > ost_max_payload(up))
+		/* No datagram is larger; the sum must not wrap either. */
+		if (*total > IP_MAXPACKET)
 			return OST_TX_KERNEL;
 	}
 	return ost_send_peer_locked(up, msg->msg_iov, (int)msg->msg_iovlen,
@@ -284,6 +397,7 @@ ost_sendmsg_locked(uost_t *up, const struct msghdr *msg, size_t *total)
 ssize_t
 ost_sendmsg_call(int sd, const struct msghdr *msg, int flags)
 {
+	ost_tx_wait_t w = {};
 	uost_t *up;
 	size_t total;
 	ost_tx_t r;
@@ -291,7 +405,9 @@ ost_sendmsg_call(int sd, const struct msghdr *msg, int flags)
 	if (msg == NULL || (up = ost_find_sd(sd)) == NULL)
 		return real_sendmsg(sd, msg, flags);
 	(void)pthread_mutex_lock(&up->uost_lock);
-	r = ost_sendmsg_locked(up, msg, &total);
+	do
+		r = ost_sendmsg_locked(up, msg, &total);
+	while (ost_tx_again(up, flags, &w, &r));
 	ost_release_locked(up);
 	(void)pthread_mutex_unlock(&up->uost_lock);
 	if (r != OST_TX_KERNEL)
@@ -318,20 +434,19 @@ ost_sendmmsg_call(int sd, struct mmsghdr *vec, unsigned int vlen, int flags)
 		}
 	}
 	for (; sent < vlen; sent++) {
+		ost_tx_wait_t w = {};
 		size_t total;
 		ssize_t n;
 		ost_tx_t r;
 
 		(void)pthread_mutex_lock(&up->uost_lock);
-		r = ost_sendmsg_locked(up, &vec[sent].msg_hdr, &total);
+		do
+			r = ost_sendmsg_locked(up, &vec[sent].msg_hdr, &total);
+		while (ost_tx_again(up, flags, &w, &r));
 		(void)pthread_mutex_unlock(&up->uost_lock);
-		if (r == OST_TX_FAILED) {
-			errno = EIO;
-			break;
-		}
-		n = r == OST_TX_SENT ?
-		    (ssize_t)total :
-		    real_sendmsg(sd, &vec[sent].msg_hdr, flags);
+		n = r == OST_TX_KERNEL ?
+		    real_sendmsg(sd, &vec[sent].msg_hdr, flags) :
+		    ost_tx_result(r, total);
 		if (n == -1)
 			break;
 		vec[sent].msg_len = (unsigned int)n;

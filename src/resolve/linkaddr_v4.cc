@@ -4,14 +4,13 @@
  *
  * Linux keeps no neighbour entries for its own addresses, so those are
  * answered from the interface list with the interface's own address.  A
- * neighbour comes from the neighbour table; when the table has no complete
- * entry, one TCP connection attempt to port 1 makes the kernel resolve the
- * address (a refusal is as good as a connection: either way the address
- * answered), and the table is asked once more.
+ * neighbour comes from the neighbour table's complete entry, or not at
+ * all: nothing here makes the kernel resolve it.  The transmit path sends
+ * through the kernel meanwhile, which resolves the next hop as it
+ * delivers, and takes the bypass once the entry appears.
  */
 #include <arpa/inet.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -22,9 +21,6 @@
 #include "os/log.h"
 #include "resolve/netlink.h"
 #include "resolve/resolve.h"
-
-/* How long the provoking connection attempt may take. */
-#define OST_TMP_CONNECT_MS 500
 
 typedef enum {
 	OWN_NO = 0,
@@ -90,10 +86,10 @@ static bool
 get_eaddr_v4(const struct in_addr *addr, struct ether_addr *ether,
     uint32_t *if_index, char *if_name)
 {
-	bool provoked = false;
 	char name[IF_NAMESIZE];
 	ost_nl_neigh_t nb;
 	ost_nl_t nl;
+	ost_nl_status_t st;
 
 	if (addr == NULL || ether == NULL || if_index == NULL)
 		return false;
@@ -109,30 +105,20 @@ get_eaddr_v4(const struct in_addr *addr, struct ether_addr *ether,
 		ost_debug("socket: %d\n", errno);
 		return false;
 	}
-	for (;;) {
-		if (ost_nl_neigh_query(&nl, AF_INET, addr, 0, &nb) ==
-		    OST_NL_ERROR) {
-			ost_debug("RTM_GETNEIGH: %d\n", nb.nn_error);
-			goto fail;
-		}
-		if (nb.nn_complete)
-			break;
-		if (!nb.nn_found) {
-			char text[INET_ADDRSTRLEN];
-
-			ost_debug("no neighbour entry: %s\n",
-			    inet_ntop(AF_INET, addr, text, sizeof(text)));
-			if (provoked)
-				goto fail;
-		} else if (provoked) {
-			ost_debug("neighbour entry incomplete\n");
-			goto fail;
-		}
-		if (!ost_tmp_connect(AF_INET, addr))
-			goto fail;
-		provoked = true;
-	}
+	st = ost_nl_neigh_query(&nl, AF_INET, addr, 0, &nb);
 	ost_nl_close(&nl);
+	if (st == OST_NL_ERROR) {
+		ost_debug("RTM_GETNEIGH: %d\n", nb.nn_error);
+		return false;
+	}
+	if (!nb.nn_complete) {
+		char text[INET_ADDRSTRLEN];
+
+		ost_debug("neighbour %s: %s\n",
+		    inet_ntop(AF_INET, addr, text, sizeof(text)),
+		    nb.nn_found ? "incomplete" : "no entry");
+		return false;
+	}
 	/* Never more than the 6 bytes the output holds. */
 	if (nb.nn_lladdr_len != ETHER_ADDR_LEN) {
 		ost_debug("mismatched MAC address length: %d\n",
@@ -147,9 +133,6 @@ get_eaddr_v4(const struct in_addr *addr, struct ether_addr *ether,
 	}
 	memcpy(ether->ether_addr_octet, nb.nn_lladdr, ETHER_ADDR_LEN);
 	return true;
-fail:
-	ost_nl_close(&nl);
-	return false;
 }
 
 bool
@@ -159,89 +142,6 @@ ost_get_eaddr_v4(const struct in_addr *addr, struct ether_addr *ether,
 	ost_errno_keep keep;
 
 	return get_eaddr_v4(addr, ether, if_index, if_name);
-}
-
-/* The outcome of the attempt on fd, waiting until deadline. */
-static int
-tmp_connect_wait(int fd, hrtime_t deadline)
-{
-	for (;;) {
-		struct pollfd pfd = { fd, POLLOUT, 0 };
-		hrtime_t left = deadline - gethrtime();
-		socklen_t len = sizeof(int);
-		int err = 0, n;
-
-		if (left <= 0)
-			return ETIMEDOUT;
-		n = real_poll(&pfd, 1, (int)((left + 999999) / 1000000));
-		if (n < 0 && errno != EINTR)
-			return errno;
-		if (n <= 0)
-			continue;
-		if (real_getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) < 0)
-			return errno;
-		return err;
-	}
-}
-
-static bool
-tmp_connect(int family, const void *addr)
-{
-	struct sockaddr_storage ss;
-	socklen_t sslen;
-	struct linger lg = { 1, 0 };
-	hrtime_t deadline;
-	int fd, err;
-
-	memset(&ss, 0, sizeof(ss));
-	if (family == AF_INET) {
-		struct sockaddr_in *sin = (struct sockaddr_in *)&ss;
-
-		sin->sin_family = AF_INET;
-		sin->sin_port = htons(1);
-		memcpy(&sin->sin_addr, addr, sizeof(sin->sin_addr));
-		sslen = sizeof(*sin);
-	} else if (family == AF_INET6) {
-		struct sockaddr_in6 *sin6 = (struct sockaddr_in6 *)&ss;
-
-		sin6->sin6_family = AF_INET6;
-		sin6->sin6_port = htons(1);
-		memcpy(&sin6->sin6_addr, addr, sizeof(sin6->sin6_addr));
-		sslen = sizeof(*sin6);
-	} else {
-		return false;
-	}
-	/* Non-blocking, so that the wait below is what bounds the attempt. */
-	fd = real_socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC,
-	    IPPROTO_TCP);
-	if (fd < 0) {
-		ost_debug("socket: %d\n", errno);
-		return false;
-	}
-	/* Closing then aborts whatever the attempt reached, leaving nothing
-	 * behind on either side. */
-	if (real_setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof(lg)) < 0) {
-		ost_debug("setsockopt: %d\n", errno);
-		(void)real_close(fd);
-		return false;
-	}
-	deadline = gethrtime() + (hrtime_t)OST_TMP_CONNECT_MS * 1000000;
-	err = real_connect(fd, (struct sockaddr *)&ss, sslen) == 0 ? 0 : errno;
-	if (err == EINPROGRESS)
-		err = tmp_connect_wait(fd, deadline);
-	(void)real_close(fd);
-	if (err == 0 || err == ECONNREFUSED)
-		return true;
-	ost_debug("connect: %d\n", err);
-	return false;
-}
-
-bool
-ost_tmp_connect(int family, const void *addr)
-{
-	ost_errno_keep keep;
-
-	return tmp_connect(family, addr);
 }
 
 bool

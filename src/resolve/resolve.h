@@ -8,14 +8,16 @@
  * the reason in the debug log.  None of them sets errno for its caller, and
  * every socket or list one opens is released before it returns.  None keeps
  * shared state, so any number of threads may call them at once.  A call
- * can block: up to 1 s for a lost netlink answer, and ost_get_eaddr_v4 up
- * to 500 ms more while it provokes address resolution.
+ * can block up to 1 s for a lost netlink answer, but never provokes
+ * neighbour resolution: an unresolved next hop is the kernel's to resolve
+ * as it sends, and the watch below says when its entry appears.
  */
 #ifndef OST_RESOLVE_RESOLVE_H
 #define OST_RESOLVE_RESOLVE_H
 
 #include <net/ethernet.h>
 #include <netinet/in.h>
+#include <stddef.h>
 #include <stdint.h>
 
 #define OST_IFNAME_SIZE 32 /* interface names, with room to spare */
@@ -40,9 +42,8 @@ bool ost_get_route_v6(const struct in6_addr *dst, uint32_t *if_index,
 
 /*
  * The Ethernet address of addr: the interface's own address when addr is
- * one of this host's, else the neighbour table's complete entry, provoking
- * resolution once with ost_tmp_connect when there is none.  Writes the
- * interface's index and, unless if_name (32 bytes) is null, its name.
+ * one of this host's, else the neighbour table's complete entry.  Writes
+ * the interface's index and, unless if_name (32 bytes) is null, its name.
  */
 bool ost_get_eaddr_v4(const struct in_addr *addr, struct ether_addr *ether,
     uint32_t *if_index, char *if_name);
@@ -52,13 +53,6 @@ bool ost_get_eaddr_v4(const struct in_addr *addr, struct ether_addr *ether,
  * source address of frames sent through that interface.
  */
 bool ost_if_addr_v4(const char *if_name, struct in_addr *addr);
-
-/*
- * A TCP connection attempt to port 1 of addr (struct in_addr for AF_INET,
- * struct in6_addr for AF_INET6), given up after 500 ms.  true when the
- * address answered, by accepting or refusing.
- */
-bool ost_tmp_connect(int family, const void *addr);
 
 /*
  * One IPv6 address of interface if_index and the interface's name (32
@@ -89,5 +83,26 @@ bool ost_get_eaddr_v6(const struct in6_addr *addr, struct ether_addr *ether,
 
 /* The MTU of interface if_name, or 0 when the kernel does not say. */
 uint32_t ost_if_mtu(const char *if_name);
+
+/*
+ * The watch over the kernel's link, address, route and neighbour tables
+ * (resolve/watch.cc): a generation that changes whenever a destination
+ * resolved before may no longer be right.  ost_watch_gen costs a clock
+ * read and a load, plus, at most every OST_WATCH_POLL_NS in the whole
+ * process, a read of the watch's socket that never waits.
+ */
+#define OST_WATCH_POLL_NS (2 * 1000 * 1000)
+uint32_t ost_watch_gen(void);
+/* A next hop resolved to mac: its table entry walking through states
+ * with the same address is not news. */
+void ost_watch_note_neigh(int family, uint32_t ifindex, const void *addr,
+    const struct ether_addr *mac);
+/*
+ * For tests: one buffer of rtnetlink messages, as if read; a start that
+ * forgets the neighbours seen, frozen: the kernel's own news ignored, so
+ * that only ost_watch_feed moves the generation.
+ */
+void ost_watch_feed(const void *buf, size_t len);
+void ost_watch_reset(bool frozen);
 
 #endif /* OST_RESOLVE_RESOLVE_H */

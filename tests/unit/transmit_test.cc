@@ -2,6 +2,10 @@
  * kernel socket on loopback: fallback datagrams arrive there, bypass ones
  * only in the double's transmit queue. */
 #include <errno.h>
+#include <fcntl.h>
+#include <linux/neighbour.h>
+#include <linux/rtnetlink.h>
+#include <pthread.h>
 #include <sys/uio.h>
 
 #include "recv_frames.h"
@@ -23,6 +27,7 @@ struct Transmit : ::testing::TestWithParam<int> {
 	{
 		v6_ = GetParam() == AF_INET6;
 		ost_test_init();
+		ost_watch_reset(true);
 		frio_mem_reset();
 		send_busy_wait_cnt = 15;
 		peer_ = bound_udp_socket(GetParam(), &peer_addr_);
@@ -36,6 +41,10 @@ struct Transmit : ::testing::TestWithParam<int> {
 		ost_tpl_set_dst_mac(s.up, (const struct ether_addr *)kDstMac);
 		pthread_mutex_unlock(&s.up->uost_lock);
 		set_peer(loop_);
+		pthread_mutex_lock(&s.up->uost_lock);
+		s.up->uost_connected = s.up->uost_dst_ok = true;
+		s.up->uost_dst_gen = ost_watch_gen();
+		pthread_mutex_unlock(&s.up->uost_lock);
 	}
 
 	void TearDown() override
@@ -48,6 +57,7 @@ struct Transmit : ::testing::TestWithParam<int> {
 		close(peer_), close(other_);
 		EXPECT_EQ(frio_mem_open_count(), 0);
 		send_busy_wait_cnt = 15;
+		ost_watch_reset(false);
 	}
 
 	static in_port_t port_of(const struct sockaddr_storage *ss)
@@ -97,40 +107,51 @@ struct Transmit : ::testing::TestWithParam<int> {
 	}
 };
 
-/* The unicast option shapes frames to a unicast peer, the multicast one
- * frames to a group; -1 is the default, a refused value changes nothing. */
-TEST_P(Transmit, HopOptionsReachTheFrame)
+/* Frames carry the TTL or hop limit the kernel socket reports after each
+ * option: the value set, or for -1 the kernel's default (1 for groups);
+ * a refused value changes nothing. */
+TEST_P(Transmit, HopOptionsFollowTheKernel)
 {
 	int lvl = v6_ ? IPPROTO_IPV6 : IPPROTO_IP;
 	int uc = v6_ ? IPV6_UNICAST_HOPS : IP_TTL;
 	int mc = v6_ ? IPV6_MULTICAST_HOPS : IP_MULTICAST_TTL;
-	const struct { int name, value, ret, hops; } steps[] = {
-		{ uc, 9, 0, 9 }, { mc, 3, 0, 9 }, { uc, 300, -1, 9 },
-		{ uc, -1, 0, 64 },
+	struct in6_addr group;
+	inet_pton(AF_INET6, v6_ ? "ff0e::1" : "::ffff:239.1.1.1", &group);
+	const struct { bool group; int name, value, ret; } steps[] = {
+		{ false, uc, 9, 0 }, { false, mc, 3, 0 }, { false, uc, 300, -1 },
+		{ false, uc, -1, 0 }, { true, mc, 4, 0 }, { true, uc, 7, 0 },
+		{ true, mc, -1, 0 }, { true, mc, 256, -1 },
 	};
+	int off = 0;	/* group frames take the bypass only without loop */
+	ASSERT_EQ(ost_setsockopt(s.fd, lvl, v6_ ? IPV6_MULTICAST_LOOP :
+	    IP_MULTICAST_LOOP, &off, 4), 0);
 	for (const auto &st : steps) {
+		if (st.group) {
+			set_peer(group);
+			s.up->uost_peer_group = true;
+		}
 		EXPECT_EQ(ost_setsockopt(s.fd, lvl, st.name, &st.value, 4),
 		    st.ret) << st.name << "=" << st.value;
+		int kernel = -2;
+		socklen_t len = sizeof (kernel);
+		ASSERT_EQ(getsockopt(s.fd, lvl, st.group ? mc : uc, &kernel,
+		    &len), 0);
 		ASSERT_EQ(ost_send_call(s.fd, "h", 1, 0), 1);
-		EXPECT_EQ(hops_of(pop_frame()), st.hops) << st.value;
+		EXPECT_EQ(hops_of(pop_frame()), kernel) << st.value;
+		if (st.name == mc && st.value == -1) {
+			EXPECT_EQ(kernel, 1);
+		}
 	}
 	if (!v6_) {	/* IPv4 also takes a single byte, and the TOS */
 		unsigned char byte = 5;
 		int tos = 0x10;
-		ASSERT_EQ(ost_setsockopt(s.fd, lvl, IP_TTL, &byte, 1), 0);
+		ASSERT_EQ(ost_setsockopt(s.fd, lvl, IP_MULTICAST_TTL, &byte, 1),
+		    0);
 		ASSERT_EQ(ost_setsockopt(s.fd, lvl, IP_TOS, &tos, 4), 0);
 		ASSERT_EQ(ost_send_call(s.fd, "h", 1, 0), 1);
 		auto f = pop_frame();
 		EXPECT_TRUE(hops_of(f) == 5 && f[15] == 0x10);
 	}
-
-	struct in6_addr group;
-	inet_pton(AF_INET6, v6_ ? "ff0e::1" : "::ffff:239.1.1.1", &group);
-	set_peer(group);
-	int four = 4;
-	ASSERT_EQ(ost_setsockopt(s.fd, lvl, mc, &four, 4), 0);
-	ASSERT_EQ(ost_send_call(s.fd, "g", 1, 0), 1);
-	EXPECT_EQ(hops_of(pop_frame()), 4);
 }
 
 TEST_P(Transmit, PayloadAboveTheMtuGoesToTheKernel)
@@ -148,18 +169,66 @@ TEST_P(Transmit, PayloadAboveTheMtuGoesToTheKernel)
 	}
 }
 
-TEST_P(Transmit, FullRingIsRetriedWithinTheAttemptBudget)
+/* A full ring is a full send buffer: a blocking socket waits for room,
+ * up to SO_SNDTIMEO; a non-blocking one, or MSG_DONTWAIT, gets EAGAIN. */
+TEST_P(Transmit, FullRingBlocksOrSaysEagainAsTheKernel)
 {
-	frio_mem_fail_tx(s.hdl, 2);
+	frio_mem_fail_tx(s.hdl, 2);	/* within the spins */
 	EXPECT_EQ(ost_send_call(s.fd, "abc", 3, 0), 3);
 	EXPECT_EQ(pop_frame().size(), hdr_len() + 3);
+	frio_mem_fail_tx(s.hdl, 200);	/* well past them: a wait */
+	EXPECT_EQ(ost_write_call(s.fd, "abcd", 4), 4);
+	EXPECT_EQ(pop_frame().size(), hdr_len() + 4);
 
-	/* Budget spent: EIO, nothing sent. */
-	send_busy_wait_cnt = 1;
-	frio_mem_fail_tx(s.hdl, 1);
-	EXPECT_EQ(ost_send_call(s.fd, "abc", 3, 0), -1);
-	EXPECT_EQ(errno, EIO);
+	frio_mem_fail_tx(s.hdl, 1000000);
+	errno = 0;
+	EXPECT_EQ(ost_send_call(s.fd, "x", 1, MSG_DONTWAIT), -1);
+	EXPECT_EQ(errno, EAGAIN);
+	ASSERT_EQ(fcntl(s.fd, F_SETFL, O_NONBLOCK), 0);
+	ost_note_fl_change(s.fd, F_SETFL, O_NONBLOCK);
+	errno = 0;
+	EXPECT_EQ(sendto_("x", peer(), s.addr_len()), -1);
+	EXPECT_EQ(errno, EAGAIN);
+	ASSERT_EQ(fcntl(s.fd, F_SETFL, 0), 0);
+	ost_note_fl_change(s.fd, F_SETFL, 0);
+	struct timeval tv = { 0, 30000 };
+	ASSERT_EQ(ost_setsockopt(s.fd, SOL_SOCKET, SO_SNDTIMEO, &tv,
+	    sizeof (tv)), 0);
+	hrtime_t t0 = gethrtime();
+	errno = 0;
+	struct iovec iov = { (void *)"m", 1 };
+	struct msghdr msg = { nullptr, 0, &iov, 1, nullptr, 0, 0 };
+	EXPECT_EQ(ost_sendmsg_call(s.fd, &msg, 0), -1);
+	EXPECT_EQ(errno, EAGAIN);
+	EXPECT_GE(gethrtime() - t0, 30 * 1000 * 1000);
 	frio_mem_fail_tx(s.hdl, 0);
+	EXPECT_EQ(frio_mem_tx_pending(s.hdl), 0);
+	char c;	/* nothing went around (loopback delivers at once) */
+	EXPECT_EQ(recv(peer_, &c, 1, MSG_DONTWAIT), -1);
+}
+
+/* A sender waiting for room holds a reference: a close on another thread
+ * must not wait for the ring, and the waiter gets the kernel's answer. */
+TEST_P(Transmit, CloseEndsAWaitForRoom)
+{
+	frio_mem_fail_tx(s.hdl, 1000000);
+	struct W { int fd; ssize_t n; int err; } w = { s.fd, 0, 0 };
+	pthread_t t;
+	ASSERT_EQ(pthread_create(&t, nullptr, [](void *a) -> void * {
+		W *w = (W *)a;
+		w->n = ost_send_call(w->fd, "late", 4, 0);
+		w->err = errno;
+		return nullptr;
+	}, &w), 0);
+	while (refcnt_of(s.up) < 2)
+		usleep(1000);
+	usleep(5000);
+	EXPECT_EQ(ost_close(s.fd), 0);
+	pthread_join(t, nullptr);
+	EXPECT_EQ(w.n, -1);
+	EXPECT_EQ(w.err, EBADF);
+	s.fd = -1, s.up = nullptr;
+	frio_mem_fail_tx(nullptr, 0);
 }
 
 /* Another peer, a short address, another family: the kernel's; for IPv6
@@ -171,6 +240,33 @@ TEST_P(Transmit, OnlyTheCachedPeerTakesTheBypass)
 	EXPECT_EQ(sendto_("A", peer(), s.addr_len()), 1);	/* peer kept */
 	EXPECT_EQ(pop_frame().size(), hdr_len() + 1);
 	EXPECT_EQ(sendto_("N", nullptr, 0), 1);
+	EXPECT_EQ(pop_frame().size(), hdr_len() + 1);
+
+	/* The same peer, learnt by a sendto on a socket the kernel has not
+	 * connected: a call without an address is the kernel's to refuse. */
+	int plain = socket(GetParam(), SOCK_DGRAM, 0);
+	errno = 0;
+	ASSERT_EQ(real_send(plain, "d", 1, 0), -1);
+	int kerr = errno;
+	close(plain);
+	EXPECT_EQ(kerr, EDESTADDRREQ);
+	const struct sockaddr_in6 any = {};
+	pthread_mutex_lock(&s.up->uost_lock);
+	s.up->uost_connected = false;
+	pthread_mutex_unlock(&s.up->uost_lock);
+	ASSERT_EQ(real_connect(s.fd, (const struct sockaddr *)&any,
+	    sizeof (sa_family_t)), 0);	/* AF_UNSPEC: no longer connected */
+	struct iovec one = { (void *)"d", 1 };
+	struct msghdr none = { nullptr, 0, &one, 1, nullptr, 0, 0 };
+	for (int call = 0; call < 4; call++) {
+		errno = 0;
+		EXPECT_EQ(call == 0 ? ost_send_call(s.fd, "d", 1, 0) :
+		    call == 1 ? ost_write_call(s.fd, "d", 1) :
+		    call == 2 ? ost_sendmsg_call(s.fd, &none, 0) :
+		    sendto_("d", nullptr, 0), -1) << call;
+		EXPECT_EQ(errno, kerr) << call;
+	}
+	EXPECT_EQ(sendto_("A", peer(), s.addr_len()), 1);
 	EXPECT_EQ(pop_frame().size(), hdr_len() + 1);
 	if (!v6_)
 		return;
@@ -249,7 +345,115 @@ TEST_P(Transmit, BatchesDecidePerMessage)
 	EXPECT_EQ(kernel_got(other_), "two");
 }
 
+/* A change of the kernel's tables sends the peer through the set-up again:
+ * this one (loopback) cannot take the bypass, so the kernel sends. */
+TEST_P(Transmit, ChangedTablesResolveThePeerAgain)
+{
+	const struct nlmsghdr route = { NLMSG_HDRLEN, RTM_NEWROUTE, 0, 0, 0 };
+
+	ASSERT_EQ(ost_send_call(s.fd, "a", 1, 0), 1);
+	EXPECT_EQ(pop_frame(), want("a"));
+	ost_watch_feed(&route, sizeof (route));
+	ASSERT_EQ(ost_send_call(s.fd, "b", 1, 0), 1);
+	EXPECT_EQ(kernel_got(peer_), "b");
+	EXPECT_EQ(frio_mem_tx_pending(s.hdl), 0);
+}
+
 INSTANTIATE_TEST_SUITE_P(Families, Transmit,
     ::testing::Values(AF_INET, AF_INET6), family_name);
+
+/* rtnetlink messages as the watch reads them. */
+struct NlBuf {
+	std::vector<uint8_t> b;
+
+	NlBuf &msg(uint16_t type, const void *body, size_t len)
+	{
+		struct nlmsghdr h = { (uint32_t)(NLMSG_HDRLEN + len), type, 0,
+		    0, 0 };
+		size_t at = b.size();
+		b.resize(at + NLMSG_ALIGN(h.nlmsg_len));
+		memcpy(&b[at], &h, sizeof (h));
+		memcpy(&b[at + NLMSG_HDRLEN], body, len);
+		return *this;
+	}
+	/* A neighbour entry for 10.0.0.dst on interface 3; mac 0: none. */
+	NlBuf &neigh(uint16_t type, uint8_t dst, uint16_t state, uint8_t mac)
+	{
+		std::vector<uint8_t> m(NLMSG_ALIGN(sizeof (struct ndmsg)));
+		struct ndmsg nd = {};
+		nd.ndm_family = AF_INET, nd.ndm_ifindex = 3;
+		nd.ndm_state = state;
+		memcpy(m.data(), &nd, sizeof (nd));
+		uint8_t a[4] = { 10, 0, 0, dst }, ll[6] = { 2, 0, 0, 0, 0, mac };
+		attr(m, NDA_DST, a, 4);
+		if (mac != 0)
+			attr(m, NDA_LLADDR, ll, 6);
+		return msg(type, m.data(), m.size());
+	}
+	static void attr(std::vector<uint8_t> &m, uint16_t type,
+	    const void *p, size_t len)
+	{
+		struct rtattr a = { (unsigned short)RTA_LENGTH(len), type };
+		size_t at = m.size();
+		m.resize(at + RTA_SPACE(len));
+		memcpy(&m[at], &a, sizeof (a));
+		memcpy(&m[at + RTA_LENGTH(0)], p, len);
+	}
+};
+
+/* Which messages move the generation: the neighbour table's walk through
+ * states with the same address does not; a new or changed address, an
+ * entry a destination used going away, any link, address or route change
+ * does.  Broken messages move nothing and read nothing past the buffer. */
+TEST(Watch, OnlyNewsMovesTheGeneration)
+{
+	struct in_addr nh = { htonl(0x0a000001) };
+	struct ether_addr mac = { { 2, 0, 0, 0, 0, 1 } };
+	const struct {
+		NlBuf buf;
+		bool bump;
+		const char *what;
+	} steps[] = {
+		{ NlBuf().neigh(RTM_NEWNEIGH, 1, NUD_STALE, 1), false, "same" },
+		{ NlBuf().neigh(RTM_NEWNEIGH, 1, NUD_PROBE, 1), false, "probe" },
+		{ NlBuf().neigh(RTM_NEWNEIGH, 1, NUD_REACHABLE, 7), true,
+		    "changed" },
+		{ NlBuf().neigh(RTM_NEWNEIGH, 1, NUD_DELAY, 7), false, "again" },
+		{ NlBuf().neigh(RTM_NEWNEIGH, 2, NUD_INCOMPLETE, 0), false,
+		    "resolving" },
+		{ NlBuf().neigh(RTM_NEWNEIGH, 2, NUD_REACHABLE, 9), true,
+		    "resolved" },
+		{ NlBuf().neigh(RTM_NEWNEIGH, 1, NUD_FAILED, 0), true, "failed" },
+		{ NlBuf().neigh(RTM_DELNEIGH, 1, NUD_FAILED, 0), false,
+		    "forgotten" },
+		{ NlBuf().neigh(RTM_DELNEIGH, 2, NUD_STALE, 9), true, "deleted" },
+		{ NlBuf().neigh(RTM_NEWNEIGH, 3, NUD_STALE, 4).msg(RTM_NEWLINK,
+		      "", 0), true, "link" },
+		{ NlBuf().msg(RTM_DELADDR, "", 0), true, "address" },
+		{ NlBuf().msg(RTM_NEWROUTE, "", 0), true, "route" },
+		{ NlBuf().msg(NLMSG_DONE, "", 0), false, "other" },
+	};
+
+	ost_watch_reset(true);
+	ost_watch_note_neigh(AF_INET, 3, &nh, &mac);
+	for (const auto &st : steps) {
+		uint32_t g = ost_watch_gen();
+		ost_watch_feed(st.buf.b.data(), st.buf.b.size());
+		EXPECT_EQ(ost_watch_gen() != g, st.bump) << st.what;
+	}
+	/* A message longer than the buffer, an attribute longer than its
+	 * message: cut short, each would be a route message. */
+	NlBuf route;
+	route.msg(RTM_NEWROUTE, "abcd", 4);
+	NlBuf neigh;
+	neigh.neigh(RTM_NEWNEIGH, 5, NUD_REACHABLE, 5);
+	neigh.b[NLMSG_HDRLEN + NLMSG_ALIGN(sizeof (struct ndmsg))] = 200;
+	uint32_t g = ost_watch_gen();
+	ost_watch_feed(route.b.data(), route.b.size() - 1);
+	ost_watch_feed(neigh.b.data(), neigh.b.size());
+	ost_watch_feed(route.b.data(), NLMSG_HDRLEN - 1);
+	EXPECT_EQ(ost_watch_gen(), g);
+	ost_watch_reset(false);
+}
 
 } // namespace
