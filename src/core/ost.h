@@ -133,6 +133,11 @@ typedef struct uost_s {
 	 */
 	uint32_t uost_dst_gen;
 	bool uost_dst_ok;
+	/* shutdown() closed the sending side: the kernel answers sends. */
+	bool uost_shut_wr;
+	/* When a send of a connected socket next asks the kernel socket
+	 * for a pending error (an ICMP error the kernel reports on send). */
+	hrtime_t uost_err_due;
 } uost_t;
 
 /* One registry bucket, padded so that neighbours' locks do not share a line. */
@@ -229,6 +234,7 @@ void ost_note_fl_change(int fd, int cmd, unsigned long arg);
 int ost_dup_call(int oldfd, int newfd, int flags, int (*dup3fn)(int, int, int));
 void ost_note_dup(int oldfd);
 void ost_note_fionbio(int fd, unsigned long request, const void *argp);
+int ost_shutdown_call(int fd, int how);
 
 /* Bind and connect. */
 int ost_bind_call(int fd, const struct sockaddr *addr, socklen_t len);

@@ -314,8 +314,11 @@ ost_pollset_collect(ost_pollset_t *ps, struct pollfd *fds, nfds_t nfds,
 	for (nfds_t i = 0; ps->ps_nb != 0 && i < nfds; i++)
 		fds[i].revents = ps->ps_kfds[i].revents;
 	for (nfds_t j = 0; j < ps->ps_nb; j++) {
+		struct pollfd *pfd = &fds[ps->ps_tbl[j].idx];
+
+		/* Only the bits asked for, as the kernel answers. */
 		if (ps->ps_ready[j])
-			fds[ps->ps_tbl[j].idx].revents |= OST_POLL_READ;
+			pfd->revents |= pfd->events & OST_POLL_READ;
 	}
 	for (nfds_t i = 0; i < nfds; i++)
 		ret += fds[i].revents != 0;
@@ -430,7 +433,7 @@ restart:
 
 			if ((pfd->events & OST_POLL_READ) &&
 			    ost_rx_ready(tbl[i].up, true))
-				rev |= OST_POLL_READ;
+				rev |= pfd->events & OST_POLL_READ;
 			if (pfd->events & POLLOUT)
 				rev |= POLLOUT;
 			pfd->revents = rev;

@@ -646,15 +646,14 @@ ost_recvmsg_call(int fd, struct msghdr *msg, int flags)
 /*
  * Linux's batch receive.  Each datagram is counted in its own entry, an
  * empty one too; with a time-out the time left is written back, as the
- * kernel does, once at least one datagram has arrived.  Each datagram's
- * wait is bounded by SO_RCVTIMEO as well, and a batch by the kernel's
- * UIO_MAXIOV entries.
+ * kernel does, once at least one datagram has arrived.  A batch is cut
+ * to the kernel's UIO_MAXIOV entries.
  */
 int
 ost_recvmmsg_call(int fd, struct mmsghdr *vec, unsigned int vlen, int flags,
     struct timespec *timeout)
 {
-	hrtime_t t = 0, deadline = 0;
+	hrtime_t deadline = 0;
 	unsigned int count = 0;
 	int saved_errno = errno;
 	uost_t *up;
@@ -674,42 +673,35 @@ ost_recvmmsg_call(int fd, struct mmsghdr *vec, unsigned int vlen, int flags,
 	up = ost_recv_record(fd, flags);
 	if (up == NULL)
 		return real_recvmmsg(fd, vec, vlen, flags, timeout);
+	/*
+	 * As the kernel's: each datagram waits as a recvmsg on the socket
+	 * would (SO_RCVTIMEO, or for ever), and the time-out is looked at
+	 * only after each one arrived.
+	 */
 	if (timeout != NULL) {
-		t = timeout->tv_sec > (INT64_MAX - NANOSEC) / NANOSEC ?
+		hrtime_t t = timeout->tv_sec > (INT64_MAX - NANOSEC) / NANOSEC ?
 		    INT64_MAX - NANOSEC :
 		    (hrtime_t)timeout->tv_sec * NANOSEC;
+
 		t += timeout->tv_nsec;
-		if (t <= 0) {
-			ost_release(up);
-			errno = EAGAIN;
-			return -1;
-		}
 		deadline = gethrtime();
 		deadline = t > INT64_MAX - deadline ? INT64_MAX : deadline + t;
 	}
 	while (count < vlen) {
-		hrtime_t rcvtimeo = ost_rcvtimeo(up);
 		ssize_t r;
 
-		if (rcvtimeo != 0 && (t == 0 || rcvtimeo < t))
-			t = rcvtimeo;
 		if ((flags & MSG_WAITFORONE) && count >= 1)
 			flags = (flags & ~MSG_WAITFORONE) | MSG_DONTWAIT;
 		/* The engine gives one reference back per datagram. */
 		ost_hold(up);
-		r = ost_recvmsg(up, &vec[count].msg_hdr, flags, t);
+		r = ost_recvmsg(up, &vec[count].msg_hdr, flags,
+		    ost_rcvtimeo(up));
 		if (r < 0)
 			break;
 		vec[count].msg_len = (unsigned int)r;
 		count++;
-		if (deadline != 0) {
-			hrtime_t left = deadline - gethrtime();
-
-			if (left <= 0)
-				break;
-			if (left < t)
-				t = left;
-		}
+		if (timeout != NULL && gethrtime() >= deadline)
+			break;
 	}
 	ost_release(up);
 	if (count == 0)

@@ -112,6 +112,27 @@ ost_note_fionbio(int fd, unsigned long request, const void *argp)
 }
 
 /*
+ * The kernel socket keeps the state: a receive sees a shut reading side
+ * there, and a send after the sending side was shut goes to the kernel,
+ * which answers EPIPE.
+ */
+int
+ost_shutdown_call(int fd, int how)
+{
+	int r = real_shutdown(fd, how);
+	uost_t *up;
+
+	if (r != 0 || (how != SHUT_WR && how != SHUT_RDWR) ||
+	    (up = ost_find_sd(fd)) == NULL)
+		return r;
+	(void)pthread_mutex_lock(&up->uost_lock);
+	up->uost_shut_wr = true;
+	ost_release_locked(up);
+	(void)pthread_mutex_unlock(&up->uost_lock);
+	return r;
+}
+
+/*
  * A bypass socket that gets a second descriptor leaves the bypass: its
  * record is one descriptor's, and every copy must keep working whichever
  * is closed first.  What its handle still holds goes back to the kernel

@@ -93,6 +93,26 @@ ost_transmit_locked(uost_t *up, const struct iovec *iov, int iovcnt,
 }
 
 /*
+ * A connected socket's kernel socket holds the errors ICMP brought back
+ * (ECONNREFUSED ...), which the kernel reports on the next send.  Asked
+ * at most every OST_ERR_CHECK_NS: an error met between two looks is as
+ * if the ICMP message had come a little later.
+ */
+#define OST_ERR_CHECK_NS (1000 * 1000)
+
+static bool
+ost_error_pending_locked(uost_t *up)
+{
+	struct pollfd pfd = { up->uost_sd, 0, 0 };
+	hrtime_t now;
+
+	if (!up->uost_connected || (now = gethrtime()) < up->uost_err_due)
+		return false;
+	up->uost_err_due = now + OST_ERR_CHECK_NS;
+	return real_poll(&pfd, 1, 0) == 1 && (pfd.revents & POLLERR);
+}
+
+/*
  * A datagram to the cached peer; uost_lock held.  The peer's facts are
  * resolved again first if the kernel's tables changed since.
  */
@@ -106,6 +126,8 @@ ost_send_peer_locked(uost_t *up, const struct iovec *iov, int iovcnt,
 		ost_debug("%d: no peer on the bypass\n", up->uost_sd);
 		return OST_TX_KERNEL;
 	}
+	if (up->uost_shut_wr || ost_error_pending_locked(up))
+		return OST_TX_KERNEL;
 	gen = ost_watch_gen();
 	if (gen != up->uost_dst_gen)
 		ost_dst_refresh_locked(up, gen);

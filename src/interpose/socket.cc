@@ -126,6 +126,16 @@ ioctl(int fd, unsigned long request, ...)
 }
 
 OST_EXPORT int
+shutdown(int fd, int how)
+{
+	ost_call call;
+
+	if (call.nested())
+		return call.ret(real_shutdown(fd, how));
+	return call.ret(ost_shutdown_call(fd, how));
+}
+
+OST_EXPORT int
 bind(int fd, const struct sockaddr *addr, socklen_t len)
 {
 	ost_call call;

@@ -56,6 +56,7 @@ int (*real_posix_spawnp)(pid_t *, const char *,
     char *const[], char *const[]);
 int (*real_system)(const char *);
 FILE *(*real_popen)(const char *, const char *);
+int (*real_shutdown)(int, int);
 int (*real_sigaction)(int, const struct sigaction *, struct sigaction *);
 }
 
@@ -123,5 +124,6 @@ ost_libc_init(void)
 	lookup(&real_posix_spawnp, "posix_spawnp");
 	lookup(&real_system, "system");
 	lookup(&real_popen, "popen");
+	lookup(&real_shutdown, "shutdown");
 	lookup(&real_sigaction, "sigaction");
 }

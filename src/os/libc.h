@@ -73,6 +73,7 @@ extern int (*real_posix_spawnp)(pid_t *, const char *,
     char *const[], char *const[]);
 extern int (*real_system)(const char *);
 extern FILE *(*real_popen)(const char *, const char *);
+extern int (*real_shutdown)(int, int);
 extern int (*real_sigaction)(int, const struct sigaction *, struct sigaction *);
 }
 
