@@ -25,6 +25,7 @@
 
 #include "core/addr.h"
 #include "core/ost.h"
+#include "core/signals.h"
 #include "os/frio_loader.h"
 
 #define OST_BATCH_MAX 1024 /* larger batches go to the kernel whole */
@@ -154,6 +155,7 @@ typedef struct ost_tx_wait {
 	bool tw_started;
 	hrtime_t tw_deadline; /* 0: none */
 	hrtime_t tw_pause;
+	ost_sigcount_t tw_sigs; /* the handlers run when the wait began */
 } ost_tx_wait_t;
 
 /*
@@ -182,6 +184,7 @@ ost_tx_wait_locked(uost_t *up, int flags, ost_tx_wait_t *w)
 		w->tw_deadline =
 		    timeo == 0 || timeo > INT64_MAX - now ? 0 : now + timeo;
 		w->tw_pause = OST_TX_PAUSE_MIN_NS;
+		w->tw_sigs = ost_sig_snap();
 	} else if (w->tw_deadline != 0 && now >= w->tw_deadline) {
 		return OST_TX_AGAIN;
 	}
@@ -195,7 +198,10 @@ ost_tx_wait_locked(uost_t *up, int flags, ost_tx_wait_t *w)
 	(void)pthread_mutex_unlock(&up->uost_lock);
 	r = nanosleep(&ts, NULL);
 	(void)pthread_mutex_lock(&up->uost_lock);
-	if (r != 0 && errno == EINTR)
+	/* A handler ran: the kernel restarts the send for SA_RESTART, unless
+	 * the socket has a send time-out. */
+	if (r != 0 && errno == EINTR &&
+	    !ost_sig_restart(&w->tw_sigs, w->tw_deadline != 0))
 		return OST_TX_INTR;
 	return up->uost_closing ? OST_TX_KERNEL : OST_TX_RETRY;
 }
