@@ -79,6 +79,7 @@ ost_rx_ready(uost_t *up, bool validate, bool *fetched)
 				ost_debug("frame too long for the receive "
 					  "stash (len %lu): dropped\n",
 				    (unsigned long)rx.ur_pkt_len);
+				up->uost_rx_dropped++;
 			} else if (rx.ur_pkt_len != 0) {
 				memcpy(up->uost_recv_buf, frame, rx.ur_pkt_len);
 				up->uost_recv_buf_len = rx.ur_pkt_len;
@@ -267,7 +268,8 @@ ost_pollset_collect(ost_pollset_t *ps, struct pollfd *fds, nfds_t nfds,
 		fds[i].revents = ps->ps_kfds[i].revents;
 	for (nfds_t j = 0; j < ps->ps_nb; j++) {
 		if (ps->ps_ready[j])
-			fds[ps->ps_tbl[j].idx].revents |= OST_POLL_READ;
+			fds[ps->ps_tbl[j].idx].revents |=
+			    fds[ps->ps_tbl[j].idx].events & OST_POLL_READ;
 	}
 	for (nfds_t i = 0; i < nfds; i++)
 		ret += fds[i].revents != 0;
@@ -379,7 +381,7 @@ restart:
 
 			if ((pfd->events & OST_POLL_READ) &&
 			    ost_rx_ready(tbl[i].up, true))
-				rev |= OST_POLL_READ;
+				rev |= pfd->events & OST_POLL_READ;
 			if (pfd->events & POLLOUT)
 				rev |= POLLOUT;
 			pfd->revents = rev;
