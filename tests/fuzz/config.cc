@@ -26,6 +26,22 @@ const char *const kVars[] = { "_OSTREL_ERR_EXIT", "_OSTREL_SEND_BUSY_WAIT_CNT",
 const int kNVars = sizeof(kVars) / sizeof(kVars[0]);
 
 /*
+ * Sets a variable through a buffer of its own that the environment keeps
+ * pointing at: setenv would keep every value ever set, and a long run
+ * would end out of memory.
+ */
+void
+put(int i, const std::string &v)
+{
+	static char bufs[kNVars][4400];
+	int n =
+	    snprintf(bufs[i], sizeof(bufs[i]), "%s=%s", kVars[i], v.c_str());
+
+	FUZZ_CHECK(n > 0 && (size_t)n < sizeof(bufs[i]));
+	putenv(bufs[i]);
+}
+
+/*
  * The number a value starts with, as strtol reads it (leading blanks, a
  * sign, decimal digits), limited to an int's range; false when no digit
  * follows.
@@ -73,7 +89,7 @@ LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 		/* The environment holds no NUL inside a value. */
 		v = v.substr(0, v.find('\0'));
 		if (at <= in.size() && v != "-") {
-			setenv(kVars[i], v.c_str(), 1);
+			put(i, v);
 			set[i] = true;
 			vals[i] = v;
 		} else {
