@@ -7,6 +7,7 @@ set -euo pipefail
 packages=(
   cmake g++ make pkg-config libgtest-dev      # build and unit tests
   clang llvm libbpf-dev libxdp-dev libelf-dev zlib1g-dev  # AF_XDP backend
+  libclang-rt-14-dev                          # fuzz targets' runtimes
   iproute2 procps                             # namespaced test beds
   python3 socat sockperf nodejs               # unmodified programs
 )

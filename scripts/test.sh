@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every test: the plain build
 # (unit, ABI, integration and end-to-end tests), then the unit tests again
-# under AddressSanitizer and ThreadSanitizer.  Network tests need root; they
-# skip without it.
+# under AddressSanitizer and ThreadSanitizer, and a short run of the fuzz
+# targets.  Network tests need root; they skip without it.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh || exit 1
@@ -33,6 +33,20 @@ for san in address thread; do
   scripts/build.sh "build-$san" "$san" || exit 1
   run_ctest "build-$san" -L unit
 done
+
+# Received frames, netlink answers and the configuration under libFuzzer.
+secs=${OSTREL_FUZZ_SECONDS:-15}
+echo "== fuzz targets: $secs s each"
+mkdir -p build-fuzz
+scripts/fuzz.sh "$secs" 2>&1 | tee build-fuzz/run.log
+[ "${PIPESTATUS[0]}" -eq 0 ] || status=1
+line=$(grep -E '^fuzz: [0-9]+ passed, [0-9]+ failed$' build-fuzz/run.log | tail -1)
+if [ -n "$line" ]; then
+  read -r fp ff < <(sed -E 's/fuzz: ([0-9]+) passed, ([0-9]+) failed/\1 \2/' <<<"$line")
+  passed=$((passed + fp)) failed=$((failed + ff))
+else
+  failed=$((failed + 1))
+fi
 
 echo "ostrel: $passed passed, $failed failed"
 exit "$status"

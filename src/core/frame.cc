@@ -33,6 +33,10 @@ typedef struct ost_pkt_layout {
 	size_t pl_dst;
 	size_t pl_addr_len;
 	size_t pl_udp;         /* the UDP header */
+	size_t pl_udp_len_off; /* the UDP length is the IP length less this */
+	uint16_t pl_ethertype;
+	uint8_t pl_ver_mask; /* the IP header's first byte, masked... */
+	uint8_t pl_ver;      /* ...is this: the version, IPv4 without options */
 	uint8_t pl_group_mask; /* a group address's first byte, masked... */
 	uint8_t pl_group;      /* ...is this */
 } ost_pkt_layout_t;
@@ -48,6 +52,10 @@ static const ost_pkt_layout_t ost_layout_v4 = {
 	.pl_dst = 30,
 	.pl_addr_len = 4,
 	.pl_udp = 34,
+	.pl_udp_len_off = 20,
+	.pl_ethertype = 0x0800,
+	.pl_ver_mask = 0xff,
+	.pl_ver = 0x45,
 	.pl_group_mask = 0xf0,
 	.pl_group = 0xe0,
 };
@@ -62,6 +70,10 @@ static const ost_pkt_layout_t ost_layout_v6 = {
 	.pl_dst = 38,
 	.pl_addr_len = 16,
 	.pl_udp = 54,
+	.pl_udp_len_off = 0,
+	.pl_ethertype = 0x86dd,
+	.pl_ver_mask = 0xf0,
+	.pl_ver = 0x60,
 	.pl_group_mask = 0xff,
 	.pl_group = 0xff,
 };
@@ -79,6 +91,12 @@ ost_addr_bytes(const uost_t *up, const struct in6_addr *a)
 	return up->uost_is_v6 ? a->s6_addr : &a->s6_addr[12];
 }
 
+static inline size_t
+be16_at(const uint8_t *p)
+{
+	return (size_t)p[0] << 8 | p[1];
+}
+
 static inline in_port_t
 port_at(const uint8_t *p)
 {
@@ -92,7 +110,8 @@ static const uint8_t ost_zero_addr[16] = {};
 
 /*
  * Sources the kernel drops a datagram for: multicast, the limited
- * broadcast, "this network", loopback arriving on a real link.
+ * broadcast, "this network", loopback arriving on a real link, and in
+ * IPv6 an IPv4-mapped one, which could pass for an IPv4 sender.
  */
 static bool
 ost_martian_src(const uost_t *up, const uint8_t *src)
@@ -100,8 +119,11 @@ ost_martian_src(const uost_t *up, const uint8_t *src)
 	if (up->uost_is_v6) {
 		static const uint8_t loop6[16] = { 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
 			0, 0, 0, 0, 0, 1 };
+		static const uint8_t mapped[12] = { 0, 0, 0, 0, 0, 0, 0, 0, 0,
+			0, 0xff, 0xff };
 
-		return src[0] == 0xff || memcmp(src, loop6, 16) == 0;
+		return src[0] == 0xff || memcmp(src, loop6, 16) == 0 ||
+		    memcmp(src, mapped, sizeof(mapped)) == 0;
 	}
 	return src[0] == 0 || src[0] == 127 || (src[0] & 0xf0) == 0xe0 ||
 	    (src[0] == 255 && src[1] == 255 && src[2] == 255 && src[3] == 255);
@@ -118,13 +140,22 @@ ost_check_pkt(const uost_t *up, const uint8_t *frame, size_t framelen,
 	if (framelen < l->pl_payload)
 		return OST_PKT_SHORT;
 	pi->pi_proto = frame[l->pl_proto];
-	if (pi->pi_proto != IPPROTO_UDP)
+	/* The fixed offsets hold only for plain UDP in an unfragmented
+	 * IPv4 header without options, or an IPv6 one without extensions. */
+	if (pi->pi_proto != IPPROTO_UDP ||
+	    be16_at(frame + 12) != l->pl_ethertype ||
+	    (frame[14] & l->pl_ver_mask) != l->pl_ver ||
+	    (!up->uost_is_v6 && (be16_at(frame + 20) & 0x3fff) != 0))
 		return OST_PKT_NOT_UDP;
-	iplen = (size_t)frame[l->pl_len] << 8 | frame[l->pl_len + 1];
+	iplen = be16_at(frame + l->pl_len);
 	if (iplen + l->pl_len_base > framelen)
 		return OST_PKT_TRUNCATED;
 	if (iplen < l->pl_len_min)
 		return OST_PKT_SHORT;
+	/* The payload's length comes from the IP header: a UDP length that
+	 * says otherwise makes the lengths disagree, which counts as cut. */
+	if (be16_at(frame + l->pl_udp + 4) != iplen - l->pl_udp_len_off)
+		return OST_PKT_TRUNCATED;
 	pi->pi_len = iplen - l->pl_len_min;
 	pi->pi_sport = port_at(frame + l->pl_udp);
 	pi->pi_dport = port_at(frame + l->pl_udp + 2);

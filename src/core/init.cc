@@ -4,6 +4,8 @@
  * once, before the application's main(), and read without locks afterwards;
  * later changes to the environment do not reach a running process.
  */
+#include <errno.h>
+#include <limits.h>
 #include <stdlib.h>
 
 #include "core/ost.h"
@@ -16,12 +18,19 @@ int recv_mode = RCV_BUSY_WAIT;    /* immutable after start-up */
 
 volatile int ost_initialised; /* set last by ost_init() */
 
+/* As atoi, but a number out of an int's range saturates, never wraps. */
 static int
 env_int(const char *name, int absent)
 {
 	const char *v = getenv(name);
+	int saved_errno = errno;
+	long n;
 
-	return v == NULL ? absent : atoi(v);
+	if (v == NULL)
+		return absent;
+	n = strtol(v, NULL, 10); /* ERANGE is not the caller's */
+	errno = saved_errno;
+	return n > INT_MAX ? INT_MAX : n < INT_MIN ? INT_MIN : (int)n;
 }
 
 void

@@ -93,6 +93,7 @@ ost_rx_ready(uost_t *up, bool validate, bool *fetched)
 				ost_debug("frame too long for the receive "
 					  "stash (len %lu): dropped\n",
 				    (unsigned long)rx.ur_pkt_len);
+				up->uost_rx_dropped++;
 			} else if (rx.ur_pkt_len != 0) {
 				memcpy(up->uost_recv_buf, frame, rx.ur_pkt_len);
 				up->uost_recv_buf_len = rx.ur_pkt_len;
