@@ -1,4 +1,4 @@
-/* The debug log: what the application sees of it, and the fatal switch. */
+/* The debug log: what the application sees of it. */
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -7,7 +7,8 @@
 
 #include "support.h"
 
-namespace {
+namespace
+{
 
 TEST(Debug, OffIsSilentAndErrnoSurvives)
 {
@@ -15,11 +16,13 @@ TEST(Debug, OffIsSilentAndErrnoSurvives)
 	for (int flag : { 0, 1 }) {
 		ost_debug_flag = flag;
 		ost_debug_init(false);
-		std::string out = capture_stderr([](void *) {
-			errno = ECONNREFUSED;
-			ost_debug("real %d not bound\n", 7);
-			EXPECT_EQ(errno, ECONNREFUSED);
-		}, nullptr);
+		std::string out = capture_stderr(
+		    [](void *) {
+			    errno = ECONNREFUSED;
+			    ost_debug("real %d not bound\n", 7);
+			    EXPECT_EQ(errno, ECONNREFUSED);
+		    },
+		    nullptr);
 		EXPECT_EQ(out.empty(), flag == 0);
 	}
 	ost_debug_flag = 0;
@@ -48,15 +51,6 @@ check_log_file()
 TEST(Debug, FileIsPrivateAndCloseOnExec)
 {
 	EXPECT_EXIT(check_log_file(), ::testing::ExitedWithCode(0), "");
-}
-
-TEST(Debug, ErrExitEndsTheProcessOnlyWhenAskedTo)
-{
-	err_exit = false;
-	ost_err_exit("no reason");	/* returns */
-	EXPECT_EXIT((err_exit = true, ost_err_exit("interface not found")),
-	    ::testing::ExitedWithCode(1), "");
-	err_exit = false;
 }
 
 } // namespace
