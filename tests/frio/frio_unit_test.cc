@@ -1,13 +1,11 @@
 /*
  * libfrio without an interface: checksum completion, header and filter
  * checks, the receive rule and the packet backend's socket filter (run by
- * the kernel on a socket pair), the choice of backend, and the mem
- * double's queues and lending.
+ * the kernel on a socket pair), and the choice of backend.
  */
 #include <gtest/gtest.h>
 
 #include <linux/filter.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <stdlib.h>
@@ -50,8 +48,9 @@ class MemTest : public ::testing::Test
 		for (size_t c : cuts)
 			iov.push_back({ &payload[off], c }), off += c;
 		iov.push_back({ payload.data() + off, payload.size() - off });
-		EXPECT_EQ(frio_tx_vec(h_, ta, hdr.data(), hdr.size(), iov.data(),
-			      int(iov.size())), FRIO_STATUS_OK);
+		EXPECT_EQ(frio_tx_vec(h_, ta, hdr.data(), hdr.size(),
+			      iov.data(), int(iov.size())),
+		    FRIO_STATUS_OK);
 		bytes out(FRIO_MAX_FRAME + 1);
 		ssize_t n = frio_mem_tx_pop(h_, out.data(), out.size());
 		EXPECT_EQ(n, ssize_t(hdr.size() + payload.size()));
@@ -72,7 +71,8 @@ filter_for(const bytes &frame)
 	memcpy(f.uf_macaddr, frame.data(), 6);
 	if (!v6)
 		f.uf_dst_ip.s6_addr[10] = f.uf_dst_ip.s6_addr[11] = 0xff;
-	memcpy(&f.uf_dst_ip.s6_addr[v6 ? 0 : 12], &frame[v6 ? 38 : 30], v6 ? 16 : 4);
+	memcpy(&f.uf_dst_ip.s6_addr[v6 ? 0 : 12], &frame[v6 ? 38 : 30],
+	    v6 ? 16 : 4);
 	memcpy(&f.uf_dst_port, &frame[v6 ? 56 : 36], 2);
 	return f;
 }
@@ -102,24 +102,30 @@ TEST_F(MemTest, CompletesChecksums)
 		for (size_t len : { size_t(1), size_t(10), size_t(301), max }) {
 			bytes hdr = udp_hdr(v6, len), payload = pattern(len, 5);
 
-			if (len == 10) { /* last word chosen so the sum is zero */
+			if (len ==
+			    10) { /* last word chosen so the sum is zero */
 				bytes w = hdr;
-				w.insert(w.end(), payload.begin(), payload.end() - 2);
+				w.insert(w.end(), payload.begin(),
+				    payload.end() - 2);
 				put16(&w[u + 6], 0);
-				put16(&payload[8], uint16_t(~fold(sum_be(&w[u], 16,
-				    pseudo_seed(w.data(), 18)))));
+				put16(&payload[8],
+				    uint16_t(~fold(sum_be(&w[u], 16,
+					pseudo_seed(w.data(), 18)))));
 			}
 			bytes want = hdr;
 			want.insert(want.end(), payload.begin(), payload.end());
 			if (v6) {
-				EXPECT_EQ(transmit(hdr, payload, {}, nullptr), want);
+				EXPECT_EQ(transmit(hdr, payload, {}, nullptr),
+				    want);
 			}
 			complete(want);
 			EXPECT_TRUE(len != 10 || get16(&want[u + 6]) == 0xffff);
 			for (const std::vector<size_t> &cuts : gathers) {
 				if (cuts.size() <= len) {
 					EXPECT_EQ(transmit(hdr, payload, cuts,
-					    v6 ? &ta : nullptr), want) << v6 << " " << len;
+						      v6 ? &ta : nullptr),
+					    want)
+					    << v6 << " " << len;
 				}
 			}
 		}
@@ -136,14 +142,20 @@ TEST_F(MemTest, RefusesMalformedAndOversizeFrames)
 	ta.ut_pkt_options = FRIO_TX_OPT_IPV6_CKSUM;
 	/* v6, byte to change (or where to cut the header), its value (-1:
 	 * cut), payload length, status. */
-	const struct { bool v6; size_t off; int val; size_t len; frio_status_t want; } cases[] = {
+	const struct {
+		bool v6;
+		size_t off;
+		int val;
+		size_t len;
+		frio_status_t want;
+	} cases[] = {
 		{ 0, 12, 0x81, 0, FRIO_STATUS_BADHDR }, /* VLAN */
 		{ 0, 14, 0x65, 0, FRIO_STATUS_BADHDR }, /* version 6 */
 		{ 0, 14, 0x44, 0, FRIO_STATUS_BADHDR }, /* IHL 16 */
 		{ 0, 14, 0x46, 0, FRIO_STATUS_BADHDR }, /* options cut */
 		{ 0, 20, 0x20, 0, FRIO_STATUS_BADHDR }, /* more frags */
 		{ 0, 21, 0x01, 0, FRIO_STATUS_BADHDR }, /* offset */
-		{ 0, 23, 6, 0, FRIO_STATUS_BADHDR },	/* TCP */
+		{ 0, 23, 6, 0, FRIO_STATUS_BADHDR },    /* TCP */
 		{ 0, 41, -1, 0, FRIO_STATUS_BADHDR },
 		{ 0, 13, -1, 0, FRIO_STATUS_BADHDR },
 		{ 1, 14, 0x40, 0, FRIO_STATUS_BADHDR },
@@ -161,7 +173,9 @@ TEST_F(MemTest, RefusesMalformedAndOversizeFrames)
 		else
 			hdr[c.off] = uint8_t(c.val);
 		EXPECT_EQ(frio_tx_vec(h_, c.v6 ? &ta : nullptr, hdr.data(),
-			      hdr.size(), &iov, 1), c.want) << c.v6 << " " << c.off;
+			      hdr.size(), &iov, 1),
+		    c.want)
+		    << c.v6 << " " << c.off;
 	}
 	bytes hdr = udp_hdr(false, 0);
 	struct iovec hole = { nullptr, 1 };
@@ -206,21 +220,26 @@ edge_frames()
 		/* Offset, 16-bit value; all but the padded frame must fail:
 		 * IP or UDP length lying, another port, MAC or address, IPv6
 		 * extension header, IPv4 options, fragments, TCP. */
-		std::vector<std::pair<size_t, int>> m = { { ipl, get16(&ok[ipl]) + 1 },
+		std::vector<std::pair<size_t, int>> m = {
+			{ ipl, get16(&ok[ipl]) + 1 },
 			{ ul, get16(&ok[ul]) - 1 }, { ul, 4 }, { u + 2, 5679 },
-			{ 4, 0x0003 }, { u - 2, 0 } };
+			{ 4, 0x0003 }, { u - 2, 0 }
+		};
 		if (v6)
 			m.push_back({ 20, 0x0040 });
 		else
-			m.insert(m.end(), { { 14, 0x4600 }, { 20, 0x2000 },
-			    { 20, 0x0001 }, { 22, 0x4006 } });
+			m.insert(m.end(),
+			    { { 14, 0x4600 }, { 20, 0x2000 }, { 20, 0x0001 },
+				{ 22, 0x4006 } });
 		bytes padded = ok;
 		padded.resize(ok.size() + 18);
-		v.insert(v.end(), { { ok, true }, { wire_frame(v6, 0), true },
-		    { wire_frame(v6, v6 ? 1452 : 1472), true },
-		    { wire_frame(v6, 1473), false }, { padded, true } });
+		v.insert(v.end(),
+		    { { ok, true }, { wire_frame(v6, 0), true },
+			{ wire_frame(v6, v6 ? 1452 : 1472), true },
+			{ wire_frame(v6, 1473), false }, { padded, true } });
 		for (size_t n = 0; n < ok.size(); n++)
-			v.push_back({ bytes(ok.begin(), ok.begin() + n), false });
+			v.push_back(
+			    { bytes(ok.begin(), ok.begin() + n), false });
 		for (auto [off, val] : m) {
 			bytes f = ok;
 			put16(&f[off], uint16_t(val));
@@ -246,7 +265,9 @@ kernel_passes(const struct sock_filter *p, int n, const bytes &pkt)
 		return false;
 	}
 	EXPECT_EQ(setsockopt(sv[1], SOL_SOCKET, SO_ATTACH_FILTER, &prog,
-	    sizeof(prog)), 0) << "the kernel refused the program: " << errno;
+		      sizeof(prog)),
+	    0)
+	    << "the kernel refused the program: " << errno;
 	EXPECT_EQ(send(sv[0], pkt.data(), pkt.size(), 0), ssize_t(pkt.size()));
 	got = recv(sv[1], buf, sizeof(buf), MSG_DONTWAIT);
 	close(sv[0]), close(sv[1]);
@@ -270,9 +291,11 @@ TEST(FrioFilter, RuleAndPacketSocketFilterAgree)
 		ASSERT_GT(n, 0) << nf;
 		/* The first two filters name the edge frames' own addresses. */
 		for (const auto &c : edge_frames()) {
-			EXPECT_TRUE(nf != 2 || matches(s, c.first) == c.second) << i;
+			EXPECT_TRUE(nf != 2 || matches(s, c.first) == c.second)
+			    << i;
 			EXPECT_EQ(kernel_passes(prog, n, c.first),
-			    matches(s, c.first)) << nf << " filters, case " << i++;
+			    matches(s, c.first))
+			    << nf << " filters, case " << i++;
 		}
 		EXPECT_EQ(matches(s, wire_frame(true, 0)), nf >= 2);
 		EXPECT_EQ(kernel_passes(prog, n, wire_frame(true, 5, 1015)),
@@ -281,123 +304,19 @@ TEST(FrioFilter, RuleAndPacketSocketFilterAgree)
 	}
 }
 
-TEST_F(MemTest, DeliversByFilterAndLendsEachFrameOnce)
-{
-	bytes f4 = wire_frame(false, 8), f6 = wire_frame(true, 8);
-	frio_filter_args_t a = filter_for(f4), b = filter_for(f6);
-	struct pollfd pfd = { frio_get_fd(h_), POLLIN, 0 };
-	frio_rx_args_t ra;
-	void *p[3];
-
-	EXPECT_EQ(frio_mem_deliver("mem0", f4.data(), f4.size()), 0);
-	for (frio_filter_args_t *f : { &a, &a, &b })
-		ASSERT_EQ(frio_setup_rx(h_, f), FRIO_STATUS_OK);
-	EXPECT_EQ(frio_mem_filters(h_, nullptr, 0), 2);
-	EXPECT_EQ(poll(&pfd, 1, 0), 0);
-	/* Interface, frame, handles that take it. */
-	const struct {
-		const char *ifname;
-		const bytes &f;
-		int want;
-	} deliver[] = { { "mem0", f4, 1 }, { "mem0", f6, 1 }, { "other", f6, 0 } };
-	for (const auto &c : deliver)
-		EXPECT_EQ(frio_mem_deliver(c.ifname, c.f.data(), c.f.size()),
-		    c.want) << c.ifname;
-	EXPECT_EQ(poll(&pfd, 1, 0), 1);
-	/* Each frame lent once, in order, then nothing. */
-	const bytes *lend[] = { &f4, &f6, nullptr };
-	for (int i = 0; i < 3; i++) {
-		ASSERT_EQ(frio_rx_get(h_, &ra, &p[i]),
-		    lend[i] ? FRIO_STATUS_OK : FRIO_STATUS_NOMEM) << i;
-		if (lend[i] != nullptr) {
-			EXPECT_EQ(ra.ur_pkt_len, lend[i]->size());
-			EXPECT_EQ(memcmp(p[i], lend[i]->data(), ra.ur_pkt_len), 0);
-		}
-	}
-	EXPECT_EQ(poll(&pfd, 1, 0), 0);
-	EXPECT_EQ(frio_mem_lent(h_), 2);
-	for (int i = 0; i < 2; i++)
-		EXPECT_EQ(frio_rx_put(h_, p[i]), FRIO_STATUS_OK);
-	EXPECT_EQ(frio_mem_lent(h_), 0);
-	/* A frame put twice is the caller's bug, caught at once. */
-	EXPECT_DEATH(frio_rx_put(h_, p[0]), "not lent");
-}
-
-TEST_F(MemTest, QueuesFillAndDrain)
-{
-	void *lent[FRIO_MEM_RX_DEPTH];
-	frio_rx_args_t ra;
-	bytes hdr = udp_hdr(false, 0), out(64);
-	auto tx = [&] {
-		return frio_tx_vec(h_, nullptr, hdr.data(), hdr.size(), nullptr, 0);
-	};
-
-	for (int i = 0; i < FRIO_MEM_RX_DEPTH; i++)
-		ASSERT_EQ(frio_mem_inject(h_, &i, sizeof(i)), FRIO_STATUS_OK);
-	EXPECT_EQ(frio_mem_inject(h_, "x", 1), FRIO_STATUS_NOMEM);
-	for (int i = 0; i < FRIO_MEM_RX_DEPTH; i++) {
-		ASSERT_EQ(frio_rx_get(h_, &ra, &lent[i]), FRIO_STATUS_OK);
-		EXPECT_EQ(memcmp(lent[i], &i, sizeof(i)), 0);
-	}
-	EXPECT_EQ(frio_mem_inject(h_, "x", 1), FRIO_STATUS_NOMEM);
-	for (void *p : lent)
-		frio_rx_put(h_, p);
-	EXPECT_EQ(frio_mem_inject(h_, "x", 1), FRIO_STATUS_OK);
-
-	for (int i = 0; i < FRIO_MEM_TX_DEPTH; i++) {
-		put16(&hdr[34], uint16_t(i));
-		ASSERT_EQ(tx(), FRIO_STATUS_OK);
-	}
-	EXPECT_EQ(tx(), FRIO_STATUS_NOMEM);
-	ASSERT_EQ(frio_mem_tx_pop(h_, out.data(), out.size()), 42);
-	EXPECT_EQ(get16(&out[34]), 0);
-	EXPECT_EQ(tx(), FRIO_STATUS_OK);
-}
-
-/* Many handles on one interface, a port each, every third closed: every
- * frame reaches its own port's handle and no other, a closed one's nowhere. */
-TEST_F(MemTest, ManyHandlesEachGetOnlyTheirOwnPort)
-{
-	const int n = 70;
-	std::vector<frio_handle_t> h(n);
-	frio_rx_args_t ra;
-	void *p;
-
-	for (int i = 0; i < n; i++) {
-		frio_filter_args_t f = filter_for(wire_frame(false, 0, 20000 + i));
-		ASSERT_EQ(frio_open("mem0", nullptr, &h[i]), FRIO_STATUS_OK);
-		ASSERT_EQ(frio_setup_rx(h[i], &f), FRIO_STATUS_OK) << i;
-	}
-	for (int i = 0; i < n; i += 3)
-		frio_close(h[i]);
-	for (int i = 0; i < n; i++) {
-		bytes fr = wire_frame(false, 4, uint16_t(20000 + i));
-		EXPECT_EQ(frio_mem_deliver("mem0", fr.data(), fr.size()),
-		    int(i % 3 != 0));
-	}
-	for (int i = 1; i < n; i += i % 3 == 1 ? 1 : 2) {
-		ASSERT_EQ(frio_rx_get(h[i], &ra, &p), FRIO_STATUS_OK);
-		EXPECT_EQ(get16(static_cast<uint8_t *>(p) + 36), 20000 + i);
-		EXPECT_EQ(frio_rx_put(h[i], p), FRIO_STATUS_OK);
-		EXPECT_EQ(frio_rx_get(h[i], &ra, &p), FRIO_STATUS_NOMEM);
-		EXPECT_EQ(frio_rx_copies(h[i]), 0);
-		frio_close(h[i]);
-	}
-	EXPECT_EQ(frio_rx_copies(nullptr), -1);
-}
-
 /* Filters that would name no frame, a filter another handle holds, and the
  * limit of one handle's set; a closed handle's filters are free again. */
 TEST_F(MemTest, SetupRxRefusesWildcardsHeldAndTooManyFilters)
 {
 	frio_filter_args_t f = filter_for(wire_frame(false, 0)), g;
 	frio_handle_t h2;
-	char buf[80];
 	/* Another type, port 0, IPv4 address 0, IPv6 address 0. */
 	void (*const wild[])(frio_filter_args_t &) = {
 		[](frio_filter_args_t &x) { x.uf_type = 1; },
 		[](frio_filter_args_t &x) { x.uf_dst_port = 0; },
-		[](frio_filter_args_t &x) { memset(&x.uf_dst_ip.s6_addr[12], 0, 4); },
+		[](frio_filter_args_t &x) {
+			memset(&x.uf_dst_ip.s6_addr[12], 0, 4);
+		},
 		[](frio_filter_args_t &x) { memset(&x.uf_dst_ip, 0, 16); },
 	};
 
@@ -411,8 +330,6 @@ TEST_F(MemTest, SetupRxRefusesWildcardsHeldAndTooManyFilters)
 	ASSERT_EQ(frio_open("mem0", nullptr, &h2), FRIO_STATUS_OK);
 	ASSERT_EQ(frio_setup_rx(h2, &f), FRIO_STATUS_OK);
 	EXPECT_EQ(frio_setup_rx(h_, &f), FRIO_STATUS_FAILED);
-	EXPECT_NE(strstr(frio_status2str(FRIO_STATUS_FAILED, buf, sizeof(buf)),
-		      "another handle"), nullptr) << buf;
 	frio_close(h2);
 	for (int i = 0; i < FRIO_MAX_FILTERS; i++) {
 		g = filter_for(wire_frame(false, 0, uint16_t(5678 + i)));

@@ -12,6 +12,7 @@
 #include <limits.h>
 #include <string.h>
 
+#include <algorithm>
 #include <string>
 
 #include "core/ost.h"
@@ -78,49 +79,39 @@ LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	bool set[kNVars] = {};
 	size_t at = 0;
 
-	for (int i = 0; i < kNVars; i++) {
-		size_t nl = at > in.size() ? at : in.find('\n', at);
-		std::string v;
+	for (int i = 0; i < kNVars && at <= in.size(); i++) {
+		size_t nl = std::min(in.find('\n', at), in.size());
 
-		if (at <= in.size())
-			v = in.substr(at,
-			    nl == std::string::npos ? std::string::npos :
-						      nl - at);
 		/* The environment holds no NUL inside a value. */
-		v = v.substr(0, v.find('\0'));
-		if (at <= in.size() && v != "-") {
-			put(i, v);
-			set[i] = true;
-			vals[i] = v;
-		} else {
+		vals[i] = in.substr(at, nl - at);
+		vals[i].resize(std::min(vals[i].find('\0'), vals[i].size()));
+		set[i] = vals[i] != "-";
+		at = nl + 1;
+	}
+	for (int i = 0; i < kNVars; i++) {
+		if (set[i])
+			put(i, vals[i]);
+		else
 			unsetenv(kVars[i]);
-		}
-		at = nl == std::string::npos || nl > in.size() ? in.size() + 1 :
-								 nl + 1;
 	}
 	ost_config_read();
 
-	FUZZ_CHECK(send_busy_wait_cnt >= 1 && send_busy_wait_cnt <= INT_MAX);
-	FUZZ_CHECK(recv_sleep_time >= 1 && recv_sleep_time <= INT_MAX);
-	long long want[kNVars];
 	const long long got[kNVars] = { err_exit, send_busy_wait_cnt,
 		recv_sleep_time, poll_usec, epoll_usec, recv_mode };
 	const long long absent[kNVars] = { 0, 15, 500, 0, 0, RCV_BUSY_WAIT };
 	for (int i = 0; i < kNVars; i++) {
-		if (!set[i]) {
-			want[i] = absent[i];
-		} else if (!decimal(vals[i], &want[i])) {
-			want[i] = 0; /* no number: read as 0 */
-		}
-	}
-	want[0] = want[0] != 0;
-	for (int i : { 1, 2 })
-		want[i] = want[i] >= 1 ? want[i] : 1;
-	for (int i = 0; i < kNVars; i++) {
-		if (got[i] != want[i]) {
+		long long want = absent[i];
+
+		if (set[i] && !decimal(vals[i], &want))
+			want = 0; /* no number: read as 0 */
+		if (i == 0)
+			want = want != 0;
+		else if (i <= 2 && want < 1) /* counts and sleeps: at least 1 */
+			want = 1;
+		if (got[i] != want) {
 			fprintf(stderr, "%s=\"%s\" read as %lld, not %lld\n",
-			    kVars[i], vals[i].c_str(), got[i], want[i]);
-			FUZZ_CHECK(got[i] == want[i]);
+			    kVars[i], vals[i].c_str(), got[i], want);
+			FUZZ_CHECK(got[i] == want);
 		}
 	}
 	return 0;

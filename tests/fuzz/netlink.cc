@@ -13,6 +13,7 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <ifaddrs.h>
+#include <linux/netlink.h>
 #include <net/if_arp.h>
 #include <netpacket/packet.h>
 #include <string.h>
@@ -27,6 +28,24 @@ namespace
 
 const uint32_t kSeq = 7, kPort = 4242;
 
+/* Whether a whole message of the request's sequence and port comes before
+ * the end or the first broken header: only such a message is an answer. */
+bool
+ours(const uint8_t *buf, size_t len)
+{
+	struct nlmsghdr h;
+
+	for (size_t at = 0; at + sizeof(h) <= len;
+	     at += NLMSG_ALIGN(h.nlmsg_len)) {
+		memcpy(&h, buf + at, sizeof(h));
+		if (h.nlmsg_len < sizeof(h) || h.nlmsg_len > len - at)
+			return false;
+		if (h.nlmsg_seq == kSeq && h.nlmsg_pid == kPort)
+			return true;
+	}
+	return false;
+}
+
 void
 route(int family, const uint8_t *buf, size_t len)
 {
@@ -36,6 +55,7 @@ route(int family, const uint8_t *buf, size_t len)
 	before = rt;
 	ost_nl_status_t st =
 	    ost_nl_route_parse(buf, len, kSeq, kPort, family, &rt);
+	FUZZ_CHECK(st == OST_NL_MORE || ours(buf, len));
 	switch (st) {
 	case OST_NL_MORE:
 		/* Written only when the answer is found. */
@@ -72,8 +92,8 @@ neigh(int family, uint32_t ifindex, const uint8_t *buf, size_t len)
 	memset(&nb, 0, sizeof(nb));
 	ost_nl_status_t st = ost_nl_neigh_parse(buf, len, kSeq, kPort, family,
 	    &dst, ifindex, &nb);
-	FUZZ_CHECK(
-	    st == OST_NL_MORE || st == OST_NL_ANSWER || st == OST_NL_ERROR);
+	FUZZ_CHECK(st == OST_NL_MORE ||
+	    ((st == OST_NL_ANSWER || st == OST_NL_ERROR) && ours(buf, len)));
 	if (st == OST_NL_ERROR)
 		FUZZ_CHECK(nb.nn_error > 0);
 	if (nb.nn_complete)

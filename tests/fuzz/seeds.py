@@ -43,15 +43,20 @@ def frame_seeds():
             udp_frame(v6, b"g", src, group)
         out[f"{tag}-padded"] = bytes([v6, 0, 1, 4, 0, 0, 255, 0]) + \
             udp_frame(v6, b"p", src, dst) + bytes(20)
-    # Frames the receive path once took for datagrams: IPv4 options, a
-    # fragment, a UDP length that disagrees with the IP one, an IPv6
-    # sender that is an IPv4-mapped address.
-    f = bytearray(udp_frame(False, b"opts!", "192.0.2.2", "192.0.2.1"))
-    f[14] = 0x46
-    out["v4-options"] = bytes([0x10, 64, 1, 8, 0, 0, 16, 0]) + f
-    f = bytearray(udp_frame(False, b"frag", "192.0.2.2", "192.0.2.1"))
-    f[20] = 0x20
-    out["v4-fragment"] = bytes([0, 0, 1, 8, 0, 0, 16, 0]) + f
+        # Known-bad frames, each a byte edit of a good one (or a cut): no
+        # UDP header, IP length below the headers or past the end, TCP,
+        # IPv4 options (IPv6 of version 4), a fragment (another EtherType),
+        # a UDP length that disagrees, a martian sender.
+        good, off = udp_frame(v6, b"hello", src, dst), 62 if v6 else 42
+        edits = {"short": (off - 1, None), "iplen-low": ((19, 7) if v6 else (17, 27)),
+                 "iplen-high": (len(good) - 1, None), "tcp": ((20, 6) if v6 else (23, 6)),
+                 "options": (14, 0x40 if v6 else 0x46), "fragment": ((12, 8) if v6 else (20, 0x20)),
+                 "udplen": (off - 4, good[off - 4] ^ 1), "martian": ((22, 0xff) if v6 else (26, 127))}
+        for name, (at, val) in edits.items():
+            f = bytearray(good[:at] if val is None else good)
+            if val is not None:
+                f[at] = val
+            out[f"{tag}-bad-{name}"] = bytes([v6 | 0x10, 64, 1, 8, 0, 0, 39, 0]) + f
     f = bytearray(udp_frame(True, b"", "2001:db8::2", "2001:db8::1") + bytes(100))
     f[58:60] = b"\0\0"
     out["v6-udp-length-engine"] = bytes([0x93, 64, 1, 255, 0, 0, 39, 5]) + f

@@ -1,4 +1,4 @@
-/* poll and select over bypass sockets and ordinary descriptors. */
+/* poll over bypass sockets and ordinary descriptors. */
 #include <errno.h>
 #include <atomic>
 #include <set>
@@ -6,7 +6,8 @@
 
 #include "recv_frames.h"
 
-namespace {
+namespace
+{
 
 struct Ready : ::testing::TestWithParam<int> {
 	BypassSock s, t;
@@ -37,42 +38,34 @@ struct Ready : ::testing::TestWithParam<int> {
 			*revents = p.revents;
 		return r;
 	}
-
-	/* select() for reading on fds; r is left as select left it. */
-	int select_r(fd_set &r, std::initializer_list<int> fds,
-	    struct timeval *tv, fd_set *w = nullptr)
-	{
-		int n = 0;
-		FD_ZERO(&r);
-		for (int fd : fds)
-			FD_SET(fd, &r), n = std::max(n, fd + 1);
-		return ost_select(n, &r, w, nullptr, tv);
-	}
 };
 
-TEST_P(Ready, BusyPollReportsAndKeepsTheDatagram)
+/* As the kernel: only the events asked for (POLLRDNORM not), descriptors
+ * counted rather than events; the datagram stays for the receive.  A
+ * connected socket's foreign frame is dropped, neither reported nor
+ * received. */
+TEST_P(Ready, BusyPollReportsOnlyWhatIsAskedAndKeepsTheDatagram)
 {
 	short rev;
 	poll_usec = -1;
 	s.inject("waiting");
-	/* As the kernel: only the events asked for, POLLRDNORM not. */
 	EXPECT_EQ(poll1(s.fd, POLLIN, -1, &rev), 1);
 	EXPECT_EQ(rev, POLLIN);
-	EXPECT_EQ(frio_mem_rx_pending(s.hdl), 0);	/* in the stash */
+	EXPECT_EQ(frio_mem_rx_pending(s.hdl), 0); /* in the stash */
+	struct pollfd two[2] = { { s.fd, POLLIN | POLLOUT, 0 },
+		{ t.fd, POLLIN | POLLOUT, 0 } };
+	EXPECT_EQ(ost_poll(two, 2, 0), 2);
+	EXPECT_EQ(two[0].revents, POLLIN | POLLOUT);
 	EXPECT_EQ(s.recv(), "waiting");
 	EXPECT_EQ(poll1(s.fd, POLLRDNORM, 0), 0);
 
-	/* Writable at once, without touching the frame library. */
-	s.inject("left");
-	EXPECT_EQ(poll1(s.fd, POLLOUT, -1, &rev), 1);
-	EXPECT_EQ(rev, POLLOUT);
-	EXPECT_EQ(frio_mem_rx_pending(s.hdl), 1);
-
-	/* Descriptors are counted, not events. */
-	struct pollfd two[2] = { { s.fd, POLLIN | POLLOUT, 0 },
-	    { t.fd, POLLIN | POLLOUT, 0 } };
-	EXPECT_EQ(ost_poll(two, 2, 0), 2);
-	EXPECT_EQ(two[0].revents, POLLIN | POLLOUT);
+	s.connect_peer();
+	s.inject(s.frame("foreign", htons(7)));
+	EXPECT_EQ(poll1(s.fd, POLLIN, 0), 0);
+	EXPECT_EQ(frio_mem_rx_pending(s.hdl), 0);
+	s.inject(s.frame("foreign", htons(7)));
+	s.inject("mine");
+	EXPECT_EQ(s.recv(), "mine");
 }
 
 /* With an ordinary descriptor the kernel sleeps; an arriving frame wakes it. */
@@ -81,55 +74,22 @@ TEST_P(Ready, KernelSleepSeesBothKinds)
 	for (int usec : { -1, 0 }) {
 		poll_usec = usec;
 		struct pollfd set[2] = { { s.fd, POLLIN, 0 },
-		    { pipefd[0], POLLIN, 0 } };
+			{ pipefd[0], POLLIN, 0 } };
 		char c;
 		ASSERT_EQ(write(pipefd[1], "x", 1), 1);
 		EXPECT_EQ(ost_poll(set, 2, -1), 1);
 		EXPECT_EQ(set[1].revents, POLLIN);
 		ASSERT_EQ(read(pipefd[0], &c, 1), 1);
 
-		std::thread late([this] { usleep(20000); s.inject("late"); });
+		std::thread late([this] {
+			usleep(20000);
+			s.inject("late");
+		});
 		EXPECT_EQ(ost_poll(set, 2, 5000), 1);
 		EXPECT_EQ(set[0].revents, POLLIN);
 		late.join();
 		EXPECT_EQ(s.recv(), "late");
 	}
-}
-
-TEST_P(Ready, Select)
-{
-	fd_set r, w;
-	struct timeval zero = { 0, 0 };
-
-	/* Readable and writable: 3 bits, the pipe's among them. */
-	s.inject("x");
-	ASSERT_EQ(write(pipefd[1], "x", 1), 1);
-	FD_ZERO(&w);
-	FD_SET(s.fd, &w);
-	EXPECT_EQ(select_r(r, { s.fd, pipefd[0] }, nullptr, &w), 3);
-	EXPECT_TRUE(FD_ISSET(s.fd, &r) && FD_ISSET(s.fd, &w) &&
-	    FD_ISSET(pipefd[0], &r));
-	EXPECT_EQ(s.recv(), "x");
-
-	/* Connected: a foreign frame is dropped, not reported. */
-	s.connect_peer();
-	s.inject(s.frame("foreign", htons(7)));
-	EXPECT_EQ(select_r(r, { s.fd }, &zero), 0);
-	EXPECT_FALSE(FD_ISSET(s.fd, &r));
-	EXPECT_EQ(frio_mem_rx_pending(s.hdl), 0);
-
-	/* Waits for the other socket. */
-	struct timeval tv = { 5, 0 };
-	std::thread late([this] { usleep(20000); t.inject("late"); });
-	EXPECT_EQ(select_r(r, { t.fd }, &tv), 1);
-	late.join();
-	EXPECT_EQ(t.recv(), "late");
-
-	/* A kernel select that fails returns without a time-out. */
-	int bad = dup(pipefd[0]);
-	close(bad);
-	EXPECT_EQ(select_r(r, { bad }, nullptr), -1);
-	EXPECT_EQ(errno, EBADF);
 }
 
 /* A poller and a receiver on one socket: every datagram arrives once. */
@@ -139,7 +99,7 @@ TEST_P(Ready, PollAndReceiveRace)
 	poll_usec = 100;
 	for (int mode : { RCV_BUSY_WAIT, RCV_POLL }) {
 		std::set<int> by_poll, by_recv;
-		std::atomic<int> total{0}, alive{2};
+		std::atomic<int> total{ 0 }, alive{ 2 };
 		auto take = [&](std::set<int> &into, const std::string &m) {
 			return m != "stop" &&
 			    (into.insert(atoi(m.c_str())), ++total, true);
@@ -164,7 +124,7 @@ TEST_P(Ready, PollAndReceiveRace)
 			usleep(10000);
 		EXPECT_EQ(total.load(), kDatagrams);
 		for (int before = alive; alive > 0; before = alive) {
-			s.inject("stop");	/* one for each thread */
+			s.inject("stop"); /* one for each thread */
 			for (int j = 0; j < 100 && alive == before; j++)
 				usleep(10000);
 		}
@@ -172,7 +132,7 @@ TEST_P(Ready, PollAndReceiveRace)
 		receiver.join();
 		by_poll.insert(by_recv.begin(), by_recv.end());
 		EXPECT_EQ(by_poll.size(), (size_t)kDatagrams) << mode;
-		while (s.recv(MSG_DONTWAIT) == "stop")	/* left over */
+		while (s.recv(MSG_DONTWAIT) == "stop") /* left over */
 			;
 	}
 }
@@ -180,4 +140,4 @@ TEST_P(Ready, PollAndReceiveRace)
 INSTANTIATE_TEST_SUITE_P(Families, Ready, ::testing::Values(AF_INET, AF_INET6),
     family_name);
 
-}  // namespace
+} // namespace

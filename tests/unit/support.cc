@@ -4,7 +4,6 @@
 
 #include <arpa/inet.h>
 #include <dirent.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -26,37 +25,13 @@ attach_to_mem(uost_t *up, const char *if_name, const struct in6_addr *addr,
     in_port_t port, uint32_t if_index)
 {
 	pthread_mutex_lock(&up->uost_lock);
-	snprintf(up->uost_if_name, sizeof (up->uost_if_name), "%s", if_name);
+	snprintf(up->uost_if_name, sizeof(up->uost_if_name), "%s", if_name);
 	up->uost_if_index = if_index;
 	ost_tpl_set_saddr(up, addr);
 	ost_tpl_set_sport(up, port);
 	bool ok = ost_attach_locked(up);
 	pthread_mutex_unlock(&up->uost_lock);
 	return ok;
-}
-
-std::string
-capture_stderr(void (*fn)(void *), void *arg)
-{
-	char path[] = "/tmp/ost_stderr_XXXXXX";
-	int fd = mkstemp(path);
-	int saved = dup(2);
-	std::string out;
-	char buf[4096];
-	ssize_t n;
-
-	fflush(stderr);
-	dup2(fd, 2);
-	fn(arg);
-	fflush(stderr);
-	dup2(saved, 2);
-	close(saved);
-	lseek(fd, 0, SEEK_SET);
-	while ((n = read(fd, buf, sizeof (buf))) > 0)
-		out.append(buf, (size_t)n);
-	close(fd);
-	unlink(path);
-	return out;
 }
 
 uint32_t
@@ -84,7 +59,7 @@ registry_size()
 	for (auto &ft : fd_tbl_array) {
 		pthread_mutex_lock(&ft.ft_lock);
 		for (void *p = list_head(&ft.ft_head); p != NULL;
-		    p = list_next(&ft.ft_head, p))
+		     p = list_next(&ft.ft_head, p))
 			n++;
 		pthread_mutex_unlock(&ft.ft_lock);
 	}
@@ -115,24 +90,25 @@ mac_str(const void *octets)
 {
 	const uint8_t *o = (const uint8_t *)octets;
 	char buf[20];
-	snprintf(buf, sizeof (buf), "%02x:%02x:%02x:%02x:%02x:%02x", o[0],
-	    o[1], o[2], o[3], o[4], o[5]);
+	snprintf(buf, sizeof(buf), "%02x:%02x:%02x:%02x:%02x:%02x", o[0], o[1],
+	    o[2], o[3], o[4], o[5]);
 	return buf;
 }
 
 int
 bind_loopback(int fd, int family, struct sockaddr_storage *addr)
 {
-	socklen_t len = sizeof (*addr);
-	memset(addr, 0, sizeof (*addr));
+	socklen_t len = sizeof(*addr);
+	memset(addr, 0, sizeof(*addr));
 	addr->ss_family = (sa_family_t)family;
 	if (family == AF_INET)
 		((struct sockaddr_in *)addr)->sin_addr.s_addr =
 		    htonl(INADDR_LOOPBACK);
 	else
 		((struct sockaddr_in6 *)addr)->sin6_addr = in6addr_loopback;
-	if (real_bind(fd, (struct sockaddr *)addr, family == AF_INET ?
-	    sizeof (struct sockaddr_in) : sizeof (struct sockaddr_in6)) != 0 ||
+	if (real_bind(fd, (struct sockaddr *)addr,
+		family == AF_INET ? sizeof(struct sockaddr_in) :
+				    sizeof(struct sockaddr_in6)) != 0 ||
 	    getsockname(fd, (struct sockaddr *)addr, &len) != 0)
 		return -1;
 	return 0;
@@ -157,9 +133,10 @@ delivered(int sd, const struct sockaddr_storage &addr, size_t len)
 	struct pollfd pfd = { sd, POLLIN, 0 };
 
 	real_sendto(tx, buf.data(), len, 0, (const struct sockaddr *)&addr,
-	    addr.ss_family == AF_INET ? sizeof (struct sockaddr_in) :
-	    sizeof (struct sockaddr_in6));
+	    addr.ss_family == AF_INET ? sizeof(struct sockaddr_in) :
+					sizeof(struct sockaddr_in6));
 	close(tx);
-	return poll(&pfd, 1, 200) == 1 && real_recvfrom(sd, &buf[0], len,
-	    MSG_DONTWAIT, NULL, NULL) == (ssize_t)len;
+	return poll(&pfd, 1, 200) == 1 &&
+	    real_recvfrom(sd, &buf[0], len, MSG_DONTWAIT, NULL, NULL) ==
+	    (ssize_t)len;
 }

@@ -11,8 +11,6 @@
 constexpr int kFakeFd = 1000003;
 
 void ost_test_init();
-/* What fn wrote to standard error. */
-std::string capture_stderr(void (*fn)(void *), void *arg);
 uint32_t refcnt_of(uost_t *up);
 /* fd's record without keeping a reference, or null. */
 uost_t *record(int fd);
@@ -30,8 +28,8 @@ int bound_udp_socket(int family, struct sockaddr_storage *addr);
  * Points up at mem interface if_name (index if_index) with address addr and
  * port, and attaches it, as bind does for an interface's own address.
  */
-bool attach_to_mem(uost_t *up, const char *if_name,
-    const struct in6_addr *addr, in_port_t port, uint32_t if_index = 0);
+bool attach_to_mem(uost_t *up, const char *if_name, const struct in6_addr *addr,
+    in_port_t port, uint32_t if_index = 0);
 /* Sends a datagram of len bytes to addr; whether sd received it. */
 bool delivered(int sd, const struct sockaddr_storage &addr, size_t len = 4);
 
