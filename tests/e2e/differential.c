@@ -68,7 +68,7 @@ extern char **environ;
 
 static struct sockaddr_in self_sa, peer_sa;
 static struct sockaddr_in6 self6_sa, peer6_sa;
-static int ctl = -1;
+static FILE *ctl;
 static char ifname[IF_NAMESIZE];
 static pthread_t main_thread;
 static char rbuf[70000];
@@ -79,10 +79,12 @@ static __thread int t_err;
 #define TRY(expr) (errno = SENTINEL, t_ret = (long)(expr), t_err = errno)
 
 /* A step that shows its return value and errno alone. */
-#define DO(step, expr) (TRY(expr), say(step, NULL))
+#define DO(step, expr) (TRY(expr), say(step, ""))
 /* A step that returns a descriptor, whose number is not compared. */
 #define DO_FD(step, expr) \
 	(TRY(expr), t_ret = t_ret < 0 ? t_ret : 0, say(step, "fd"))
+/* A step that reads a value into V. */
+#define VAL(step, expr, v) (TRY(expr), say(step, "value=%d", v))
 /* A send, and what the peer got. */
 #define SENT(step, expr) \
 	(TRY(expr),      \
@@ -96,22 +98,10 @@ static __thread int t_err;
 	} while (0)
 
 #define ENAME(e) ((e) == SENTINEL ? "-" : strerrorname_np(e))
-
-/* step ret=R errno=E, then what the step adds. */
-static void
-say(const char *step, const char *fmt, ...)
-{
-	va_list ap;
-
-	printf("%-20s ret=%ld errno=%s", step, t_ret, ENAME(t_err));
-	if (fmt != NULL) {
-		putchar(' ');
-		va_start(ap, fmt);
-		vprintf(fmt, ap);
-		va_end(ap);
-	}
-	putchar('\n');
-}
+/* "step ret=R errno=E", then what the step adds. */
+#define say(step, ...)                                                 \
+	(printf("%-20s ret=%ld errno=%s ", step, t_ret, ENAME(t_err)), \
+	    printf(__VA_ARGS__), putchar('\n'))
 
 typedef struct {
 	double wall, cpu;
@@ -229,19 +219,14 @@ peer(const char *fmt, ...)
 {
 	static char line[128];
 	va_list ap;
-	size_t n = 0;
-	int len;
 
 	va_start(ap, fmt);
-	len = vsnprintf(line, sizeof(line) - 1, fmt, ap);
+	vdprintf(fileno(ctl), fmt, ap);
 	va_end(ap);
-	line[len++] = '\n';
-	if (write(ctl, line, len) != len)
+	if (write(fileno(ctl), "\n", 1) != 1 ||
+	    fgets(line, sizeof(line), ctl) == NULL)
 		return "peer gone";
-	while (n < sizeof(line) - 1 && read(ctl, line + n, 1) == 1 &&
-	    line[n] != '\n')
-		n++;
-	line[n] = '\0';
+	line[strcspn(line, "\n")] = '\0';
 	return line;
 }
 
@@ -300,12 +285,7 @@ rcvtimeo(int fd, int ms)
 	setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
 }
 
-/* A receive step: bytes and how long it took. */
-static void
-do_recv(const char *step, int fd, size_t len, int flags)
-{
-	GOT(step, recv(fd, rbuf, len, flags));
-}
+#define do_recv(step, fd, len, flags) GOT(step, recv(fd, rbuf, len, flags))
 
 /* What poll, epoll and select say of fd at once. */
 static void
@@ -424,7 +404,7 @@ act_say(act_t *a, const char *step)
 	pthread_join(a->t, NULL);
 	t_ret = a->ret;
 	t_err = a->err;
-	say(step, NULL);
+	say(step, "");
 }
 
 /* -------------------------------------------------------------- rows */
@@ -485,8 +465,7 @@ row_calls(const row_t *r)
 	p = (struct pollfd){ fd, POLLIN, 0 };
 	TRY(poll(&p, 1, 1000));
 	say("poll", "revents=%s", revents(p.revents));
-	TRY(ioctl(fd, FIONREAD, &v));
-	say("FIONREAD", "value=%d", v);
+	VAL("FIONREAD", ioctl(fd, FIONREAD, &v), v);
 	GOT("recv", recv(fd, rbuf, 100, 0));
 	FD_ZERO(&rs);
 	FD_SET(fd, &rs);
@@ -891,7 +870,7 @@ row_tx_burst(const row_t *r)
 		if (t_ret == 1200 && t_err == SENTINEL)
 			sent++;
 		else if ((t_ret != -1 || t_err != EAGAIN) && !other++)
-			say("send failed", NULL);
+			say("send failed", "");
 	}
 	setitimer(ITIMER_REAL, &off, NULL);
 	printf("burst                sent=%s other-failures=%d\n",
@@ -1244,14 +1223,12 @@ row_peek_trunc(const row_t *r)
 	int fd = bound(0), v = -1;
 
 	rcvtimeo(fd, 1000);
-	TRY(ioctl(fd, FIONREAD, &v));
-	say("FIONREAD empty", "value=%d", v);
+	VAL("FIONREAD empty", ioctl(fd, FIONREAD, &v), v);
 	DO("recv ERRQUEUE", recv(fd, rbuf, 100, MSG_ERRQUEUE | MSG_DONTWAIT));
 	peer_send(1, 100, 0);
 	do_recv("recv PEEK", fd, 100, MSG_PEEK);
 	memcpy(peeked, rbuf, 100);
-	TRY(ioctl(fd, FIONREAD, &v));
-	say("FIONREAD", "value=%d", v);
+	VAL("FIONREAD", ioctl(fd, FIONREAD, &v), v);
 	do_recv("recv PEEK 10", fd, 10, MSG_PEEK);
 	do_recv("recv PEEK|TRUNC 10", fd, 10, MSG_PEEK | MSG_TRUNC);
 	TRY(recvmsg(fd, &mh, MSG_PEEK));
@@ -1275,8 +1252,7 @@ row_peek_trunc(const row_t *r)
 	TRY(readv(fd, iov, 2));
 	say("readv 7+100", "bytes=%s", bytes(rbuf, 7));
 	say("", "bytes=%s", bytes(rbuf + 100, 70));
-	TRY(ioctl(fd, FIONREAD, &v));
-	say("FIONREAD after", "value=%d", v);
+	VAL("FIONREAD after", ioctl(fd, FIONREAD, &v), v);
 }
 
 /* Fragmented datagrams: the kernel reassembles them. */
@@ -1430,10 +1406,12 @@ main(int argc, char **argv)
 	find_ifname();
 	for (size_t i = 0; i < n; i++)
 		if (strcmp(argv[1], rows[i].name) == 0) {
-			ctl = socket(AF_UNIX, SOCK_STREAM, 0);
+			int c = socket(AF_UNIX, SOCK_STREAM, 0);
+
 			snprintf(un.sun_path, sizeof(un.sun_path), "%s",
 			    argv[4]);
-			if (connect(ctl, (struct sockaddr *)&un, sizeof(un))) {
+			if (connect(c, (struct sockaddr *)&un, sizeof(un)) ||
+			    (ctl = fdopen(c, "r")) == NULL) {
 				perror("control");
 				return 1;
 			}
