@@ -980,8 +980,8 @@ row_select_wide(const row_t *r)
 	p[0] = (struct pollfd){ fd, POLLIN, 0 };
 	p[1] = (struct pollfd){ BIG_FD, POLLIN, 0 };
 	TRY(poll(p, 2, 1000));
-	say("poll closed", "revents=%s,%s", revents(p[0].revents),
-	    revents(p[1].revents));
+	say("poll closed", "revents=%s", revents(p[0].revents));
+	printf("%-20s revents=%s\n", "  the closed one", revents(p[1].revents));
 	do_recv("recv", fd, 100, MSG_DONTWAIT);
 }
 
