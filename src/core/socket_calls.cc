@@ -122,7 +122,9 @@ ost_shutdown_call(int fd, int how)
 	int r = real_shutdown(fd, how);
 	uost_t *up;
 
-	if (r != 0 || (how != SHUT_WR && how != SHUT_RDWR) ||
+	/* An unconnected socket is shut all the same, with ENOTCONN. */
+	if ((r != 0 && errno != ENOTCONN) ||
+	    (how != SHUT_WR && how != SHUT_RDWR) ||
 	    (up = ost_find_sd(fd)) == NULL)
 		return r;
 	(void)pthread_mutex_lock(&up->uost_lock);

@@ -25,7 +25,6 @@ FALLBACK="calls fails"
 # Differences the library has by design, or has yet to lose, one
 # "row: reason" a line.
 KNOWN=(
-  "shutdown_unconnected: a shutdown that fails with ENOTCONN still shuts the kernel socket; sends after it are not yet refused (EPIPE)"
 )
 
 known() {
