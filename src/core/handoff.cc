@@ -12,35 +12,68 @@
 
 #include "core/ost.h"
 
+/* Whether a preload entry names this library, by any path. */
+static bool
+ost_is_our_entry(const char *entry, size_t len)
+{
+	static const char name[] = "ostrel.so";
+	const size_t nlen = sizeof(name) - 1;
+	const char *base = entry;
+
+	for (size_t i = 0; i < len; i++) {
+		if (entry[i] == '/')
+			base = entry + i + 1;
+	}
+	len -= (size_t)(base - entry);
+	return len >= nlen && memcmp(base, name, nlen) == 0 &&
+	    (len == nlen || base[nlen] == '.');
+}
+
 /*
- * Blanks the word that names the library, keeping the value's length.  Only
- * spaces separate words here: "a.so:ostrel.so.1" is one word and goes whole.
+ * Takes this library's entries out of a preload list, which the run-time
+ * linker splits at colons and spaces; the other entries keep their order
+ * and the separator before them.  Nothing left: the variable goes.  A
+ * fork that succeeds must leave errno alone.
  */
 void
 ost_env_cleanup(const char *name)
 {
 	const char *value = getenv(name);
-	char *copy, *start, *end;
+	const char *p;
+	char *out, *o;
+	bool found = false;
+	int saved_errno = errno;
 
 	if (value == NULL)
 		return;
-	copy = strdup(value);
-	if (copy == NULL) {
+	out = (char *)malloc(strlen(value) + 1);
+	if (out == NULL) {
 		(void)unsetenv(name);
+		errno = saved_errno;
 		return;
 	}
-	start = strstr(copy, "ostrel.so");
-	if (start == NULL) {
-		free(copy);
-		return;
+	o = out;
+	for (p = value; *p != '\0';) {
+		char sep = *p == ':' || *p == ' ' ? *p++ : '\0';
+		size_t len = strcspn(p, ": ");
+
+		if (len != 0 && ost_is_our_entry(p, len)) {
+			found = true;
+		} else if (len != 0) {
+			if (o != out)
+				*o++ = sep; /* not the first: has one */
+			memcpy(o, p, len);
+			o += len;
+		}
+		p += len;
 	}
-	while (start > copy && start[-1] != ' ')
-		start--;
-	for (end = start; *end != '\0' && *end != ' '; end++)
-		*end = ' ';
-	if (setenv(name, copy, 1) != 0)
+	*o = '\0';
+	if (found && o == out)
 		(void)unsetenv(name);
-	free(copy);
+	else if (found && setenv(name, out, 1) != 0)
+		(void)unsetenv(name);
+	free(out);
+	errno = saved_errno;
 }
 
 void

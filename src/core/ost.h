@@ -109,7 +109,7 @@ typedef struct uost_s {
 	 * datagram; relaxed atomics (epoll's edge-triggered news). */
 	uint32_t uost_empty_seq;
 	pthread_cond_t uost_recv_cv;
-	uint32_t uost_refcnt;
+	uint32_t uost_refcnt; /* atomic, with OST_REF_DRAIN (registry.cc) */
 	pthread_cond_t uost_cv;
 	pthread_mutex_t uost_lock;
 	uint32_t uost_if_index;
@@ -139,6 +139,9 @@ typedef struct uost_s {
 	 * for a pending error (an ICMP error the kernel reports on send). */
 	hrtime_t uost_err_due;
 } uost_t;
+
+/* In uost_refcnt: a teardown waits for the count to fall to 2. */
+#define OST_REF_DRAIN 0x80000000U
 
 /* One registry bucket, padded so that neighbours' locks do not share a line. */
 typedef struct fd_tbl {

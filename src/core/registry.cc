@@ -18,6 +18,28 @@
 
 fd_tbl_t fd_tbl_array[OST_NBUCKETS]; /* see fd_tbl_t */
 
+/*
+ * How many records each descriptor number below OST_FD_MARKS has, changed
+ * under its bucket lock and read without it: a call on a descriptor that
+ * is no bypass socket (a file, a pipe, a TCP socket), the common case,
+ * takes no lock at all.  A record is counted before any thread can learn
+ * its descriptor from socket() and uncounted only once it is unlinked.
+ */
+#define OST_FD_MARKS 65536
+static uint16_t ost_fd_marks[OST_FD_MARKS];
+
+static void
+ost_fd_mark(int sd, int delta)
+{
+	if ((unsigned)sd < OST_FD_MARKS)
+		(void)__atomic_add_fetch(&ost_fd_marks[sd], delta,
+		    __ATOMIC_RELAXED);
+}
+
+static void ost_fork_prepare(void);
+static void ost_fork_parent(void);
+static void ost_fork_child(void);
+
 void
 ost_registry_init(void)
 {
@@ -30,6 +52,50 @@ ost_registry_init(void)
 			ost_debug("cannot init mutex\n");
 			exit(1);
 		}
+	}
+	if (pthread_atfork(ost_fork_prepare, ost_fork_parent, ost_fork_child) !=
+	    0)
+		ost_debug("cannot register the fork handlers\n");
+}
+
+/*
+ * fork() in a threaded program: the child has only the forking thread, so
+ * a lock that another thread held at the fork stays held for ever.  The
+ * fork wrapper has torn every record down, but other threads may have made
+ * new ones since and may hold their locks, so the child forgets whatever
+ * the registry holds at the fork.  The bucket locks are taken around the
+ * fork so that the lists are whole, and no finder waits under one, so this
+ * never waits long.
+ */
+static void
+ost_fork_prepare(void)
+{
+	for (int i = 0; i < OST_NBUCKETS; i++)
+		(void)pthread_mutex_lock(&fd_tbl_array[i].ft_lock);
+}
+
+static void
+ost_fork_parent(void)
+{
+	for (int i = OST_NBUCKETS - 1; i >= 0; i--)
+		(void)pthread_mutex_unlock(&fd_tbl_array[i].ft_lock);
+}
+
+/*
+ * The records are left as they are, not freed: their locks may be held by
+ * threads that are not here, and their frame-access handles belong to the
+ * parent.  The kernel sockets, shared with the parent, stay as they are.
+ */
+static void
+ost_fork_child(void)
+{
+	for (int i = OST_NBUCKETS - 1; i >= 0; i--) {
+		fd_tbl_t *ft = &fd_tbl_array[i];
+		uost_t *up;
+
+		while ((up = (uost_t *)list_remove_head(&ft->ft_head)) != NULL)
+			ost_fd_mark(up->uost_sd, -1);
+		(void)pthread_mutex_unlock(&ft->ft_lock);
 	}
 }
 
@@ -83,12 +149,13 @@ ost_add(int sd, int family)
 		free(up);
 		return ost_add_fail();
 	}
-	up->uost_refcnt = 1;
+	up->uost_refcnt = 1; /* not yet shared */
 
 	ft = ost_bucket(sd);
 	up->uost_bucket = ft;
 	(void)pthread_mutex_lock(&ft->ft_lock);
 	list_insert_head(&ft->ft_head, up);
+	ost_fd_mark(sd, 1);
 	(void)pthread_mutex_unlock(&ft->ft_lock);
 	return true;
 }
@@ -99,6 +166,9 @@ ost_find_sd(int sd)
 	fd_tbl_t *ft = ost_bucket(sd);
 	uost_t *up;
 
+	if ((unsigned)sd < OST_FD_MARKS &&
+	    __atomic_load_n(&ost_fd_marks[sd], __ATOMIC_RELAXED) == 0)
+		return NULL;
 	(void)pthread_mutex_lock(&ft->ft_lock);
 	/* Newest first: a reused descriptor finds its newest record. */
 	for (up = (uost_t *)list_head(&ft->ft_head); up != NULL;
@@ -106,37 +176,62 @@ ost_find_sd(int sd)
 		if (up->uost_sd == sd)
 			break;
 	}
+	/*
+	 * The registry's reference keeps a linked record alive, and a
+	 * teardown unlinks under this lock before it reads the count, so a
+	 * relaxed increment is seen; no record lock is waited for here.
+	 */
 	if (up != NULL)
-		ost_hold(up);
+		(void)__atomic_add_fetch(&up->uost_refcnt, 1, __ATOMIC_RELAXED);
 	(void)pthread_mutex_unlock(&ft->ft_lock);
 	return up;
 }
 
-/* Another reference for a holder of one (or for the registry's walker). */
+/* Another reference for a holder of one. */
 void
 ost_hold(uost_t *up)
 {
-	(void)pthread_mutex_lock(&up->uost_lock);
-	OST_VERIFY(up->uost_refcnt != 0);
-	up->uost_refcnt++;
-	(void)pthread_mutex_unlock(&up->uost_lock);
+	uint32_t old =
+	    __atomic_fetch_add(&up->uost_refcnt, 1, __ATOMIC_RELAXED);
+
+	OST_VERIFY((old & ~OST_REF_DRAIN) != 0);
 }
 
 /* For callers that hold uost_lock already; the lock stays held. */
 void
 ost_release_locked(uost_t *up)
 {
-	OST_VERIFY((up)->uost_refcnt > 1);
-	if (--up->uost_refcnt == 2)
+	uint32_t n = __atomic_sub_fetch(&up->uost_refcnt, 1, __ATOMIC_RELEASE);
+
+	OST_VERIFY((n & ~OST_REF_DRAIN) != 0);
+	if (n == (OST_REF_DRAIN | 2))
 		(void)pthread_cond_signal(&up->uost_cv);
 }
 
+/*
+ * Without the lock, unless ours is the last reference a teardown waits for:
+ * a poll pass that found the lock busy must not wait for it to let go.
+ * The teardown raises OST_REF_DRAIN under the lock before it waits, so the
+ * step down to its 2 is always made under the lock (no lost wake-up), and
+ * a releaser that did not see the flag is counted by the teardown's check.
+ * Nothing touches the record after a lock-free step: the teardown may free
+ * it at once.
+ */
 void
 ost_release(uost_t *up)
 {
-	(void)pthread_mutex_lock(&up->uost_lock);
-	ost_release_locked(up);
-	(void)pthread_mutex_unlock(&up->uost_lock);
+	uint32_t c = __atomic_load_n(&up->uost_refcnt, __ATOMIC_RELAXED);
+
+	do {
+		OST_VERIFY((c & ~OST_REF_DRAIN) > 1);
+		if (c == (OST_REF_DRAIN | 3)) {
+			(void)pthread_mutex_lock(&up->uost_lock);
+			ost_release_locked(up);
+			(void)pthread_mutex_unlock(&up->uost_lock);
+			return;
+		}
+	} while (!__atomic_compare_exchange_n(&up->uost_refcnt, &c, c - 1, true,
+	    __ATOMIC_RELEASE, __ATOMIC_RELAXED));
 }
 
 /*
@@ -159,12 +254,18 @@ ost_destroy(uost_t *up)
 static void
 ost_drain_locked(uost_t *up)
 {
-	OST_VERIFY(up->uost_refcnt >= 2);
+	uint32_t c;
+
 	up->uost_closing = true;
 	/* Wake a receiver that waits for the receive slot: it must leave. */
 	(void)pthread_cond_broadcast(&up->uost_recv_cv);
-	while (up->uost_refcnt > 2)
+	c = __atomic_or_fetch(&up->uost_refcnt, OST_REF_DRAIN,
+	    __ATOMIC_ACQUIRE);
+	OST_VERIFY(c >= (OST_REF_DRAIN | 2));
+	while (c > (OST_REF_DRAIN | 2)) {
 		(void)pthread_cond_wait(&up->uost_cv, &up->uost_lock);
+		c = __atomic_load_n(&up->uost_refcnt, __ATOMIC_ACQUIRE);
+	}
 }
 
 /*
@@ -193,8 +294,10 @@ ost_del(uost_t *up, bool sd_open)
 
 	(void)pthread_mutex_lock(&ft->ft_lock);
 	mine = list_link_active(&up->uost_list);
-	if (mine)
+	if (mine) {
 		list_remove(&ft->ft_head, up);
+		ost_fd_mark(up->uost_sd, -1);
+	}
 	(void)pthread_mutex_unlock(&ft->ft_lock);
 
 	if (mine) {
@@ -223,8 +326,9 @@ ost_del_all(void)
 		(void)pthread_mutex_lock(&ft->ft_lock);
 		while (
 		    (up = (uost_t *)list_remove_head(&ft->ft_head)) != NULL) {
-			(void)pthread_mutex_unlock(&ft->ft_lock);
+			ost_fd_mark(up->uost_sd, -1);
 			ost_hold(up); /* the teardown's own */
+			(void)pthread_mutex_unlock(&ft->ft_lock);
 			ost_teardown(up, true);
 			(void)pthread_mutex_lock(&ft->ft_lock);
 		}

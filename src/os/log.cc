@@ -6,6 +6,7 @@
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "os/verify.h"
@@ -15,6 +16,34 @@ bool err_exit;             /* immutable after start-up */
 static FILE *ost_debug_fp; /* immutable after start-up */
 
 static char ost_ntoa_buf[INET6_ADDRSTRLEN]; /* log lines only; shared */
+
+/*
+ * The file is in a directory everyone may write, under a name anyone can
+ * guess, and the process may run as root: a symbolic link, a hard link or
+ * a FIFO planted there must not make us truncate, write or block on
+ * something else.  So no link is followed, nothing is truncated before the
+ * file is known to be a regular file of ours with one name, and a FIFO
+ * fails to open instead of waiting for a reader.  Any doubt: standard
+ * error, as when the file cannot be made.
+ */
+static int
+ost_debug_open(const char *path)
+{
+	struct stat st;
+	int fd;
+
+	fd = open(path,
+	    O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+	if (fd < 0)
+		return -1;
+	if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) ||
+	    st.st_uid != geteuid() || st.st_nlink != 1 ||
+	    fchmod(fd, 0600) != 0 || ftruncate(fd, 0) != 0) {
+		(void)close(fd);
+		return -1;
+	}
+	return fd;
+}
 
 void
 ost_debug_init(bool to_file)
@@ -28,7 +57,7 @@ ost_debug_init(bool to_file)
 	(void)snprintf(path, sizeof(path), "/tmp/ost_debug.%ld",
 	    (long)getpid());
 	/* Close-on-exec: a program started by exec must not inherit it. */
-	fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+	fd = ost_debug_open(path);
 	if (fd >= 0) {
 		FILE *fp = fdopen(fd, "w");
 

@@ -38,7 +38,8 @@ uint32_t
 refcnt_of(uost_t *up)
 {
 	pthread_mutex_lock(&up->uost_lock);
-	uint32_t n = up->uost_refcnt;
+	uint32_t n = __atomic_load_n(&up->uost_refcnt, __ATOMIC_RELAXED) &
+	    ~OST_REF_DRAIN;
 	pthread_mutex_unlock(&up->uost_lock);
 	return n;
 }

@@ -1,0 +1,85 @@
+/* The debug log file against what another user may plant at its name. */
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "support.h"
+
+namespace
+{
+
+enum Plant {
+	kSymlink,
+	kHardLink,
+	kFifo,
+	kOtherOwner
+};
+
+std::string
+contents(const std::string &path)
+{
+	std::ifstream in(path);
+	std::stringstream ss;
+	ss << in.rdbuf();
+	return ss.str();
+}
+
+/*
+ * In a child, since the name holds the pid: plants a trap at the log's
+ * name, opens the log, writes a line.  0 when the victim file is intact
+ * and the line went to standard error.
+ */
+[[noreturn]] void
+open_over(Plant plant)
+{
+	std::string path = "/tmp/ost_debug." + std::to_string((long)getpid());
+	std::string victim = path + ".victim";
+	int ok = -1;
+
+	alarm(5); /* a FIFO must not make the open wait */
+	unlink(path.c_str());
+	std::ofstream(victim) << "keep";
+	switch (plant) {
+	case kSymlink:
+		ok = symlink(victim.c_str(), path.c_str());
+		break;
+	case kHardLink:
+		ok = link(victim.c_str(), path.c_str());
+		break;
+	case kFifo:
+		ok = mkfifo(path.c_str(), 0666);
+		break;
+	case kOtherOwner:
+		std::ofstream(path) << "keep";
+		ok = chown(path.c_str(), 65534, 65534);
+		break;
+	}
+	if (ok != 0)
+		_exit(10);
+	ost_debug_flag = 2;
+	ost_debug_init(true);
+	std::string out =
+	    capture_stderr([](void *) { ost_debug("hello\n"); }, nullptr);
+	bool intact = contents(victim) == "keep" &&
+	    (plant != kOtherOwner || contents(path) == "keep");
+	unlink(path.c_str());
+	unlink(victim.c_str());
+	_exit(!intact ? 2 : out.find("hello") == std::string::npos ? 3 : 0);
+}
+
+TEST(DebugFile, PlantedNamesAreNotWrittenThrough)
+{
+	for (Plant p : { kSymlink, kHardLink, kFifo, kOtherOwner }) {
+		if (p == kOtherOwner && geteuid() != 0)
+			continue;
+		EXPECT_EXIT(open_over(p), ::testing::ExitedWithCode(0), "")
+		    << "plant " << p;
+	}
+}
+
+} // namespace
