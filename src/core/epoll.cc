@@ -53,7 +53,23 @@ typedef struct ost_ep_set {
 
 static pthread_mutex_t ost_ep_lock = PTHREAD_MUTEX_INITIALIZER;
 static ost_ep_set_t *ost_ep_sets; /* protected by ost_ep_lock */
-static int ost_ep_count;          /* sets; read unlocked as a hint */
+
+/* Around fork (core/registry.cc), so that the child's lock is free. */
+void
+ost_epoll_fork_lock(bool take)
+{
+	if (take)
+		(void)pthread_mutex_lock(&ost_ep_lock);
+	else
+		(void)pthread_mutex_unlock(&ost_ep_lock);
+}
+
+void
+ost_epoll_fork_reset(void)
+{
+	(void)pthread_mutex_init(&ost_ep_lock, NULL);
+}
+static int ost_ep_count; /* sets; read unlocked as a hint */
 
 static ost_ep_set_t *
 ost_ep_find(int epfd)

@@ -284,6 +284,10 @@ bool ost_epoll_watched(int epfd);
 int ost_epoll_wait(int epfd, struct epoll_event *evs, int max, hrtime_t timeout,
     const sigset_t *mask);
 void ost_epoll_forget(int fd);
+void ost_epoll_fork_lock(bool take);
+void ost_epoll_fork_reset(void);
+/* Set by fork() called from a handler inside one of our calls. */
+extern __thread bool ost_fork_in_handler;
 
 /* Multicast groups to Ethernet addresses. */
 void ost_maddr_ip2e_v4(uint32_t group, struct ether_addr *ether);

@@ -67,9 +67,22 @@ ost_registry_init(void)
  * fork so that the lists are whole, and no finder waits under one, so this
  * never waits long.
  */
+__thread bool ost_fork_in_handler;
+
+/*
+ * A fork from a signal handler that interrupted one of our calls on this
+ * thread must not wait for a lock that call may hold: then nothing is
+ * taken, and the child makes its locks afresh.
+ */
+static bool ost_fork_unlocked;
+
 static void
 ost_fork_prepare(void)
 {
+	ost_fork_unlocked = ost_fork_in_handler;
+	if (ost_fork_unlocked)
+		return;
+	ost_epoll_fork_lock(true); /* epoll's lock comes before ours */
 	for (int i = 0; i < OST_NBUCKETS; i++)
 		(void)pthread_mutex_lock(&fd_tbl_array[i].ft_lock);
 }
@@ -77,8 +90,11 @@ ost_fork_prepare(void)
 static void
 ost_fork_parent(void)
 {
+	if (ost_fork_unlocked)
+		return;
 	for (int i = OST_NBUCKETS - 1; i >= 0; i--)
 		(void)pthread_mutex_unlock(&fd_tbl_array[i].ft_lock);
+	ost_epoll_fork_lock(false);
 }
 
 /*
@@ -95,8 +111,15 @@ ost_fork_child(void)
 
 		while ((up = (uost_t *)list_remove_head(&ft->ft_head)) != NULL)
 			ost_fd_mark(up->uost_sd, -1);
-		(void)pthread_mutex_unlock(&ft->ft_lock);
+		if (ost_fork_unlocked)
+			(void)pthread_mutex_init(&ft->ft_lock, NULL);
+		else
+			(void)pthread_mutex_unlock(&ft->ft_lock);
 	}
+	if (ost_fork_unlocked)
+		ost_epoll_fork_reset();
+	else
+		ost_epoll_fork_lock(false);
 }
 
 static fd_tbl_t *

@@ -136,8 +136,13 @@ fork(void)
 {
 	ost_call call;
 
+	pid_t pid;
+
 	ost_hand_off(call);
-	return call.ret(real_fork());
+	ost_fork_in_handler = call.nested();
+	pid = real_fork();
+	ost_fork_in_handler = false;
+	return call.ret(pid);
 }
 
 OST_EXPORT int

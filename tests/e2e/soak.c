@@ -103,8 +103,14 @@ main(int argc, char **argv)
 	for (;;) {
 		ssize_t n = recvfrom(fd, buf, sizeof(buf), 0, (struct sockaddr *)&peer, &plen);
 
-		if (n < 0)
-			return fprintf(stderr, "nothing for 5 s after %llu\n", (ull)count), 1;
+		if (n < 0) {
+			uint64_t gap = 0;
+
+			while (gap < (1u << 27) && (seen[gap / 8] & 1 << gap % 8))
+				gap++;
+			return fprintf(stderr, "nothing for 5 s after %llu, first missing %llu\n",
+			    (ull)count, (ull)gap), 1;
+		}
 		if (n == 16 && memcmp(buf, "SOAKFIN!", 8) == 0) {
 			memcpy(&seq, buf + 8, 8);
 			if (count != seq)

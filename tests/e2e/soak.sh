@@ -26,7 +26,8 @@ run() {
   wait_line "$NETNS_TMP/ready" "$pid" ready || fail "$label: $(cat "$NETNS_TMP/ready")"
   sent=$(in_ns "$NS_A" env LD_PRELOAD="$pre" "$SOAK" send "$IP4_B" "$port" \
     "$SECS" "$@" 2>"$NETNS_TMP/send.err") ||
-    fail "$label: sender: $sent $(cat "$NETNS_TMP/send.err")"
+    { wait "$pid" || true; fail "$label: sender: $sent $(cat "$NETNS_TMP/send.err")," \
+      "receiver: $(cat "$NETNS_TMP/ready")"; }
   wait "$pid" || fail "$label: receiver: $(cat "$NETNS_TMP/ready")"
   got=$(cat "$NETNS_TMP/got")
   [ "$got" = "$sent" ] || fail "$label: sent $sent, received $got"
