@@ -3,8 +3,8 @@
  * handle belongs to the process that opened it, and a kernel socket in
  * bypass mode would go deaf without it, so before a new process or image
  * is made every record is torn down, every socket goes back to the kernel,
- * and the library's name is blanked out of the preload variables so that
- * programs started through the environment do not load it.
+ * and the library's own entry is taken out of the preload variables so
+ * that programs started through the environment do not load it.
  */
 #include <errno.h>
 #include <stdlib.h>
