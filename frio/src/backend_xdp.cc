@@ -44,6 +44,7 @@
 #include <sys/socket.h>
 #include <signal.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <linux/ethtool.h>
@@ -188,6 +189,38 @@ static xdp_port_t *xdp_ports;
 /* Whether an open already waited for a busy queue; protected by
  * xdp_lock. */
 static bool xdp_waited;
+/*
+ * The queue another process held at our last try, and until when to
+ * believe it without asking: every try registers a UMEM and binds a
+ * socket, which makes a sender that keeps setting up destinations slow
+ * to a crawl.  Protected by xdp_lock.
+ */
+#define XDP_BUSY_MEMORY_NS (1000 * 1000 * 1000LL)
+static const char xdp_busy_msg[] = "queue busy: another process has AF_XDP "
+				   "sockets on it (FRIO_QUEUE picks another)";
+static struct {
+	uint64_t bq_netns;
+	int bq_ifindex;
+	uint32_t bq_queue;
+	int64_t bq_until; /* CLOCK_MONOTONIC ns; 0: none */
+} xdp_busy;
+
+static int64_t
+xdp_now(void)
+{
+	struct timespec ts;
+
+	(void)clock_gettime(CLOCK_MONOTONIC, &ts);
+	return (int64_t)ts.tv_sec * 1000000000LL + ts.tv_nsec;
+}
+
+static bool
+xdp_busy_known(uint64_t netns, int ifindex, uint32_t queue)
+{
+	return xdp_busy.bq_until != 0 && xdp_busy.bq_netns == netns &&
+	    xdp_busy.bq_ifindex == ifindex && xdp_busy.bq_queue == queue &&
+	    xdp_now() < xdp_busy.bq_until;
+}
 
 static xdp_handle_t *
 xdp_of(struct frio_handle *hdl)
@@ -1135,11 +1168,14 @@ open_socket(xdp_handle_t *xh, const char *ifname)
 	xdp_waited = true;
 	if (err != 0) {
 		xh->xh_xsk = NULL;
+		if (err == EBUSY) {
+			xdp_busy.bq_netns = xp->xp_netns;
+			xdp_busy.bq_ifindex = xp->xp_ifindex;
+			xdp_busy.bq_queue = xp->xp_queue;
+			xdp_busy.bq_until = xdp_now() + XDP_BUSY_MEMORY_NS;
+		}
 		if (err == EBUSY)
-			return frio_fail(FRIO_STATUS_FAILED,
-			    "queue busy: "
-			    "another process has AF_XDP sockets on it "
-			    "(FRIO_QUEUE picks another)");
+			return frio_fail(FRIO_STATUS_FAILED, xdp_busy_msg);
 		frio_debug("xdp: %s: cannot bind an AF_XDP socket to queue "
 			   "%u: %s",
 		    ifname, xp->xp_queue, strerror(err));
@@ -1226,6 +1262,11 @@ xdp_open(const char *ifname, int ifindex, struct frio_handle **hdlp)
 	netns = frio_netns();
 
 	(void)pthread_mutex_lock(&xdp_lock);
+	if (xdp_busy_known(netns, ifindex, queue)) {
+		(void)pthread_mutex_unlock(&xdp_lock);
+		free(xh);
+		return frio_fail(FRIO_STATUS_FAILED, xdp_busy_msg);
+	}
 	old_print = libbpf_set_print(xdp_libbpf_print);
 	if ((st = open_port(xh, netns, ifindex, queue, &new_port)) ==
 		FRIO_STATUS_OK &&
