@@ -119,8 +119,14 @@ pingpong() {
   awk -F, '/^ *[0-9]/ && NF >= 4 { print $4 + 0 }' "$NETNS_TMP/pp.csv" |
     sort -n >"$NETNS_TMP/pp.sorted"
   stats "$name" "$NETNS_TMP/pp.sorted" "$secs"
-  # Each sample is a round trip: two datagrams.
-  awk -v name="$name" -v srv="$t0" -v tick="$tick" -v secs="$secs" \
+  cpu_record "$name" "$t0"
+}
+
+# cpu_record NAME SERVER_TICKS: notes for cpu_table the client's time
+# (pp.time) and the server's over the samples in pp.sorted, each a round
+# trip: two datagrams.
+cpu_record() {
+  awk -v name="$1" -v srv="$2" -v tick="$tick" -v secs="$secs" \
     -v n="$(wc -l <"$NETNS_TMP/pp.sorted")" '{
       cpu = $1 + $2 + srv / tick
       printf "%s\t%.2f\t%.2f\t%.2f\n", name, cpu, n ? 1e6 * cpu / (2 * n) : 0, cpu / secs
@@ -154,13 +160,17 @@ pingpong6() {
   [ "$preload" = yes ] && envs+=(LD_PRELOAD="$OSTREL_LIB")
   port=$((port + 1))
   ip netns exec "$NS_B" env "${envs[@]}" "$bin" server "$dst" "$port" &
-  local server=$!
+  local server=$! t0 TIMEFORMAT='%3U %3S'
   NETNS_PIDS+=("$server")
   wait_udp_port "$NS_B" "$port"
-  in_ns "$NS_A" env "${envs[@]}" "$bin" client "$dst" "$port" "$bytes" "$secs" |
-    sort -n >"$NETNS_TMP/pp.sorted"
+  t0=$(cpu_ticks "$server")
+  { time in_ns "$NS_A" env "${envs[@]}" "$bin" client "$dst" "$port" "$bytes" "$secs" \
+    >"$NETNS_TMP/pp.out"; } 2>"$NETNS_TMP/pp.time"
+  t0=$(($(cpu_ticks "$server") - t0))
   stop "$server"
+  sort -n "$NETNS_TMP/pp.out" >"$NETNS_TMP/pp.sorted"
   stats "$name" "$NETNS_TMP/pp.sorted" "$secs"
+  cpu_record "$name" "$t0"
 }
 
 # floor BYTES: raw libfrio round trips, with busy-polling kernel sockets
@@ -325,7 +335,7 @@ flood() {
   for i in $(seq "$pairs"); do
     echo "$(awk '{ print $2 }' "$NETNS_TMP/flood.sent$i") $(awk '{ print $2 }' "$NETNS_TMP/flood.recv$i")"
   done | awk -v name="$name" -v secs="$secs" '
-    { s += $1; g += $2; lost = lost (NR > 1 ? "/" : "") ($1 - $2) }
+    { s += $1; g += $2; lost = lost (NR > 1 ? "  " : "") ($1 - $2) "/" $1 }
     END { printf "%-30s %10d %10d %9.0f  %s\n", name, s, g, g / secs, lost }'
 }
 
@@ -363,13 +373,16 @@ if [ "$mode" = mixed ]; then
   done
   mixed_line kernel
   mixed_line ostrel
+  for cfg in kernel ostrel; do
+    printf '%-8s req/s by run: %s\n' "$cfg" "$(awk '{ printf " %.0f", $2 / $3 }' "$NETNS_TMP/mixed.$cfg")"
+  done
   exit 0
 fi
 if [ "$mode" = throughput ]; then
   pairs=${BENCH_PAIRS:-4}
   echo
   echo "$pairs one-way flows at once, udp_flood, 64 B IPv4, ${secs}s, backend $backend"
-  printf '%-30s %10s %10s %9s  %s\n' case sent received "msg/s" "lost per pair"
+  printf '%-30s %10s %10s %9s  %s\n' case sent received "msg/s" "lost/sent per pair"
   flood "kernel  $pairs pairs" no
   flood "ostrel  $pairs pairs" yes
   exit 0
@@ -438,6 +451,7 @@ pingpong "ostrel  poll, 1 ms busy" yes "$dst4" 64 _OSTREL_POLL_USEC=1000 -- -F p
 pingpong "ostrel  poll, no busy phase" yes "$dst4" 64 -- -F poll
 pingpong "kernel  select" no "$dst4" 64 -- -F select
 pingpong "ostrel  select" yes "$dst4" 64 -- -F select
+cpu_table
 
 echo
 echo "One-way throughput, 64 B IPv4, ${secs}s, as fast as the sender goes"
