@@ -100,7 +100,7 @@ pingpong() {
   fi
   ip netns exec "$NS_B" env "${envs[@]}" sockperf sr "${where[@]}" \
     "${opts[@]}" >/dev/null 2>&1 &
-  local server=$! t0 TIMEFORMAT='%3U %3S'
+  local server=$! t0 TIMEFORMAT='%3U %3S %3R'
   NETNS_PIDS+=("$server")
   wait_udp_port "$NS_B" "$port"
   t0=$(cpu_ticks "$server")
@@ -119,17 +119,23 @@ pingpong() {
   awk -F, '/^ *[0-9]/ && NF >= 4 { print $4 + 0 }' "$NETNS_TMP/pp.csv" |
     sort -n >"$NETNS_TMP/pp.sorted"
   stats "$name" "$NETNS_TMP/pp.sorted" "$secs"
-  cpu_record "$name" "$t0"
+  # sockperf's whole run (its warm-up included; its 2 s wait before, in
+  # which both sides block, is not) against the CPU time of both.
+  cpu_record "$name" "$t0" $(sed -n \
+    's/.*Total Run.*RunTime=\([0-9.]*\).*ReceivedMessages=\([0-9]*\).*/\2 \1/p' \
+    "$NETNS_TMP/pp.log" | tail -1)
 }
 
-# cpu_record NAME SERVER_TICKS: notes for cpu_table the client's time
-# (pp.time) and the server's over the samples in pp.sorted, each a round
-# trip: two datagrams.
+# cpu_record NAME SERVER_TICKS ROUND_TRIPS [SECONDS]: notes for cpu_table
+# the client's user and system time (pp.time) and the server's over the
+# same stretch, for ROUND_TRIPS (two datagrams each) in SECONDS (the
+# client's real time without it).
 cpu_record() {
-  awk -v name="$1" -v srv="$2" -v tick="$tick" -v secs="$secs" \
-    -v n="$(wc -l <"$NETNS_TMP/pp.sorted")" '{
+  awk -v name="$1" -v srv="$2" -v tick="$tick" -v n="${3:-0}" -v t="${4:-0}" '{
       cpu = $1 + $2 + srv / tick
-      printf "%s\t%.2f\t%.2f\t%.2f\n", name, cpu, n ? 1e6 * cpu / (2 * n) : 0, cpu / secs
+      if (!t) t = $3
+      printf "%s\t%.2f\t%.2f\t%.2f\n", name, cpu, n ? 1e6 * cpu / (2 * n) : 0,
+        t ? cpu / t : 0
     }' "$NETNS_TMP/pp.time" >>"$NETNS_TMP/cpu.tsv"
 }
 
@@ -142,8 +148,8 @@ cpu_ticks() {
   echo $((${12} + ${13}))
 }
 
-# cpu_table: what pingpong recorded, the CPU time of client and server
-# together.
+# cpu_table: what the ping-pongs recorded: the CPU time of client and
+# server together, per datagram, and in cores (over the client's run).
 cpu_table() {
   [ -s "$NETNS_TMP/cpu.tsv" ] || return 0
   echo
@@ -160,7 +166,7 @@ pingpong6() {
   [ "$preload" = yes ] && envs+=(LD_PRELOAD="$OSTREL_LIB")
   port=$((port + 1))
   ip netns exec "$NS_B" env "${envs[@]}" "$bin" server "$dst" "$port" &
-  local server=$! t0 TIMEFORMAT='%3U %3S'
+  local server=$! t0 TIMEFORMAT='%3U %3S %3R'
   NETNS_PIDS+=("$server")
   wait_udp_port "$NS_B" "$port"
   t0=$(cpu_ticks "$server")
@@ -170,7 +176,8 @@ pingpong6() {
   stop "$server"
   sort -n "$NETNS_TMP/pp.out" >"$NETNS_TMP/pp.sorted"
   stats "$name" "$NETNS_TMP/pp.sorted" "$secs"
-  cpu_record "$name" "$t0"
+  # The client's first 1000 round trips are not printed.
+  cpu_record "$name" "$t0" $(($(wc -l <"$NETNS_TMP/pp.sorted") + 1000))
 }
 
 # floor BYTES: raw libfrio round trips, with busy-polling kernel sockets
