@@ -151,6 +151,8 @@ receiver(void *arg)
 			continue;
 		}
 		memcpy(&rq, buf, sizeof(rq));
+		if (rq.sent_ns == 0)
+			continue; /* a late answer to the first request */
 		uint64_t rtt = t - rq.sent_ns, b = rtt / 100;
 
 		hist[b < BUCKETS ? b : BUCKETS - 1]++;
