@@ -18,7 +18,8 @@
 #          five runs each of kernel and ostrel, alternating; requests per
 #          second, round trip, CPU time per request, unanswered requests
 #   throughput  four udp_flood sender/receiver pairs at once, one-way:
-#          datagrams per second and the loss of each pair
+#          datagrams per second and the loss of each pair (BENCH_PAIRS=N:
+#          N pairs)
 #   idle   a receiver blocked in recvfrom, and one in poll, with nothing
 #          arriving: CPU use (default 10 s)
 #
