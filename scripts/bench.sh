@@ -1,37 +1,56 @@
 #!/usr/bin/env bash
-# bench.sh [main|suite] [options]: UDP latency and throughput between two
-# network namespaces joined by a single-queue veth pair, unmodified sockperf
-# through the kernel and through ostrel in the same run on the same test
-# bed, and the raw frame-access floor.  Prints one line per case: samples,
-# min, p50, p99, p99.9 and max of the one-way latency (half the round trip)
-# in microseconds, and messages per second.
+# bench.sh [main|suite|epoll|mixed|throughput|idle] [options]: UDP latency,
+# throughput and CPU cost between two network namespaces joined by a
+# single-queue veth pair, through the kernel and through ostrel in the same
+# run on the same test bed, and the raw frame-access floor.  Latency tables
+# give samples, min, p50, p99, p99.9 and max in microseconds, and messages
+# per second.
 #
-#   main   (default) 64-byte ping-pong: kernel, ostrel, raw libfrio floor
+#   main   (default) 64-byte sockperf ping-pong (one-way latency): kernel,
+#          ostrel, raw libfrio floor; CPU time per datagram of both sides
 #   epoll  64-byte ping-pong with sockperf's epoll multiplexer (-F epoll)
 #          beside its blocking receive, and an asyncio echo round trip
 #   suite  payloads 64, 512 and 1472 over IPv4 and IPv6, the receive
 #          styles (busy-wait, poll mode, poll with a busy phase, select),
 #          busy-polling kernel sockets, and one-way throughput
+#   mixed  udp_reqgen (a sending and a receiving thread on one socket, -n
+#          requests in flight) against udp_echo (poll, recvfrom, sendto):
+#          five runs each of kernel and ostrel, alternating; requests per
+#          second, round trip, CPU time per request, unanswered requests
+#   throughput  four udp_flood sender/receiver pairs at once, one-way:
+#          datagrams per second and the loss of each pair (BENCH_PAIRS=N:
+#          N pairs)
+#   idle   a receiver blocked in recvfrom, and one in poll, with nothing
+#          arriving: CPU use (default 10 s)
 #
-#   -t SECONDS  per case (default 5)        -m BYTES  payload (main; 64)
+#   -t SECONDS  per case (default 5; mixed 4, idle 10)
+#   -m BYTES  payload (main; 64)     -n REQUESTS  in flight (mixed; 10)
 #   -b BACKEND  xdp (default) or packet      -6        IPv6 (main)
 #
 # Needs root and a build (scripts/build.sh).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 mode=main
-case ${1:-} in main|suite|epoll) mode=$1; shift ;; esac
-secs=5 size=64 backend=xdp family=4
-while getopts "t:m:b:6" o; do
+case ${1:-} in main|suite|epoll|mixed|throughput|idle) mode=$1; shift ;; esac
+secs= size=64 backend=xdp family=4 inflight=10
+while getopts "t:m:b:n:6" o; do
   case $o in
   t) secs=$OPTARG ;; m) size=$OPTARG ;; b) backend=$OPTARG ;; 6) family=6 ;;
-  *) sed -n '2,19p' "$0"; exit 2 ;;
+  n) inflight=$OPTARG ;;
+  *) awk 'NR > 1 && !/^#/ { exit } NR > 1' "$0"; exit 2 ;;
   esac
 done
+case $mode in mixed) : "${secs:=4}" ;; idle) : "${secs:=10}" ;; *) : "${secs:=5}" ;; esac
 OSTREL_BUILD=${OSTREL_BUILD:-$root/build}
 . "$root/tests/lib/netns.sh"
+bin=$OSTREL_BUILD/bin
 netns_start
-command -v sockperf >/dev/null || fail "sockperf is not installed (scripts/setup.sh)"
+case $mode in
+main | suite | epoll)
+  command -v sockperf >/dev/null || fail "sockperf is not installed (scripts/setup.sh)" ;;
+*) [ -x "$bin/udp_reqgen" ] || fail "no $bin/udp_reqgen: build first (scripts/build.sh)" ;;
+esac
+tick=$(getconf CLK_TCK)
 netns_pair
 export FRIO_BACKEND=$backend
 port=$((11000 + RANDOM % 1000))
@@ -82,21 +101,62 @@ pingpong() {
   fi
   ip netns exec "$NS_B" env "${envs[@]}" sockperf sr "${where[@]}" \
     "${opts[@]}" >/dev/null 2>&1 &
-  local server=$!
+  local server=$! t0 TIMEFORMAT='%3U %3S %3R'
   NETNS_PIDS+=("$server")
   wait_udp_port "$NS_B" "$port"
-  if ! in_ns "$NS_A" env "${envs[@]}" sockperf pp "${where[@]}" \
+  t0=$(cpu_ticks "$server")
+  # The client's CPU time from bash's time (its rusage), the server's from
+  # /proc over the same stretch.
+  if ! { time in_ns "$NS_A" env "${envs[@]}" sockperf pp "${where[@]}" \
       -t "$secs" -m "$bytes" --mps max "${opts[@]}" --full-log "$NETNS_TMP/pp.csv" \
-      >"$NETNS_TMP/pp.log" 2>&1; then
+      >"$NETNS_TMP/pp.log" 2>&1; } 2>"$NETNS_TMP/pp.time"; then
     printf '%-30s failed: %s\n' "$name" "$(tail -1 "$NETNS_TMP/pp.log")"
     stop "$server"
     return
   fi
+  t0=$(($(cpu_ticks "$server") - t0))
   stop "$server"
   # --full-log: one line per sample, the one-way latency in column 4.
   awk -F, '/^ *[0-9]/ && NF >= 4 { print $4 + 0 }' "$NETNS_TMP/pp.csv" |
     sort -n >"$NETNS_TMP/pp.sorted"
   stats "$name" "$NETNS_TMP/pp.sorted" "$secs"
+  # sockperf's whole run (its warm-up included; its 2 s wait before, in
+  # which both sides block, is not) against the CPU time of both.
+  cpu_record "$name" "$t0" $(sed -n \
+    's/.*Total Run.*RunTime=\([0-9.]*\).*ReceivedMessages=\([0-9]*\).*/\2 \1/p' \
+    "$NETNS_TMP/pp.log" | tail -1)
+}
+
+# cpu_record NAME SERVER_TICKS ROUND_TRIPS [SECONDS]: notes for cpu_table
+# the client's user and system time (pp.time) and the server's over the
+# same stretch, for ROUND_TRIPS (two datagrams each) in SECONDS (the
+# client's real time without it).
+cpu_record() {
+  awk -v name="$1" -v srv="$2" -v tick="$tick" -v n="${3:-0}" -v t="${4:-0}" '{
+      cpu = $1 + $2 + srv / tick
+      if (!t) t = $3
+      printf "%s\t%.2f\t%.2f\t%.2f\n", name, cpu, n ? 1e6 * cpu / (2 * n) : 0,
+        t ? cpu / t : 0
+    }' "$NETNS_TMP/pp.time" >>"$NETNS_TMP/cpu.tsv"
+}
+
+# cpu_ticks PID: PID's user and system time so far, in clock ticks.
+cpu_ticks() {
+  local st
+  st=$(cat "/proc/$1/stat" 2>/dev/null) || { echo 0; return; }
+  st=${st##*) }	# fields from the third on; utime and stime are 14, 15
+  set -- $st
+  echo $((${12} + ${13}))
+}
+
+# cpu_table: what the ping-pongs recorded: the CPU time of client and
+# server together, per datagram, and in cores (over the client's run).
+cpu_table() {
+  [ -s "$NETNS_TMP/cpu.tsv" ] || return 0
+  echo
+  printf '%-30s %8s %12s %8s\n' "CPU, client and server" "cpu s" "us/datagram" cores
+  awk -F'\t' '{ printf "%-30s %8.2f %12.2f %8.2f\n", $1, $2, $3, $4 }' "$NETNS_TMP/cpu.tsv"
+  rm -f "$NETNS_TMP/cpu.tsv"
 }
 
 # pingpong6 NAME PRELOAD DST BYTES: the same with udp_pingpong, for IPv6
@@ -107,13 +167,18 @@ pingpong6() {
   [ "$preload" = yes ] && envs+=(LD_PRELOAD="$OSTREL_LIB")
   port=$((port + 1))
   ip netns exec "$NS_B" env "${envs[@]}" "$bin" server "$dst" "$port" &
-  local server=$!
+  local server=$! t0 TIMEFORMAT='%3U %3S %3R'
   NETNS_PIDS+=("$server")
   wait_udp_port "$NS_B" "$port"
-  in_ns "$NS_A" env "${envs[@]}" "$bin" client "$dst" "$port" "$bytes" "$secs" |
-    sort -n >"$NETNS_TMP/pp.sorted"
+  t0=$(cpu_ticks "$server")
+  { time in_ns "$NS_A" env "${envs[@]}" "$bin" client "$dst" "$port" "$bytes" "$secs" \
+    >"$NETNS_TMP/pp.out"; } 2>"$NETNS_TMP/pp.time"
+  t0=$(($(cpu_ticks "$server") - t0))
   stop "$server"
+  sort -n "$NETNS_TMP/pp.out" >"$NETNS_TMP/pp.sorted"
   stats "$name" "$NETNS_TMP/pp.sorted" "$secs"
+  # The client's first 1000 round trips are not printed.
+  cpu_record "$name" "$t0" $(($(wc -l <"$NETNS_TMP/pp.sorted") + 1000))
 }
 
 # floor BYTES: raw libfrio round trips, with busy-polling kernel sockets
@@ -198,7 +263,148 @@ PY
   stats "$name" "$NETNS_TMP/pp.sorted" "$secs"
 }
 
+# mixed_once CONFIG: one udp_reqgen run against a fresh udp_echo, both
+# preloaded for CONFIG "ostrel"; appends the run's figures to
+# $NETNS_TMP/mixed.CONFIG and its round-trip histogram to .hist.
+mixed_once() {
+  local cfg=$1 envs=() server in0 out=$NETNS_TMP/reqgen.out
+  [ "$cfg" = ostrel ] && envs+=(LD_PRELOAD="$OSTREL_LIB")
+  port=$((port + 1))
+  ip netns exec "$NS_B" env "${envs[@]}" "$bin/udp_echo" "$dst4" "$port" &
+  server=$!
+  NETNS_PIDS+=("$server")
+  wait_udp_port "$NS_B" "$port"
+  in0=$(udp_counter "$NS_B" InDatagrams)
+  # The generator reads the server's CPU time itself, over its own window.
+  if ! in_ns "$NS_A" env "${envs[@]}" "$bin/udp_reqgen" "$dst4" "$port" "$secs" \
+      "$inflight" 64 "$server" >"$out" 2>"$NETNS_TMP/reqgen.err"; then
+    echo "$cfg: udp_reqgen failed: $(tail -1 "$NETNS_TMP/reqgen.err")" >&2
+    stop "$server"
+    return
+  fi
+  stop "$server"
+  awk -v kin=$(($(udp_counter "$NS_B" InDatagrams) - in0)) '
+    $1 == "requests" { printf "%d %d %.3f %.0f %.0f %d\n", $2, $4, $6, $8, $10, kin }
+    ' "$out" >>"$NETNS_TMP/mixed.$cfg"
+  grep '^[hm]' "$out" >>"$NETNS_TMP/mixed.$cfg.hist"
+}
+
+# mixed_line CONFIG: the table line over CONFIG's runs.
+mixed_line() {
+  local f=$NETNS_TMP/mixed.$1
+  [ -s "$f" ] || { printf '%-8s no runs\n' "$1"; return; }
+  # Rates sorted for the median; the histograms merged, bucket by bucket.
+  local rates maxrtt
+  rates=$(awk '{ print $2 / $3 }' "$f" | sort -n | tr '\n' ' ')
+  maxrtt=$(awk '$1 == "max" && $2 > m { m = $2 } END { print m + 0 }' "$f.hist")
+  grep '^h ' "$f.hist" | sort -k2,2n | awk -v name="$1" -v rates="$rates" \
+    -v maxrtt="$maxrtt" -v runs="$f" '
+    { b[NR] = $2; c[NR] = $3; total += $3 }
+    END {
+      while ((getline l < runs) > 0) {
+        split(l, v, " "); sent += v[1]; ans += v[2]; secs += v[3]
+        cpu += v[4] + v[5]; kin += v[6]
+      }
+      n = split(rates, r, " ")
+      want[1] = 0.5; want[2] = 0.99; want[3] = 0.999; k = 1; acc = 0
+      for (i = 1; i <= NR && k <= 3; i++) {
+        acc += c[i]
+        while (k <= 3 && acc >= want[k] * total) { p[k++] = b[i] / 10 }
+      }
+      printf "%-8s %9d %7.1f %7.1f %7.1f %7.1f %8.1f %8.0f %8.0f %8.0f %7.2f %6.2f %6d %7d\n",
+        name, ans, b[1] / 10, p[1], p[2], p[3], maxrtt, r[1], r[int((n + 1) / 2)], r[n],
+        ans ? cpu / ans : 0, cpu / 1e6 / secs, sent - ans, kin
+    }'
+}
+
+# flood NAME PRELOAD: $pairs udp_flood pairs at once on distinct ports.
+flood() {
+  local name=$1 envs=() rp=() sp=() i pid base=$port
+  [ "$2" = yes ] && envs+=(LD_PRELOAD="$OSTREL_LIB")
+  port=$((port + pairs))
+  for i in $(seq "$pairs"); do
+    ip netns exec "$NS_B" env "${envs[@]}" "$bin/udp_flood" recv "$dst4" \
+      $((base + i)) >"$NETNS_TMP/flood.recv$i" &
+    rp+=($!)
+    NETNS_PIDS+=($!)
+  done
+  for i in $(seq "$pairs"); do wait_udp_port "$NS_B" $((base + i)); done
+  for i in $(seq "$pairs"); do
+    in_ns "$NS_A" env "${envs[@]}" "$bin/udp_flood" send "$dst4" $((base + i)) \
+      "$secs" >"$NETNS_TMP/flood.sent$i" &
+    sp+=($!)
+  done
+  wait "${sp[@]}" || true
+  # A receiver ends at the end mark, or a second after its last datagram.
+  for pid in "${rp[@]}"; do
+    for _ in $(seq 50); do running "$pid" || break; sleep 0.1; done
+    stop "$pid"
+  done
+  for i in $(seq "$pairs"); do
+    echo "$(awk '{ print $2 }' "$NETNS_TMP/flood.sent$i") $(awk '{ print $2 }' "$NETNS_TMP/flood.recv$i")"
+  done | awk -v name="$name" -v secs="$secs" '
+    { s += $1; g += $2; lost = lost (NR > 1 ? "  " : "") ($1 - $2) "/" $1 }
+    END { printf "%-30s %10d %10d %9.0f  %s\n", name, s, g, g / secs, lost }'
+}
+
+# idle NAME PRELOAD PROGRAM ARGS...: PROGRAM waits in NS_B with nothing
+# arriving; its CPU use over the run time, after half a second to settle.
+idle() {
+  local name=$1 envs=() pid t0; shift
+  [ "$1" = yes ] && envs+=(LD_PRELOAD="$OSTREL_LIB")
+  shift
+  port=$((port + 1))
+  ip netns exec "$NS_B" env "${envs[@]}" "$@" "$dst4" "$port" >/dev/null &
+  pid=$!
+  NETNS_PIDS+=("$pid")
+  wait_udp_port "$NS_B" "$port"
+  sleep 0.5
+  t0=$(cpu_ticks "$pid")
+  sleep "$secs"
+  t0=$(($(cpu_ticks "$pid") - t0))
+  stop "$pid"
+  awk -v n="$name" -v t="$t0" -v tick="$tick" -v secs="$secs" \
+    'BEGIN { printf "%-30s %8.2f %8.1f\n", n, t / tick, 100 * t / tick / secs }'
+}
+
 dst4=$IP4_B dst6=$IP6_B
+if [ "$mode" = mixed ]; then
+  echo
+  echo "Requests in flight: udp_reqgen, $inflight in flight, against udp_echo (poll), 64 B IPv4,"
+  echo "5 runs of ${secs}s per configuration, alternating, backend $backend (round trip, usec;"
+  echo "req/s min, median, max over the runs; cpu: both processes, us per request, cores)"
+  printf '%-8s %9s %7s %7s %7s %7s %8s %8s %8s %8s %7s %6s %6s %7s\n' case requests \
+    min p50 p99 p99.9 max "req/s lo" med hi "cpu/req" cores unansw "by kern"
+  for _ in 1 2 3 4 5; do
+    mixed_once kernel
+    mixed_once ostrel
+  done
+  mixed_line kernel
+  mixed_line ostrel
+  for cfg in kernel ostrel; do
+    printf '%-8s req/s by run: %s\n' "$cfg" "$(awk '{ printf " %.0f", $2 / $3 }' "$NETNS_TMP/mixed.$cfg")"
+  done
+  exit 0
+fi
+if [ "$mode" = throughput ]; then
+  pairs=${BENCH_PAIRS:-4}
+  echo
+  echo "$pairs one-way flows at once, udp_flood, 64 B IPv4, ${secs}s, backend $backend"
+  printf '%-30s %10s %10s %9s  %s\n' case sent received "msg/s" "lost/sent per pair"
+  flood "kernel  $pairs pairs" no
+  flood "ostrel  $pairs pairs" yes
+  exit 0
+fi
+if [ "$mode" = idle ]; then
+  echo
+  echo "Idle receivers, nothing arriving, ${secs}s each, backend $backend"
+  printf '%-30s %8s %8s\n' case "cpu s" "% core"
+  idle "kernel  blocking recvfrom" no "$bin/udp_pingpong" server
+  idle "ostrel  blocking recvfrom" yes "$bin/udp_pingpong" server
+  idle "kernel  poll" no "$bin/udp_echo"
+  idle "ostrel  poll" yes "$bin/udp_echo"
+  exit 0
+fi
 if [ "$mode" = epoll ]; then
   header "epoll, 64 B IPv4, ${secs}s per case, veth, backend $backend (one-way latency, usec)"
   pingpong "kernel  blocking recvfrom" no "$dst4" 64
@@ -208,6 +414,7 @@ if [ "$mode" = epoll ]; then
   pingpong "ostrel  epoll, 1 ms busy" yes "$dst4" 64 _OSTREL_EPOLL_USEC=1000 -- -F epoll
   asyncio_rtt "kernel  asyncio echo" no
   asyncio_rtt "ostrel  asyncio echo" yes
+  cpu_table
   exit 0
 fi
 if [ "$mode" = main ]; then
@@ -220,6 +427,7 @@ if [ "$mode" = main ]; then
     pingpong "ostrel" yes "$dst4" "$size"
   fi
   [ "$family" = 4 ] && floor "$size"
+  cpu_table
   exit 0
 fi
 
@@ -251,6 +459,7 @@ pingpong "ostrel  poll, 1 ms busy" yes "$dst4" 64 _OSTREL_POLL_USEC=1000 -- -F p
 pingpong "ostrel  poll, no busy phase" yes "$dst4" 64 -- -F poll
 pingpong "kernel  select" no "$dst4" 64 -- -F select
 pingpong "ostrel  select" yes "$dst4" 64 -- -F select
+cpu_table
 
 echo
 echo "One-way throughput, 64 B IPv4, ${secs}s, as fast as the sender goes"
