@@ -584,8 +584,8 @@ ost_poll(struct pollfd *fds, nfds_t nfds, int timeout)
  * (Linux's timer slack would turn even a 1 us time-out into 50 us or
  * more).  Once the passes have found nothing for as long as the wait
  * policy gives, the wait sleeps in poll, so that an idle set does not hold
- * a CPU.  A handler that
- * runs meanwhile ends the call with EINTR, as it would the kernel's.
+ * a CPU.  A handler that runs meanwhile ends the call with EINTR, as it
+ * would the kernel's.
  *
  * The sets are as long as nfds says, as the kernel reads them (nfds bits
  * rounded up to a long): programs that watch descriptors past FD_SETSIZE
