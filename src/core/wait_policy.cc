@@ -67,7 +67,8 @@ ost_spin_start(ost_spinner_t *sp, hrtime_t ns, bool firm)
 
 	sp->sp_end = ns < 0 || ns > INT64_MAX - now ? INT64_MAX : now + ns;
 	sp->sp_yield_due = now + OST_YIELD_EVERY_NS;
-	sp->sp_firm = firm;
+	/* Spinning always means to the end, whoever else wants the CPU. */
+	sp->sp_firm = firm || spin_policy == OST_SPIN_ALWAYS;
 }
 
 /* How many pause instructions make one pause: a look costs about as much. */

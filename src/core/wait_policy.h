@@ -21,7 +21,7 @@
 
 typedef enum {
 	OST_SPIN_ADAPTIVE = 0, /* learnt budgets (the default) */
-	OST_SPIN_ALWAYS = 1,   /* every wait spins OST_SPIN_FIXED_NS */
+	OST_SPIN_ALWAYS = 1,   /* every wait spins OST_SPIN_FIXED_NS, firm */
 	OST_SPIN_NEVER = 2     /* every wait sleeps at once */
 } ost_spin_policy_t;
 
@@ -57,7 +57,7 @@ uint32_t ost_spin_next(uint32_t budget, hrtime_t waited, bool got);
 typedef struct ost_spinner {
 	hrtime_t sp_end; /* the spin's end, or 0 once it gave up */
 	hrtime_t sp_yield_due;
-	bool sp_firm; /* an explicit busy phase: runs out its time */
+	bool sp_firm; /* an explicit busy phase, or always: runs out its time */
 } ost_spinner_t;
 
 /* A spin of ns nanoseconds from now (negative: without end). */
