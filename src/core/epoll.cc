@@ -494,7 +494,7 @@ ost_ep_budget(int epfd)
 }
 
 static void
-ost_ep_learn(int epfd, hrtime_t waited, bool got)
+ost_ep_learn(int epfd, hrtime_t waited, bool got, const ost_spinner_t *sp)
 {
 	ost_ep_set_t *es;
 
@@ -502,7 +502,7 @@ ost_ep_learn(int epfd, hrtime_t waited, bool got)
 		return;
 	(void)pthread_mutex_lock(&ost_ep_lock);
 	if ((es = ost_ep_find(epfd)) != NULL)
-		ost_spin_learn(&es->es_spin_ns, waited, got);
+		ost_spin_learn(&es->es_spin_ns, waited, got, sp);
 	(void)pthread_mutex_unlock(&ost_ep_lock);
 }
 
@@ -590,7 +590,7 @@ ost_epoll_wait(int epfd, struct epoll_event *evs, int max, hrtime_t timeout,
 			spin = ost_spin_pause(&sp);
 	}
 	if (ret >= 0 && timeout != 0)
-		ost_ep_learn(epfd, gethrtime() - start, ret > 0);
+		ost_ep_learn(epfd, gethrtime() - start, ret > 0, &sp);
 	if (mask != NULL) {
 		int err = errno;
 

@@ -393,13 +393,14 @@ restart:
  */
 static int
 ost_busy_poll(uost_t *self, struct pollfd *fds, nfds_t nfds, hrtime_t timeout,
-    const ost_sigcount_t *sigs, bool adaptive)
+    const ost_sigcount_t *sigs, ost_spinner_t *adaptive)
 {
 	hrtime_t deadline = ost_deadline_after(timeout);
-	ost_spinner_t spin = {};
+	ost_spinner_t firm, &spin = adaptive != NULL ? *adaptive : firm;
 
-	ost_spin_start(&spin, adaptive ? timeout : -1, !adaptive);
-	if (nfds == 0 && adaptive)
+	ost_spin_start(&spin, adaptive != NULL ? timeout : -1,
+	    adaptive == NULL);
+	if (nfds == 0 && adaptive != NULL)
 		return 0;
 	if (nfds == 0)
 		return ost_poll_kernel(self, fds, 0, ost_ns_to_ms(timeout),
@@ -426,7 +427,7 @@ restart:
 				ost_release(up);
 			ost_release_tbl(tbl, i);
 			free(tbl);
-			if (adaptive)
+			if (adaptive != NULL)
 				return 0;
 			return ost_poll_kernel(self, fds, nfds,
 			    ost_ns_to_ms(timeout), sigs);
@@ -492,7 +493,7 @@ busy_poll(struct pollfd *fds, nfds_t nfds, hrtime_t timeout)
 {
 	ost_sigcount_t sigs = ost_sig_snap();
 
-	return ost_busy_poll(NULL, fds, nfds, timeout, &sigs, false);
+	return ost_busy_poll(NULL, fds, nfds, timeout, &sigs, NULL);
 }
 
 /*
@@ -505,6 +506,7 @@ ost_poll_adaptive(struct pollfd *fds, nfds_t nfds, int timeout,
     const ost_sigcount_t *sigs)
 {
 	hrtime_t start, ns = ost_spin_budget(&ost_mux_spin_ns);
+	ost_spinner_t spin = {};
 	int r = 0;
 
 	if (timeout == 0)
@@ -513,7 +515,7 @@ ost_poll_adaptive(struct pollfd *fds, nfds_t nfds, int timeout,
 	if (timeout > 0 && (hrtime_t)timeout * 1000000 < ns)
 		ns = (hrtime_t)timeout * 1000000;
 	if (ns > 0) {
-		r = ost_busy_poll(NULL, fds, nfds, ns, sigs, true);
+		r = ost_busy_poll(NULL, fds, nfds, ns, sigs, &spin);
 		if (r == 0 && timeout > 0) {
 			hrtime_t spent = (gethrtime() - start) / 1000000;
 
@@ -523,7 +525,8 @@ ost_poll_adaptive(struct pollfd *fds, nfds_t nfds, int timeout,
 	if (r == 0)
 		r = ost_poll_kernel(NULL, fds, nfds, timeout, sigs);
 	if (r >= 0)
-		ost_spin_learn(&ost_mux_spin_ns, gethrtime() - start, r > 0);
+		ost_spin_learn(&ost_mux_spin_ns, gethrtime() - start, r > 0,
+		    &spin);
 	return r;
 }
 
@@ -537,15 +540,15 @@ ost_poll_wait_spin(uost_t *self, struct pollfd *fds, nfds_t nfds, int timeout,
 
 	if (usec == -1)
 		return ost_busy_poll(self, fds, nfds,
-		    (hrtime_t)timeout * 1000000, sigs, false);
+		    (hrtime_t)timeout * 1000000, sigs, NULL);
 	if (usec == 0 && may_spin)
 		return ost_poll_adaptive(fds, nfds, timeout, sigs);
 	if (usec == 0)
 		return ost_poll_kernel(self, fds, nfds, timeout, sigs);
 	if (timeout > 0 && (hrtime_t)timeout * 1000 <= usec)
 		return ost_busy_poll(self, fds, nfds,
-		    (hrtime_t)timeout * 1000000, sigs, false);
-	r = ost_busy_poll(self, fds, nfds, (hrtime_t)usec * 1000, sigs, false);
+		    (hrtime_t)timeout * 1000000, sigs, NULL);
+	r = ost_busy_poll(self, fds, nfds, (hrtime_t)usec * 1000, sigs, NULL);
 	if (r != 0)
 		return r;
 	if (self != NULL && ost_seen_closing(self))
@@ -827,15 +830,14 @@ ost_sets_copy(fd_set *to[3], fd_set *const from[3], size_t bytes)
 /*
  * The passes.  Whatever fails leaves the caller's sets as they came, as
  * the kernel's select does.  *started: when the first pass found nothing,
- * or 0.
+ * or 0; spin: the passes' spinner.
  */
 static int
 ost_select_spin(int nfds, fd_set *sets[3], fd_set *const saved[3],
     ost_select_pass_t *sp, hrtime_t deadline, const ost_sigcount_t *sigs,
-    hrtime_t *started)
+    hrtime_t *started, ost_spinner_t *spin)
 {
 	size_t bytes = ost_set_bytes(nfds);
-	ost_spinner_t spin = {};
 
 	for (;;) {
 		struct timespec zero = { 0, 0 };
@@ -878,10 +880,10 @@ ost_select_spin(int nfds, fd_set *sets[3], fd_set *const saved[3],
 			return -1;
 		if (*started == 0) {
 			*started = gethrtime();
-			ost_spin_start(&spin, ost_spin_budget(&ost_mux_spin_ns),
+			ost_spin_start(spin, ost_spin_budget(&ost_mux_spin_ns),
 			    false);
 		}
-		if (!ost_spin_pause(&spin))
+		if (!ost_spin_pause(spin))
 			return ost_select_by_poll(nfds, sets, deadline, sigs);
 	}
 }
@@ -896,6 +898,7 @@ ost_select_common(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
 	fd_set stack[5], *saved[3];
 	ost_select_pass_t sp;
 	hrtime_t started = 0;
+	ost_spinner_t spin = {};
 	char *mem = (char *)stack;
 	int k, err;
 
@@ -909,10 +912,12 @@ ost_select_common(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
 	}
 	sp.sp_rd = (fd_set *)(mem + 3 * bytes);
 	sp.sp_wr = (fd_set *)(mem + 4 * bytes);
-	k = ost_select_spin(nfds, sets, saved, &sp, deadline, sigs, &started);
+	k = ost_select_spin(nfds, sets, saved, &sp, deadline, sigs, &started,
+	    &spin);
 	err = errno;
 	if (k >= 0 && started != 0)
-		ost_spin_learn(&ost_mux_spin_ns, gethrtime() - started, k > 0);
+		ost_spin_learn(&ost_mux_spin_ns, gethrtime() - started, k > 0,
+		    &spin);
 	if (mem != (char *)stack)
 		free(mem);
 	errno = err;

@@ -375,17 +375,18 @@ ost_rcvtimeo(uost_t *up)
  * socket's spin budget.
  */
 static void
-ost_recv_learn(uost_t *up, hrtime_t start, bool got)
+ost_recv_learn(uost_t *up, hrtime_t start, bool got, const ost_spinner_t *sp)
 {
 	if (start != 0)
-		ost_spin_learn(&up->uost_spin_ns, gethrtime() - start, got);
+		ost_spin_learn(&up->uost_spin_ns, gethrtime() - start, got, sp);
 }
 
 /* A receive that waited in vain for its time-out: EAGAIN. */
 static ssize_t
-ost_recv_timed_out(uost_t *up, bool holds_slot, hrtime_t start)
+ost_recv_timed_out(uost_t *up, bool holds_slot, hrtime_t start,
+    const ost_spinner_t *sp)
 {
-	ost_recv_learn(up, start, false);
+	ost_recv_learn(up, start, false, sp);
 	return ost_recv_fail(up, holds_slot, EAGAIN);
 }
 
@@ -439,7 +440,8 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 				goto delivered;
 			}
 			if (deadline != 0 && gethrtime() >= deadline)
-				return ost_recv_timed_out(up, true, wait_start);
+				return ost_recv_timed_out(up, true, wait_start,
+				    &spin);
 			if (ost_seen_closing(up))
 				return ost_recv_left(up, true, msg, flags,
 				    deadline, &sigs, rcvtimeo, saved_errno);
@@ -482,8 +484,8 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 				return ost_recv_left(up, false, msg, flags,
 				    deadline, &sigs, rcvtimeo, saved_errno);
 			if (deadline == 0 || gethrtime() >= deadline)
-				return ost_recv_timed_out(up, false,
-				    wait_start);
+				return ost_recv_timed_out(up, false, wait_start,
+				    &spin);
 			continue;
 		}
 		if (r < 0) {
@@ -496,7 +498,7 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 	}
 
 delivered:
-	ost_recv_learn(up, wait_start, true);
+	ost_recv_learn(up, wait_start, true, &spin);
 	if (!from_kernel) {
 		ost_recv_hand_over(msg, &rmsg, &from);
 		/* ost_pkt_cmsgs set the control data and MSG_CTRUNC. */

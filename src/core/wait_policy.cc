@@ -49,12 +49,21 @@ ost_spin_next(uint32_t budget, hrtime_t waited, bool got)
 }
 
 void
-ost_spin_learn(uint32_t *learnt, hrtime_t waited, bool got)
+ost_spin_learn(uint32_t *learnt, hrtime_t waited, bool got,
+    const ost_spinner_t *sp)
 {
 	if (spin_policy != OST_SPIN_ADAPTIVE)
 		return;
 	uint32_t b = __atomic_load_n(learnt, __ATOMIC_RELAXED);
 	uint32_t next = ost_spin_next(b, waited, got);
+
+	/*
+	 * Other threads wanted the processor: while they do, every yield
+	 * costs this wait their turn, so the next spins stay short of one.
+	 */
+	if (sp != NULL && sp->sp_contended && next > OST_YIELD_EVERY_NS / 2)
+		next = b / 2 < OST_YIELD_EVERY_NS / 2 ? b / 2 :
+							OST_YIELD_EVERY_NS / 2;
 
 	if (next != b)
 		__atomic_store_n(learnt, next, __ATOMIC_RELAXED);
@@ -67,6 +76,7 @@ ost_spin_start(ost_spinner_t *sp, hrtime_t ns, bool firm)
 
 	sp->sp_end = ns < 0 || ns > INT64_MAX - now ? INT64_MAX : now + ns;
 	sp->sp_yield_due = now + OST_YIELD_EVERY_NS;
+	sp->sp_contended = false;
 	/* Spinning always means to the end, whoever else wants the CPU. */
 	sp->sp_firm = firm || spin_policy == OST_SPIN_ALWAYS;
 }
@@ -90,6 +100,7 @@ ost_spin_pause(ost_spinner_t *sp)
 		sp->sp_yield_due = after + OST_YIELD_EVERY_NS;
 		if (after - now > OST_YIELD_BUSY_NS && !sp->sp_firm) {
 			sp->sp_end = 0;
+			sp->sp_contended = true;
 			return false;
 		}
 		return true;

@@ -9,8 +9,9 @@
  * shrinks when waits end long after it or empty.
  *
  * A spinner pauses the processor between looks and yields it every
- * OST_YIELD_EVERY_NS; a yield that took long says other threads wanted
- * the processor, and a spin that may give up then does.
+ * OST_YIELD_EVERY_NS; a yield that took long says other threads want the
+ * processor, and a spin that may give up then does; the next spins of the
+ * same budget then stay shorter than a yield's interval.
  */
 #ifndef OST_CORE_WAIT_POLICY_H
 #define OST_CORE_WAIT_POLICY_H
@@ -43,20 +44,13 @@ extern bool recv_sleep_set;
 /* The spin a wait with the learnt budget gets under the policy. */
 hrtime_t ost_spin_budget(const uint32_t *learnt);
 
-/*
- * A wait's outcome: got, a datagram (or an event) ended it after waited
- * nanoseconds; else it ended empty (a time-out).  Waits that ended
- * otherwise (a signal, a teardown, an error) teach nothing.  Relaxed
- * atomics: concurrent waits may lose an update, which only slows the
- * learning.
- */
-void ost_spin_learn(uint32_t *learnt, hrtime_t waited, bool got);
 /* The rule itself: the next budget. */
 uint32_t ost_spin_next(uint32_t budget, hrtime_t waited, bool got);
 
 typedef struct ost_spinner {
 	hrtime_t sp_end; /* the spin's end, or 0 once it gave up */
 	hrtime_t sp_yield_due;
+	bool sp_contended; /* gave up: other threads wanted the processor */
 	bool sp_firm; /* an explicit busy phase, or always: runs out its time */
 } ost_spinner_t;
 
@@ -70,5 +64,15 @@ void ost_spin_start(ost_spinner_t *sp, hrtime_t ns, bool firm);
  * then takes one more look in its sleep path, as it always does.
  */
 bool ost_spin_pause(ost_spinner_t *sp);
+
+/*
+ * A wait's outcome: got, a datagram (or an event) ended it after waited
+ * nanoseconds; else it ended empty (a time-out).  Waits that ended
+ * otherwise (a signal, a teardown, an error) teach nothing.  Relaxed
+ * atomics: concurrent waits may lose an update, which only slows the
+ * learning.  sp: the wait's spinner, or null.
+ */
+void ost_spin_learn(uint32_t *learnt, hrtime_t waited, bool got,
+    const ost_spinner_t *sp);
 
 #endif /* OST_CORE_WAIT_POLICY_H */
