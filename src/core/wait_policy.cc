@@ -59,11 +59,10 @@ ost_spin_learn(uint32_t *learnt, hrtime_t waited, bool got,
 
 	/*
 	 * Other threads wanted the processor: while they do, every yield
-	 * costs this wait their turn, so the next spins stay short of one.
+	 * costs this wait their turn, so the next spins end before one.
 	 */
-	if (sp != NULL && sp->sp_contended && next > OST_YIELD_EVERY_NS / 2)
-		next = b / 2 < OST_YIELD_EVERY_NS / 2 ? b / 2 :
-							OST_YIELD_EVERY_NS / 2;
+	if (sp != NULL && sp->sp_contended && next > OST_YIELD_EVERY_NS)
+		next = OST_YIELD_EVERY_NS;
 
 	if (next != b)
 		__atomic_store_n(learnt, next, __ATOMIC_RELAXED);

@@ -11,7 +11,7 @@
  * A spinner pauses the processor between looks and yields it every
  * OST_YIELD_EVERY_NS; a yield that took long says other threads want the
  * processor, and a spin that may give up then does; the next spins of the
- * same budget then stay shorter than a yield's interval.
+ * same budget then end before a yield is due.
  */
 #ifndef OST_CORE_WAIT_POLICY_H
 #define OST_CORE_WAIT_POLICY_H
