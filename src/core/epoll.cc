@@ -28,6 +28,7 @@
 
 #include "core/receive.h"
 #include "core/signals.h"
+#include "core/wait_policy.h"
 #include "os/frio_loader.h"
 
 #define OST_EP_MAGIC 0xa55a0e11ULL
@@ -49,6 +50,7 @@ typedef struct ost_ep_set {
 	int es_epfd;
 	uint32_t es_nslots;
 	ost_ep_watch_t *es_slot;
+	uint32_t es_spin_ns; /* the set's learnt spin budget */
 } ost_ep_set_t;
 
 static pthread_mutex_t ost_ep_lock = PTHREAD_MUTEX_INITIALIZER;
@@ -477,26 +479,61 @@ ost_ep_kwait(int epfd, struct epoll_event *evs, int max, int ms,
 	return r;
 }
 
+/* The spin the policy gives a wait on epfd's set. */
+static hrtime_t
+ost_ep_budget(int epfd)
+{
+	hrtime_t ns = 0;
+	ost_ep_set_t *es;
+
+	(void)pthread_mutex_lock(&ost_ep_lock);
+	if ((es = ost_ep_find(epfd)) != NULL)
+		ns = ost_spin_budget(&es->es_spin_ns);
+	(void)pthread_mutex_unlock(&ost_ep_lock);
+	return ns;
+}
+
+static void
+ost_ep_learn(int epfd, hrtime_t waited, bool got, const ost_spinner_t *sp)
+{
+	ost_ep_set_t *es;
+
+	if (spin_policy != OST_SPIN_ADAPTIVE)
+		return;
+	(void)pthread_mutex_lock(&ost_ep_lock);
+	if ((es = ost_ep_find(epfd)) != NULL)
+		ost_spin_learn(&es->es_spin_ns, waited, got, sp);
+	(void)pthread_mutex_unlock(&ost_ep_lock);
+}
+
 /*
  * epoll_wait, epoll_pwait and epoll_pwait2 on a set that watches bypass
  * sockets: timeout in nanoseconds, -1 for none; mask null for none.  The
- * call's mask is the thread's for the call; a busy phase of epoll_usec
- * spins in user space, and a handler that runs meanwhile ends the call
- * with EINTR, as it would the kernel's wait.
+ * call's mask is the thread's for the call; a busy phase of epoll_usec, or
+ * when that is 0 of what the wait policy gives the set, spins in user
+ * space, and a handler that runs meanwhile ends the call with EINTR, as it
+ * would the kernel's wait.
  */
 int
 ost_epoll_wait(int epfd, struct epoll_event *evs, int max, hrtime_t timeout,
     const sigset_t *mask)
 {
-	hrtime_t deadline = timeout < 0 ? INT64_MAX : gethrtime() + timeout;
-	hrtime_t spin_end = gethrtime() + (hrtime_t)epoll_usec * 1000;
-	bool spin = epoll_usec != 0 && timeout != 0;
+	hrtime_t start = gethrtime();
+	hrtime_t deadline = timeout < 0 ? INT64_MAX : start + timeout;
+	bool firm = epoll_usec != 0;
+	hrtime_t spin_ns = firm ? (hrtime_t)epoll_usec * 1000 : 0;
+	bool spin;
+	ost_spinner_t sp;
 	ost_sigcount_t sigs;
 	sigset_t caller;
 	int ret;
 
 	if (max <= 0 || evs == NULL)
 		return real_epoll_pwait(epfd, evs, max, 0, mask);
+	if (!firm && timeout != 0)
+		spin_ns = ost_ep_budget(epfd);
+	spin = spin_ns > 0 && timeout != 0;
+	ost_spin_start(&sp, spin ? spin_ns : 0, firm);
 	sigs = ost_sig_snap();
 	if (mask != NULL)
 		(void)pthread_sigmask(SIG_SETMASK, mask, &caller);
@@ -512,8 +549,6 @@ ost_epoll_wait(int epfd, struct epoll_event *evs, int max, hrtime_t timeout,
 		}
 		for (uint32_t i = 0; i < sc.sc_n; i++)
 			any = any || sc.sc_ready[i];
-		if (spin && gethrtime() >= spin_end)
-			spin = false;
 		if (!any && !spin) {
 			hrtime_t left = deadline - gethrtime();
 
@@ -535,7 +570,7 @@ ost_epoll_wait(int epfd, struct epoll_event *evs, int max, hrtime_t timeout,
 				errno = EINTR;
 				break;
 			}
-			ost_sleep(recv_sleep_time);
+			spin = ost_spin_pause(&sp);
 			continue;
 		}
 		kernel_due = gethrtime() + OST_KERNEL_CHECK_NS;
@@ -552,8 +587,10 @@ ost_epoll_wait(int epfd, struct epoll_event *evs, int max, hrtime_t timeout,
 			break;
 		}
 		if (spin)
-			ost_sleep(recv_sleep_time);
+			spin = ost_spin_pause(&sp);
 	}
+	if (ret >= 0 && timeout != 0)
+		ost_ep_learn(epfd, gethrtime() - start, ret > 0, &sp);
 	if (mask != NULL) {
 		int err = errno;
 

@@ -7,14 +7,18 @@
 #include <errno.h>
 #include <limits.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include "core/ost.h"
+#include "core/wait_policy.h"
 
-uint32_t send_busy_wait_cnt = 15; /* immutable after start-up */
-uint32_t recv_sleep_time = 500;   /* immutable after start-up */
-int32_t poll_usec;                /* immutable after start-up */
-int32_t epoll_usec;               /* immutable after start-up */
-int recv_mode = RCV_BUSY_WAIT;    /* immutable after start-up */
+uint32_t send_busy_wait_cnt = 15;    /* immutable after start-up */
+uint32_t recv_sleep_time = 500;      /* immutable after start-up */
+int32_t poll_usec;                   /* immutable after start-up */
+int32_t epoll_usec;                  /* immutable after start-up */
+int recv_mode = RCV_BUSY_WAIT;       /* immutable after start-up */
+int spin_policy = OST_SPIN_ADAPTIVE; /* immutable after start-up */
+bool recv_sleep_set;                 /* immutable after start-up */
 
 volatile int ost_initialised; /* set last by ost_init() */
 
@@ -33,6 +37,19 @@ env_int(const char *name, int absent)
 	return n > INT_MAX ? INT_MAX : n < INT_MIN ? INT_MIN : (int)n;
 }
 
+/* _OSTREL_SPIN by name; anything else is the default. */
+static int
+env_spin_policy(void)
+{
+	const char *v = getenv("_OSTREL_SPIN");
+
+	if (v != NULL && strcmp(v, "always") == 0)
+		return OST_SPIN_ALWAYS;
+	if (v != NULL && strcmp(v, "never") == 0)
+		return OST_SPIN_NEVER;
+	return OST_SPIN_ADAPTIVE;
+}
+
 void
 ost_config_read(void)
 {
@@ -43,9 +60,11 @@ ost_config_read(void)
 	send_busy_wait_cnt = v >= 1 ? (uint32_t)v : 1;
 	v = env_int("_OSTREL_SLEEP_TIME", 500);
 	recv_sleep_time = v >= 1 ? (uint32_t)v : 1;
+	recv_sleep_set = getenv("_OSTREL_SLEEP_TIME") != NULL;
 	poll_usec = env_int("_OSTREL_POLL_USEC", 0);
 	epoll_usec = env_int("_OSTREL_EPOLL_USEC", 0);
 	recv_mode = env_int("_OSTREL_RECV_MODE", RCV_BUSY_WAIT);
+	spin_policy = env_spin_policy();
 }
 
 static void

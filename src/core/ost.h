@@ -138,6 +138,9 @@ typedef struct uost_s {
 	/* When a send of a connected socket next asks the kernel socket
 	 * for a pending error (an ICMP error the kernel reports on send). */
 	hrtime_t uost_err_due;
+	/* The receive's learnt spin budget in ns (core/wait_policy.h);
+	 * relaxed atomics. */
+	uint32_t uost_spin_ns;
 } uost_t;
 
 /* In uost_refcnt: a teardown waits for the count to fall to 2. */

@@ -5,8 +5,9 @@
  * library tests it itself: it is readable when its receive stash holds a
  * frame or when a frame fetched from its handle can be put there (the next
  * receive delivers it, so a test never costs a datagram), and always
- * writable.  poll first spins over such tests for poll_usec microseconds
- * (busy_poll), then sleeps in the kernel; select only spins.
+ * writable.  poll first spins over such tests (busy_poll) for poll_usec
+ * microseconds, or when that is 0 for what the wait policy gives
+ * (core/wait_policy.h), then sleeps in the kernel; select likewise.
  *
  * Sleeping in the kernel: the kernel socket never turns readable for a
  * frame on the handle, so the handle's own wait descriptor (frio_get_fd)
@@ -26,9 +27,15 @@
 
 #include "core/receive.h"
 #include "core/signals.h"
+#include "core/wait_policy.h"
 #include "os/frio_loader.h"
 
 #define OST_POLL_SLICE_MS 50
+
+/* The learnt spin budget of this thread's poll and select calls: a
+ * thread's loop around them is, most often, one wait set. */
+static __thread uint32_t ost_mux_spin_ns
+    __attribute__((tls_model("initial-exec")));
 
 /*
  * The kernel's poll.  One that may sleep runs with every signal blocked
@@ -378,12 +385,23 @@ restart:
 	return ret;
 }
 
+/*
+ * Spins over the set for timeout nanoseconds.  An adaptive spin gives up
+ * early when other threads want the processor, and does not spin at all
+ * over a set with ordinary descriptors (0: the caller sleeps in the
+ * kernel); an explicit one hands such a set to the kernel's poll.
+ */
 static int
 ost_busy_poll(uost_t *self, struct pollfd *fds, nfds_t nfds, hrtime_t timeout,
-    const ost_sigcount_t *sigs)
+    const ost_sigcount_t *sigs, ost_spinner_t *adaptive)
 {
 	hrtime_t deadline = ost_deadline_after(timeout);
+	ost_spinner_t firm, &spin = adaptive != NULL ? *adaptive : firm;
 
+	ost_spin_start(&spin, adaptive != NULL ? timeout : -1,
+	    adaptive == NULL);
+	if (nfds == 0 && adaptive != NULL)
+		return 0;
 	if (nfds == 0)
 		return ost_poll_kernel(self, fds, 0, ost_ns_to_ms(timeout),
 		    sigs);
@@ -409,6 +427,8 @@ restart:
 				ost_release(up);
 			ost_release_tbl(tbl, i);
 			free(tbl);
+			if (adaptive != NULL)
+				return 0;
 			return ost_poll_kernel(self, fds, nfds,
 			    ost_ns_to_ms(timeout), sigs);
 		}
@@ -457,7 +477,8 @@ restart:
 				timeout = 0;
 			goto restart;
 		}
-		ost_sleep(recv_sleep_time);
+		if (!ost_spin_pause(&spin))
+			break;
 	}
 	int err = errno;
 
@@ -472,25 +493,62 @@ busy_poll(struct pollfd *fds, nfds_t nfds, hrtime_t timeout)
 {
 	ost_sigcount_t sigs = ost_sig_snap();
 
-	return ost_busy_poll(NULL, fds, nfds, timeout, &sigs);
+	return ost_busy_poll(NULL, fds, nfds, timeout, &sigs, NULL);
 }
 
-int
-ost_poll_wait(uost_t *self, struct pollfd *fds, nfds_t nfds, int timeout,
+/*
+ * A poll without a busy phase of its own: the spin the policy gives this
+ * thread's waits, then the kernel's sleep for the time left; what the
+ * wait found teaches the budget.
+ */
+static int
+ost_poll_adaptive(struct pollfd *fds, nfds_t nfds, int timeout,
     const ost_sigcount_t *sigs)
+{
+	hrtime_t start, ns = ost_spin_budget(&ost_mux_spin_ns);
+	ost_spinner_t spin = {};
+	int r = 0;
+
+	if (timeout == 0)
+		return ost_poll_kernel(NULL, fds, nfds, 0, sigs);
+	start = gethrtime();
+	if (timeout > 0 && (hrtime_t)timeout * 1000000 < ns)
+		ns = (hrtime_t)timeout * 1000000;
+	if (ns > 0) {
+		r = ost_busy_poll(NULL, fds, nfds, ns, sigs, &spin);
+		if (r == 0 && timeout > 0) {
+			hrtime_t spent = (gethrtime() - start) / 1000000;
+
+			timeout = spent >= timeout ? 0 : timeout - (int)spent;
+		}
+	}
+	if (r == 0)
+		r = ost_poll_kernel(NULL, fds, nfds, timeout, sigs);
+	if (r >= 0)
+		ost_spin_learn(&ost_mux_spin_ns, gethrtime() - start, r > 0,
+		    &spin);
+	return r;
+}
+
+/* may_spin: a poll of its own, not the sleep after another wait's spin. */
+static int
+ost_poll_wait_spin(uost_t *self, struct pollfd *fds, nfds_t nfds, int timeout,
+    const ost_sigcount_t *sigs, bool may_spin)
 {
 	int32_t usec = poll_usec < -1 ? -1 : poll_usec;
 	int r;
 
 	if (usec == -1)
 		return ost_busy_poll(self, fds, nfds,
-		    (hrtime_t)timeout * 1000000, sigs);
+		    (hrtime_t)timeout * 1000000, sigs, NULL);
+	if (usec == 0 && may_spin)
+		return ost_poll_adaptive(fds, nfds, timeout, sigs);
 	if (usec == 0)
 		return ost_poll_kernel(self, fds, nfds, timeout, sigs);
 	if (timeout > 0 && (hrtime_t)timeout * 1000 <= usec)
 		return ost_busy_poll(self, fds, nfds,
-		    (hrtime_t)timeout * 1000000, sigs);
-	r = ost_busy_poll(self, fds, nfds, (hrtime_t)usec * 1000, sigs);
+		    (hrtime_t)timeout * 1000000, sigs, NULL);
+	r = ost_busy_poll(self, fds, nfds, (hrtime_t)usec * 1000, sigs, NULL);
 	if (r != 0)
 		return r;
 	if (self != NULL && ost_seen_closing(self))
@@ -499,6 +557,14 @@ ost_poll_wait(uost_t *self, struct pollfd *fds, nfds_t nfds, int timeout,
 	if (timeout > 0)
 		timeout -= usec / 1000;
 	return ost_poll_kernel(self, fds, nfds, timeout, sigs);
+}
+
+int
+ost_poll_wait(uost_t *self, struct pollfd *fds, nfds_t nfds, int timeout,
+    const ost_sigcount_t *sigs)
+{
+	/* A receive's sleep comes after its own spin. */
+	return ost_poll_wait_spin(self, fds, nfds, timeout, sigs, self == NULL);
 }
 
 static bool ost_poll_any_bypass(const struct pollfd *fds, nfds_t nfds);
@@ -519,16 +585,16 @@ ost_poll(struct pollfd *fds, nfds_t nfds, int timeout)
  * select over bypass sockets.  Each pass tests the bypass sockets and
  * gives the other descriptors to a kernel select that does not sleep
  * (Linux's timer slack would turn even a 1 us time-out into 50 us or
- * more).  After OST_SELECT_SPIN_NS of passes that found nothing the wait
- * sleeps in poll, so that an idle set does not hold a CPU.  A handler that
- * runs meanwhile ends the call with EINTR, as it would the kernel's.
+ * more).  Once the passes have found nothing for as long as the wait
+ * policy gives, the wait sleeps in poll, so that an idle set does not hold
+ * a CPU.  A handler that runs meanwhile ends the call with EINTR, as it
+ * would the kernel's.
  *
  * The sets are as long as nfds says, as the kernel reads them (nfds bits
  * rounded up to a long): programs that watch descriptors past FD_SETSIZE
  * allocate larger ones.
  */
-#define OST_SELECT_SPIN_NS (20 * 1000 * 1000LL)
-#define OST_NFDBITS        (8 * (int)sizeof(unsigned long))
+#define OST_NFDBITS (8 * (int)sizeof(unsigned long))
 
 static size_t
 ost_set_bytes(int nfds)
@@ -605,7 +671,7 @@ ost_select_by_poll(int nfds, fd_set *sets[3], hrtime_t deadline,
 		    left / 1000000 + 1 > INT_MAX ? INT_MAX :
 						   (int)(left / 1000000 + 1);
 	}
-	r = ost_poll_wait(NULL, pfds, n, ms, sigs);
+	r = ost_poll_wait_spin(NULL, pfds, n, ms, sigs, false);
 	for (nfds_t i = 0; r > 0 && i < n; i++) {
 		if (pfds[i].revents & POLLNVAL) {
 			errno = EBADF;
@@ -763,14 +829,15 @@ ost_sets_copy(fd_set *to[3], fd_set *const from[3], size_t bytes)
 
 /*
  * The passes.  Whatever fails leaves the caller's sets as they came, as
- * the kernel's select does.
+ * the kernel's select does.  *started: when the first pass found nothing,
+ * or 0; spin: the passes' spinner.
  */
 static int
 ost_select_spin(int nfds, fd_set *sets[3], fd_set *const saved[3],
-    ost_select_pass_t *sp, hrtime_t deadline, const ost_sigcount_t *sigs)
+    ost_select_pass_t *sp, hrtime_t deadline, const ost_sigcount_t *sigs,
+    hrtime_t *started, ost_spinner_t *spin)
 {
 	size_t bytes = ost_set_bytes(nfds);
-	hrtime_t spin_end = 0;
 
 	for (;;) {
 		struct timespec zero = { 0, 0 };
@@ -811,9 +878,12 @@ ost_select_spin(int nfds, fd_set *sets[3], fd_set *const saved[3],
 		ost_sets_copy(sets, saved, bytes);
 		if (ost_interrupted(sigs))
 			return -1;
-		if (spin_end == 0)
-			spin_end = gethrtime() + OST_SELECT_SPIN_NS;
-		else if (gethrtime() >= spin_end)
+		if (*started == 0) {
+			*started = gethrtime();
+			ost_spin_start(spin, ost_spin_budget(&ost_mux_spin_ns),
+			    false);
+		}
+		if (!ost_spin_pause(spin))
 			return ost_select_by_poll(nfds, sets, deadline, sigs);
 	}
 }
@@ -827,6 +897,8 @@ ost_select_common(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
 	size_t bytes = ost_set_bytes(nfds);
 	fd_set stack[5], *saved[3];
 	ost_select_pass_t sp;
+	hrtime_t started = 0;
+	ost_spinner_t spin = {};
 	char *mem = (char *)stack;
 	int k, err;
 
@@ -840,8 +912,12 @@ ost_select_common(int nfds, fd_set *readfds, fd_set *writefds, fd_set *errorfds,
 	}
 	sp.sp_rd = (fd_set *)(mem + 3 * bytes);
 	sp.sp_wr = (fd_set *)(mem + 4 * bytes);
-	k = ost_select_spin(nfds, sets, saved, &sp, deadline, sigs);
+	k = ost_select_spin(nfds, sets, saved, &sp, deadline, sigs, &started,
+	    &spin);
 	err = errno;
+	if (k >= 0 && started != 0)
+		ost_spin_learn(&ost_mux_spin_ns, gethrtime() - started, k > 0,
+		    &spin);
 	if (mem != (char *)stack)
 		free(mem);
 	errno = err;

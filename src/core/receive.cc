@@ -2,9 +2,9 @@
  * The receive engine and the receive calls.  A bypass socket's datagrams
  * come from its frame handle, or from its receive stash where a readiness
  * test or a MSG_PEEK receive left one whole frame.  With nothing there a
- * receive fails at once (non-blocking), spins on the handle with pauses of
- * recv_sleep_time nanoseconds (RCV_BUSY_WAIT), or sleeps in poll until the
- * handle has a frame (RCV_POLL).
+ * receive fails at once (non-blocking), or spins on the handle for as long
+ * as the wait policy gives it (RCV_BUSY_WAIT; core/wait_policy.h) and then
+ * sleeps in poll until the handle has a frame (at once with RCV_POLL).
  *
  * The receive slot gives one thread at a time the stash and the handle's
  * receive side; uost_lock guards only the slot flags and the reference
@@ -22,6 +22,7 @@
 
 #include "core/receive.h"
 #include "core/signals.h"
+#include "core/wait_policy.h"
 #include "os/frio_loader.h"
 
 /*
@@ -362,9 +363,6 @@ ost_recv_left(uost_t *up, bool holds_slot, struct msghdr *msg, int flags,
 	return n;
 }
 
-/* How long a busy-waiting receive spins before it waits in poll. */
-#define OST_SPIN_NS (20 * 1000 * 1000LL)
-
 /* Written by setsockopt while a receive may be waiting: a relaxed read. */
 static hrtime_t
 ost_rcvtimeo(uost_t *up)
@@ -372,10 +370,31 @@ ost_rcvtimeo(uost_t *up)
 	return __atomic_load_n(&up->uost_rcvtimeo, __ATOMIC_RELAXED);
 }
 
+/*
+ * What a wait that began at start (0: the call did not wait) teaches the
+ * socket's spin budget.
+ */
+static void
+ost_recv_learn(uost_t *up, hrtime_t start, bool got, const ost_spinner_t *sp)
+{
+	if (start != 0)
+		ost_spin_learn(&up->uost_spin_ns, gethrtime() - start, got, sp);
+}
+
+/* A receive that waited in vain for its time-out: EAGAIN. */
+static ssize_t
+ost_recv_timed_out(uost_t *up, bool holds_slot, hrtime_t start,
+    const ost_spinner_t *sp)
+{
+	ost_recv_learn(up, start, false, sp);
+	return ost_recv_fail(up, holds_slot, EAGAIN);
+}
+
 ssize_t
 ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 {
-	hrtime_t deadline = 0, pause = recv_sleep_time, spin_end = 0;
+	hrtime_t deadline = 0, wait_start = 0;
+	ost_spinner_t spin = {};
 	int saved_errno = errno;
 	bool paused = false, from_kernel = false, shut = false;
 	bool rcvtimeo = ost_rcvtimeo(up) != 0;
@@ -394,8 +413,6 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 		deadline = gethrtime();
 		deadline = timeout > INT64_MAX - deadline ? INT64_MAX :
 							    deadline + timeout;
-		if (timeout < pause)
-			pause = timeout;
 	}
 	for (;;) {
 		if (!ost_recv_slot_take(up, true))
@@ -423,7 +440,8 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 				goto delivered;
 			}
 			if (deadline != 0 && gethrtime() >= deadline)
-				return ost_recv_fail(up, true, EAGAIN);
+				return ost_recv_timed_out(up, true, wait_start,
+				    &spin);
 			if (ost_seen_closing(up))
 				return ost_recv_left(up, true, msg, flags,
 				    deadline, &sigs, rcvtimeo, saved_errno);
@@ -432,18 +450,23 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 			if (ost_sig_ran(&sigs) &&
 			    !ost_sig_restart(&sigs, rcvtimeo))
 				return ost_recv_fail(up, true, EINTR);
-			if (recv_mode == RCV_POLL)
-				break;
 			/*
-			 * Spin for a while, then wait in poll: an idle socket
-			 * must not hold a CPU for ever.  Traffic keeps a
-			 * receive in its spin.
+			 * Spin for what the policy gives (no longer than the
+			 * time-out), then wait in poll: an idle socket must
+			 * not hold a CPU for ever.  One spin per call.
 			 */
-			if (!paused)
-				spin_end = gethrtime() + OST_SPIN_NS;
-			else if (gethrtime() >= spin_end)
+			if (wait_start == 0) {
+				hrtime_t ns = recv_mode == RCV_POLL ?
+				    0 :
+				    ost_spin_budget(&up->uost_spin_ns);
+
+				if (timeout != 0 && timeout < ns)
+					ns = timeout;
+				wait_start = gethrtime();
+				ost_spin_start(&spin, ns, false);
+			}
+			if (!ost_spin_pause(&spin))
 				break;
-			ost_sleep(pause);
 			paused = true;
 		}
 
@@ -461,7 +484,8 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 				return ost_recv_left(up, false, msg, flags,
 				    deadline, &sigs, rcvtimeo, saved_errno);
 			if (deadline == 0 || gethrtime() >= deadline)
-				return ost_recv_fail(up, false, EAGAIN);
+				return ost_recv_timed_out(up, false, wait_start,
+				    &spin);
 			continue;
 		}
 		if (r < 0) {
@@ -474,6 +498,7 @@ ost_recvmsg(uost_t *up, struct msghdr *msg, int flags, hrtime_t timeout)
 	}
 
 delivered:
+	ost_recv_learn(up, wait_start, true, &spin);
 	if (!from_kernel) {
 		ost_recv_hand_over(msg, &rmsg, &from);
 		/* ost_pkt_cmsgs set the control data and MSG_CTRUNC. */

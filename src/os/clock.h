@@ -21,17 +21,31 @@ gethrtime(void)
 	return (hrtime_t)ts.tv_sec * NANOSEC + ts.tv_nsec;
 }
 
+/*
+ * Tells the processor that this is a spin: a sibling hyperthread gets the
+ * core's resources meanwhile, and leaving the loop costs no mis-speculated
+ * memory order.  Tens of nanoseconds.
+ */
+static inline void
+ost_cpu_relax(void)
+{
+#if defined(__x86_64__) || defined(__i386__)
+	__builtin_ia32_pause();
+#elif defined(__aarch64__)
+	__asm__ __volatile__("isb" ::: "memory");
+#else
+	__asm__ __volatile__("" ::: "memory");
+#endif
+}
+
 /* Busy-waits ns nanoseconds, pausing the processor between looks. */
 static inline void
 ost_sleep(hrtime_t ns)
 {
 	hrtime_t end = gethrtime() + ns;
 
-	while (gethrtime() < end) {
-#if defined(__x86_64__) || defined(__i386__)
-		__builtin_ia32_pause();
-#endif
-	}
+	while (gethrtime() < end)
+		ost_cpu_relax();
 }
 
 #endif /* OST_OS_CLOCK_H */
