@@ -102,12 +102,11 @@ ost_transmit_locked(uost_t *up, const struct iovec *iov, int iovcnt,
 #define OST_ERR_CHECK_NS (1000 * 1000)
 
 static bool
-ost_error_pending_locked(uost_t *up)
+ost_error_pending_locked(uost_t *up, hrtime_t now)
 {
 	struct pollfd pfd = { up->uost_sd, 0, 0 };
-	hrtime_t now;
 
-	if (!up->uost_connected || (now = gethrtime()) < up->uost_err_due)
+	if (!up->uost_connected || now < up->uost_err_due)
 		return false;
 	up->uost_err_due = now + OST_ERR_CHECK_NS;
 	return real_poll(&pfd, 1, 0) == 1 && (pfd.revents & POLLERR);
@@ -121,15 +120,17 @@ static ost_tx_t
 ost_send_peer_locked(uost_t *up, const struct iovec *iov, int iovcnt,
     size_t len)
 {
+	hrtime_t now;
 	uint32_t gen;
 
 	if (!up->uost_peer_set) {
 		ost_debug("%d: no peer on the bypass\n", up->uost_sd);
 		return OST_TX_KERNEL;
 	}
-	if (up->uost_shut_wr || ost_error_pending_locked(up))
+	now = gethrtime();
+	if (up->uost_shut_wr || ost_error_pending_locked(up, now))
 		return OST_TX_KERNEL;
-	gen = ost_watch_gen();
+	gen = ost_watch_gen_at(now);
 	if (gen != up->uost_dst_gen)
 		ost_dst_refresh_locked(up, gen);
 	if (!up->uost_dst_ok || !up->uost_frio_set) {

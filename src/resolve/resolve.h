@@ -20,6 +20,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "os/clock.h"
+
 #define OST_IFNAME_SIZE 32 /* interface names, with room to spare */
 
 /*
@@ -93,6 +95,8 @@ uint32_t ost_if_mtu(const char *if_name);
  */
 #define OST_WATCH_POLL_NS (2 * 1000 * 1000)
 uint32_t ost_watch_gen(void);
+/* The same for a caller that has just read the clock. */
+uint32_t ost_watch_gen_at(hrtime_t now);
 /* A next hop resolved to mac: its table entry walking through states
  * with the same address is not news. */
 void ost_watch_note_neigh(int family, uint32_t ifindex, const void *addr,

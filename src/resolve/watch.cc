@@ -350,8 +350,12 @@ watch_poll(hrtime_t now)
 uint32_t
 ost_watch_gen(void)
 {
-	hrtime_t now = gethrtime();
+	return ost_watch_gen_at(gethrtime());
+}
 
+uint32_t
+ost_watch_gen_at(hrtime_t now)
+{
 	if (now >= __atomic_load_n(&watch_due, __ATOMIC_RELAXED) &&
 	    !__atomic_load_n(&watch_frozen, __ATOMIC_RELAXED))
 		watch_poll(now);
