@@ -110,25 +110,19 @@ expected(const uost_t *up, const wire &w)
 /* The sender: the parser writes it whole or not at all, a receive call cuts
  * it to the caller's length and says the whole; nothing past is touched. */
 void
-check_from(const uost_t *up, const wire &w, const uint8_t *from,
-    socklen_t given, socklen_t got, bool call)
+check_from(bool v6, const wire &w, const uint8_t *from, socklen_t given,
+    socklen_t got, bool call)
 {
-	socklen_t need = up->uost_is_v6 ? sizeof(struct sockaddr_in6) :
-					  sizeof(struct sockaddr_in);
+	socklen_t need = v6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
 	size_t wrote = given >= need ? need : call ? given : 0;
-	uint8_t want[8];
+	sa_family_t fam = v6 ? AF_INET6 : AF_INET;
+	uint8_t want[24] = {};
 
 	FUZZ_CHECK(got == (given >= need || call ? need : given));
-	sa_family_t fam = up->uost_is_v6 ? AF_INET6 : AF_INET;
 	memcpy(want, &fam, 2);
 	memcpy(want + 2, &w.sport, 2);
-	if (up->uost_is_v6)
-		memset(want + 4, 0, 4); /* flow label */
-	else
-		memcpy(want + 4, w.src, 4);
-	FUZZ_CHECK(memcmp(from, want, std::min(wrote, sizeof(want))) == 0);
-	if (up->uost_is_v6 && wrote >= 24)
-		FUZZ_CHECK(memcmp(from + 8, w.src, 16) == 0);
+	memcpy(want + (v6 ? 8 : 4), w.src, w.alen);
+	FUZZ_CHECK(memcmp(from, want, std::min(wrote, v6 ? 24ul : 8ul)) == 0);
 	for (size_t i = wrote; i < 40; i++)
 		FUZZ_CHECK(from[i] == 0xa5);
 }
@@ -241,7 +235,7 @@ run_direct(uint8_t c0, const uint8_t *f, size_t n, bufs &b)
 		return;
 	FUZZ_CHECK(len == w.plen && payload == f + w.off);
 	if (b.name != nullptr)
-		check_from(up, w, b.name, b.namelen, fromlen, false);
+		check_from(v6, w, b.name, b.namelen, fromlen, false);
 
 	struct msghdr m;
 	struct timespec ts = { 1700000000, 123456789 };
@@ -316,7 +310,8 @@ engine_recv(int fd, uost_t *up, bufs &b, int flags, const uint8_t *f,
 	FUZZ_CHECK(m.msg_controllen <= b.controllen);
 	b.check_payload(f + w.off, copied);
 	if (b.name != nullptr)
-		check_from(up, w, b.name, b.namelen, m.msg_namelen, true);
+		check_from(up->uost_is_v6, w, b.name, b.namelen, m.msg_namelen,
+		    true);
 }
 
 void

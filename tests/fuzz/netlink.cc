@@ -13,6 +13,7 @@
 #include <netpacket/packet.h>
 #include <string.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "fuzz.h"
@@ -142,13 +143,10 @@ links(const uint8_t *buf, size_t len)
 	}
 	for (size_t i = 0; i < n; i++) {
 		char out[OST_IFNAME_SIZE];
-		size_t k = 0;
+		size_t k = std::min(strcspn(e[i].name, ":"),
+		    (size_t)OST_IFNAME_SIZE - 1);
 
 		ost_if_name_copy(out, e[i].name);
-		while (e[i].name[k] != '\0' && e[i].name[k] != ':')
-			k++;
-		if (k > OST_IFNAME_SIZE - 1)
-			k = OST_IFNAME_SIZE - 1;
 		FUZZ_CHECK(strlen(out) == k && memcmp(out, e[i].name, k) == 0);
 	}
 }
