@@ -35,12 +35,10 @@ get16(const uint8_t *p)
 {
 	return uint16_t(p[0] << 8 | p[1]);
 }
-
 inline void
 put16(uint8_t *p, uint16_t v)
 {
-	p[0] = uint8_t(v >> 8);
-	p[1] = uint8_t(v);
+	p[0] = uint8_t(v >> 8), p[1] = uint8_t(v);
 }
 
 /* Folded, uncomplemented sum of the frame's UDP pseudo-header. */
@@ -61,24 +59,17 @@ udp_hdr(bool v6, size_t payload_len, uint16_t dport = 5678)
 	uint8_t *ip = h.data() + 14, *udp = ip + ip_len;
 	uint16_t ulen = uint16_t(8 + payload_len);
 
-	h[0] = h[6] = 0x02;
-	h[5] = 0x02;
-	h[11] = 0x01;
+	h[0] = h[6] = h[5] = 0x02, h[11] = 0x01;
+	put16(&h[12], v6 ? 0x86dd : 0x0800);
 	if (v6) {
-		put16(&h[12], 0x86dd);
-		ip[0] = 0x60;
+		ip[0] = 0x60, ip[6] = 17, ip[7] = 64;
 		put16(ip + 4, ulen);
-		ip[6] = 17;
-		ip[7] = 64;
 		inet_pton(AF_INET6, "fd00:200::1", ip + 8);
 		inet_pton(AF_INET6, "fd00:200::2", ip + 24);
 	} else {
-		put16(&h[12], 0x0800);
-		ip[0] = 0x45;
+		ip[0] = 0x45, ip[8] = 64, ip[9] = 17;
 		put16(ip + 2, uint16_t(20 + ulen));
 		put16(ip + 6, 0x4000);
-		ip[8] = 64;
-		ip[9] = 17;
 		inet_pton(AF_INET, "10.200.0.1", ip + 12);
 		inet_pton(AF_INET, "10.200.0.2", ip + 16);
 	}

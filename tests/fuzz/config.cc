@@ -1,12 +1,8 @@
 /*
  * The start-up configuration: whatever the _OSTREL_* variables hold, the
- * values read are inside the ranges the rest of the library assumes, and a
- * decimal number too large or too small for its setting is taken as the
- * nearest value the setting can hold, never as a wrapped one (a huge spin
- * time must not turn negative, a huge pause into a tiny one).
- *
- * Input: the values of the variables in the order of kVars, separated by
- * newlines; a value that is a single '-' leaves its variable unset.
+ * values read are in range, and a number out of its setting's range is
+ * clamped, never wrapped.  Input: the values of kVars, one a line; a
+ * single '-' leaves the variable unset.
  */
 #include <ctype.h>
 #include <limits.h>
@@ -26,11 +22,7 @@ const char *const kVars[] = { "_OSTREL_ERR_EXIT", "_OSTREL_SEND_BUSY_WAIT_CNT",
 	"_OSTREL_RECV_MODE" };
 const int kNVars = sizeof(kVars) / sizeof(kVars[0]);
 
-/*
- * Sets a variable through a buffer of its own that the environment keeps
- * pointing at: setenv would keep every value ever set, and a long run
- * would end out of memory.
- */
+/* Through a buffer of its own: setenv would keep every value ever set. */
 void
 put(int i, const std::string &v)
 {
@@ -42,11 +34,8 @@ put(int i, const std::string &v)
 	putenv(bufs[i]);
 }
 
-/*
- * The number a value starts with, as strtol reads it (leading blanks, a
- * sign, decimal digits), limited to an int's range; false when no digit
- * follows.
- */
+/* The number a value starts with, as strtol reads it, clamped to an int;
+ * false when there is none. */
 bool
 decimal(const std::string &v, long long *out)
 {
@@ -79,16 +68,16 @@ LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	bool set[kNVars] = {};
 	size_t at = 0;
 
-	for (int i = 0; i < kNVars && at <= in.size(); i++) {
+	for (int i = 0; i < kNVars; i++) {
 		size_t nl = std::min(in.find('\n', at), in.size());
 
-		/* The environment holds no NUL inside a value. */
-		vals[i] = in.substr(at, nl - at);
-		vals[i].resize(std::min(vals[i].find('\0'), vals[i].size()));
-		set[i] = vals[i] != "-";
-		at = nl + 1;
-	}
-	for (int i = 0; i < kNVars; i++) {
+		if (at <= in.size()) {
+			vals[i] = in.substr(at, nl - at);
+			vals[i].resize(
+			    std::min(vals[i].find('\0'), vals[i].size()));
+			set[i] = vals[i] != "-";
+			at = nl + 1;
+		}
 		if (set[i])
 			put(i, vals[i]);
 		else

@@ -1,7 +1,5 @@
-/*
- * What the fuzz targets share: a check that stays on in every build and
- * says which property failed, and byte readers of a fuzzer's input.
- */
+/* What the fuzz targets share: a check that stays on in every build and
+ * names the property broken, and a reader of the fuzzer's input. */
 #ifndef OST_FUZZ_FUZZ_H
 #define OST_FUZZ_FUZZ_H
 
@@ -10,7 +8,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-/* A broken property: libFuzzer keeps the input that ended the run. */
 #define FUZZ_CHECK(expr)                                                \
 	do {                                                            \
 		if (!(expr)) {                                          \
@@ -20,18 +17,12 @@
 		}                                                       \
 	} while (0)
 
-/* The input, consumed from the front; reads past its end give zeros. */
+/* The input, consumed from the front; past its end, zeros. */
 struct fuzz_in {
 	const uint8_t *p;
 	size_t left;
 
-	uint8_t byte()
-	{
-		if (left == 0)
-			return 0;
-		left--;
-		return *p++;
-	}
+	uint8_t byte() { return left == 0 ? 0 : (left--, *p++); }
 };
 
 static inline uint16_t

@@ -1,14 +1,9 @@
 /*
- * Received rtnetlink buffers against the route and neighbour answer
- * parsers, and getifaddrs-style interface lists against the link-address
- * readers.  The parsers take a buffer as recvmsg() left it, at any
- * alignment; besides the sanitizers' findings, what they return must be
- * what their callers rely on.
- *
- * Input: c0: bit 0 IPv6, bits 1-2 which reader (route, neighbour,
- * neighbour on interface 2, interface list), bit 3 the buffer one byte off
- * its alignment; then the buffer.  Requests carry sequence 7 of port 4242;
- * the neighbour looked up is 192.0.2.1 or 2001:db8::1.
+ * rtnetlink buffers, at any alignment, against the route and neighbour
+ * answer parsers, and getifaddrs-style lists against the link readers.
+ * Input: c0: bit 0 IPv6, bits 1-2 the reader (route, neighbour, neighbour
+ * on interface 2, interface list), bit 3 misalign; then the buffer.
+ * Requests are sequence 7 of port 4242, for 192.0.2.1 or 2001:db8::1.
  */
 #include <arpa/inet.h>
 #include <errno.h>
@@ -18,6 +13,7 @@
 #include <netpacket/packet.h>
 #include <string.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "fuzz.h"
@@ -28,8 +24,7 @@ namespace
 
 const uint32_t kSeq = 7, kPort = 4242;
 
-/* Whether a whole message of the request's sequence and port comes before
- * the end or the first broken header: only such a message is an answer. */
+/* Whether a whole message of the request's comes before a broken one. */
 bool
 ours(const uint8_t *buf, size_t len)
 {
@@ -53,31 +48,20 @@ route(int family, const uint8_t *buf, size_t len)
 
 	memset(&rt, 0x5a, sizeof(rt));
 	before = rt;
+	static const uint8_t zero[16] = {};
+	size_t alen = family == AF_INET ? 4 : 16;
 	ost_nl_status_t st =
 	    ost_nl_route_parse(buf, len, kSeq, kPort, family, &rt);
-	FUZZ_CHECK(st == OST_NL_MORE || ours(buf, len));
-	switch (st) {
-	case OST_NL_MORE:
-		/* Written only when the answer is found. */
-		FUZZ_CHECK(memcmp(&rt, &before, sizeof(rt)) == 0);
-		break;
-	case OST_NL_ERROR:
-		FUZZ_CHECK(rt.nr_error > 0 && rt.nr_oif == 0 && !rt.nr_has_gw);
-		break;
-	case OST_NL_ANSWER: {
-		static const uint8_t zero[16] = {};
-		size_t alen = family == AF_INET ? 4 : 16;
 
-		FUZZ_CHECK(rt.nr_error == 0);
-		/* No gateway reads as on-link: nothing of one may show. */
-		if (!rt.nr_has_gw)
-			FUZZ_CHECK(memcmp(rt.nr_gw, zero, 16) == 0);
-		FUZZ_CHECK(memcmp(rt.nr_gw + alen, zero, 16 - alen) == 0);
-		break;
-	}
-	default:
-		FUZZ_CHECK(!"status out of range");
-	}
+	FUZZ_CHECK(st == OST_NL_MORE || ours(buf, len));
+	if (st == OST_NL_MORE) /* written only when the answer is found */
+		FUZZ_CHECK(memcmp(&rt, &before, sizeof(rt)) == 0);
+	else if (st == OST_NL_ERROR)
+		FUZZ_CHECK(rt.nr_error > 0 && rt.nr_oif == 0 && !rt.nr_has_gw);
+	else /* no gateway reads as on-link: nothing of one may show */
+		FUZZ_CHECK(st == OST_NL_ANSWER && rt.nr_error == 0 &&
+		    (rt.nr_has_gw || memcmp(rt.nr_gw, zero, 16) == 0) &&
+		    memcmp(rt.nr_gw + alen, zero, 16 - alen) == 0);
 }
 
 void
@@ -94,25 +78,17 @@ neigh(int family, uint32_t ifindex, const uint8_t *buf, size_t len)
 	    &dst, ifindex, &nb);
 	FUZZ_CHECK(st == OST_NL_MORE ||
 	    ((st == OST_NL_ANSWER || st == OST_NL_ERROR) && ours(buf, len)));
-	if (st == OST_NL_ERROR)
-		FUZZ_CHECK(nb.nn_error > 0);
-	if (nb.nn_complete)
-		FUZZ_CHECK(nb.nn_found);
-	if (nb.nn_found) {
-		FUZZ_CHECK(nb.nn_ifindex != 0 && (int)nb.nn_ifindex > 0);
-		FUZZ_CHECK(ifindex == 0 || nb.nn_ifindex == ifindex);
-	}
-	/* The dump goes on after an incomplete entry, never after a
-	 * complete one. */
-	if (nb.nn_complete && st != OST_NL_ERROR)
-		FUZZ_CHECK(st == OST_NL_ANSWER);
+	FUZZ_CHECK(st != OST_NL_ERROR || nb.nn_error > 0);
+	FUZZ_CHECK(!nb.nn_complete || nb.nn_found);
+	FUZZ_CHECK(!nb.nn_found ||
+	    ((int)nb.nn_ifindex > 0 &&
+		(ifindex == 0 || nb.nn_ifindex == ifindex)));
+	/* The dump stops at a complete entry. */
+	FUZZ_CHECK(!nb.nn_complete || st != OST_NL_MORE);
 }
 
-/*
- * A getifaddrs() list made of the buffer: records of an index, a family,
- * a hardware type, an address length and up to 8 address bytes, a flag
- * for a missing address, and a name.
- */
+/* A getifaddrs() list of records: index, family, hardware type, address
+ * length and 8 bytes, no-address flag, name. */
 void
 links(const uint8_t *buf, size_t len)
 {
@@ -158,8 +134,7 @@ links(const uint8_t *buf, size_t len)
 		}
 		bool ok =
 		    ost_if_ether(n != 0 ? &e[0].ifa : nullptr, index, &mac);
-		/* The interface's own entry decides, and only an Ethernet
-		 * address of Ethernet's length is one. */
+		/* The interface's first entry decides; only Ethernet. */
 		FUZZ_CHECK(ok ==
 		    (first != nullptr && first->sll_hatype == ARPHRD_ETHER &&
 			first->sll_halen == ETHER_ADDR_LEN));
@@ -168,13 +143,10 @@ links(const uint8_t *buf, size_t len)
 	}
 	for (size_t i = 0; i < n; i++) {
 		char out[OST_IFNAME_SIZE];
-		size_t k = 0;
+		size_t k = std::min(strcspn(e[i].name, ":"),
+		    (size_t)OST_IFNAME_SIZE - 1);
 
 		ost_if_name_copy(out, e[i].name);
-		while (e[i].name[k] != '\0' && e[i].name[k] != ':')
-			k++;
-		if (k > OST_IFNAME_SIZE - 1)
-			k = OST_IFNAME_SIZE - 1;
 		FUZZ_CHECK(strlen(out) == k && memcmp(out, e[i].name, k) == 0);
 	}
 }
@@ -189,28 +161,20 @@ LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	uint8_t c0 = data[0];
 	int family = (c0 & 1) ? AF_INET6 : AF_INET;
 	size_t len = size - 1;
-	/* A copy of its own, so that reading past it is caught, placed at
-	 * the alignment asked for. */
+	/* Its own allocation, so that a read past it is caught. */
 	uint8_t *mem = (uint8_t *)malloc(len + 1);
 	uint8_t *buf = mem + ((c0 & 8) ? 1 : 0);
 
 	if (!(c0 & 8))
 		mem = (uint8_t *)realloc(mem, len == 0 ? 1 : len), buf = mem;
 	memcpy(buf, data + 1, len);
-	switch ((c0 >> 1) & 3) {
-	case 0:
+	int which = (c0 >> 1) & 3;
+	if (which == 0)
 		route(family, buf, len);
-		break;
-	case 1:
-		neigh(family, 0, buf, len);
-		break;
-	case 2:
-		neigh(family, 2, buf, len);
-		break;
-	default:
+	else if (which < 3)
+		neigh(family, which == 2 ? 2 : 0, buf, len);
+	else
 		links(buf, len);
-		break;
-	}
 	free(mem);
 	return 0;
 }
