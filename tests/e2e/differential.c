@@ -1279,22 +1279,11 @@ static const row_t rows[] = {
 	{ "cpu_wait", row_cpu_wait, 1 },
 };
 
-/* The interface beside lo, for SO_BINDTODEVICE. */
-static void
-find_ifname(void)
-{
-	struct if_nameindex *ni = if_nameindex(), *i;
-
-	for (i = ni; i != NULL && i->if_index != 0; i++)
-		if (strcmp(i->if_name, "lo") != 0)
-			snprintf(ifname, sizeof(ifname), "%s", i->if_name);
-	if_freenameindex(ni);
-}
-
 int
 main(int argc, char **argv)
 {
 	struct sockaddr_un un = { .sun_family = AF_UNIX };
+	struct if_nameindex *ni, *ix;
 	size_t n = sizeof(rows) / sizeof(rows[0]);
 
 	if (argc == 2 && strcmp(argv[1], "list") == 0) {
@@ -1317,7 +1306,11 @@ main(int argc, char **argv)
 	setvbuf(stdout, NULL, _IOLBF, 0);
 	signal(SIGPIPE, SIG_IGN);
 	main_thread = pthread_self();
-	find_ifname();
+	/* The interface beside lo, for SO_BINDTODEVICE. */
+	for (ix = ni = if_nameindex(); ix != NULL && ix->if_index != 0; ix++)
+		if (strcmp(ix->if_name, "lo") != 0)
+			snprintf(ifname, sizeof(ifname), "%s", ix->if_name);
+	if_freenameindex(ni);
 	for (size_t i = 0; i < n; i++)
 		if (strcmp(argv[1], rows[i].name) == 0) {
 			int c = socket(AF_UNIX, SOCK_STREAM, 0);
