@@ -1,24 +1,13 @@
 /*
- * The differential table: scenarios as an application sees them, each row
- * run once on kernel sockets and once under the preload.
- *
+ * The differential table: each row run on kernel sockets and under the
+ * preload, printing one normalised line per step (ret, errno against a
+ * sentinel, bytes, sender, revents, time bucket, CPU share of waits; no
+ * descriptors, pids or ports) for differential.sh to compare.
  *   differential list                            rows, "ring" or "kernel"
  *   differential ROW SELF PEER CTL SELF6 PEER6   one row
- *
- * A row prints one normalised line per step: return value, errno (set to
- * a sentinel before every call, so a successful call that touches it
- * shows), bytes, sender address, revents, the elapsed time as a bucket
- * and, for waits, whether the process used more than a fifth of the wall
- * time in CPU.  No descriptor numbers, pids or varying ports:
- * differential.sh compares the two outputs line by line.
- *
- * The row's socket is bound to SELF:5000.  The peer (differential.sh) is a
- * plain process in the other namespace with sockets on PEER:6000 and
- * PEER6:6000, driven over the UNIX stream socket CTL one command a line
- * ("send N LEN DELAY_MS", "recv MS", "echo MS", "drain MS", "close";
- * "send6" and "recv6" over IPv6), so that only the row's side is ever
- * preloaded.  The k-th datagram the peer sends in a row is filled with
- * 'A' + k.
+ * The row binds SELF:5000; the plain peer on PEER:6000 / PEER6:6000 takes
+ * commands on the UNIX socket CTL ("send N LEN DELAY_MS", "recv MS", "echo
+ * MS", "drain MS", "close"; "send6", "recv6"); its k-th datagram is 'A'+k.
  */
 #define _GNU_SOURCE
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations" /* siginterrupt */
@@ -63,6 +52,10 @@
 #define udp() socket(AF_INET, SOCK_DGRAM, 0)
 #define PEER  (struct sockaddr *)&peer_sa, sizeof(peer_sa)
 #define SELF  (struct sockaddr *)&self_sa, sizeof(self_sa)
+/* N datagrams of LEN bytes from the peer, DELAY ms from now. */
+#define peer_send(n, len, ms) peer("send %d %d %d", n, len, ms)
+/* And 100 ms for them to be queued. */
+#define peer_queued(n, len) (peer_send(n, len, 0), usleep(100000))
 
 extern char **environ;
 
@@ -73,23 +66,19 @@ static char ifname[IF_NAMESIZE];
 static pthread_t main_thread;
 static char rbuf[70000];
 
-/* The result of the last TRY in this thread. */
 static __thread long t_ret;
 static __thread int t_err;
 #define TRY(expr) (errno = SENTINEL, t_ret = (long)(expr), t_err = errno)
 
-/* A step that shows its return value and errno alone. */
+/* Steps: ret and errno; a descriptor (not its number); a value read into
+ * V; a send and what the peer got; a receive into rbuf and its time. */
 #define DO(step, expr) (TRY(expr), say(step, ""))
-/* A step that returns a descriptor, whose number is not compared. */
 #define DO_FD(step, expr) \
 	(TRY(expr), t_ret = t_ret < 0 ? t_ret : 0, say(step, "fd"))
-/* A step that reads a value into V. */
 #define VAL(step, expr, v) (TRY(expr), say(step, "value=%d", v))
-/* A send, and what the peer got. */
 #define SENT(step, expr) \
 	(TRY(expr),      \
 	    say(step, "peer: %s", peer(t_ret < 0 ? "recv 100" : "recv 1000")))
-/* A receive into rbuf: what it got, and how long it took. */
 #define GOT(step, expr)                                                     \
 	do {                                                                \
 		clk_t t0_ = clk();                                          \
@@ -118,11 +107,8 @@ clk(void)
 		c.tv_sec * 1e3 + c.tv_nsec / 1e6 };
 }
 
-/*
- * "time=B" and, with CPU, " cpu<20%" or " cpu>=20%".  The buckets are wide
- * enough for a loaded machine: immediate, about when another thread or a
- * signal acts, about a time-out, about the peer's delayed datagram.
- */
+/* "time=B" in buckets wide enough for a loaded machine; with CPU, whether
+ * it took a fifth of the wall time. */
 static const char *
 took(clk_t t0, int cpu)
 {
@@ -211,8 +197,6 @@ revents(int ev)
 	return b[0] ? b : "0";
 }
 
-/* ---------------------------------------------------------------- peer */
-
 /* A command to the peer; its one-line answer. */
 static const char *
 peer(const char *fmt, ...)
@@ -230,20 +214,8 @@ peer(const char *fmt, ...)
 	return line;
 }
 
-/* N datagrams of LEN bytes, DELAY ms from now. */
-static void
-peer_send(int n, int len, int delay_ms)
-{
-	peer("send %d %d %d", n, len, delay_ms);
-}
-
-/* ------------------------------------------------------------- set-up */
-
-/*
- * Under the preload, until the socket answers the library's own option
- * (it is on the bypass), or 2 s; stderr says which.  Datagrams the peer
- * sends after this come through the ring.
- */
+/* Preloaded: wait (2 s at most) until the library's own option answers,
+ * i.e. the socket is on the bypass; stderr says which. */
 static void
 settle(int fd)
 {
@@ -277,13 +249,10 @@ bound(int conn)
 	return fd;
 }
 
-static void
-rcvtimeo(int fd, int ms)
-{
-	struct timeval tv = { ms / 1000, ms % 1000 * 1000 };
-
-	setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-}
+#define rcvtimeo(fd, ms)                                          \
+	setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO,                   \
+	    &(struct timeval){ (ms) / 1000, (ms) % 1000 * 1000 }, \
+	    sizeof(struct timeval))
 
 #define do_recv(step, fd, len, flags) GOT(step, recv(fd, rbuf, len, flags))
 
@@ -312,8 +281,6 @@ poll_all(int fd, const char *when)
 	TRY(select(fd + 1, &r, &w, NULL, &tv));
 	say("  select", "read=%d write=%d", FD_ISSET(fd, &r), FD_ISSET(fd, &w));
 }
-
-/* ---------------------------------------- another thread, mid-wait */
 
 enum {
 	A_SIG,
@@ -346,46 +313,34 @@ actor(void *arg)
 	pid_t pid;
 
 	usleep((a->kind == A_SIG ? a->arg : ACT_MS) * 1000);
-	switch (a->kind) {
-	case A_SIG:
+	if (a->kind == A_SIG)
 		TRY(pthread_kill(main_thread, SIGUSR1));
-		break;
-	case A_SEND:
+	else if (a->kind == A_SEND)
 		TRY(send(a->fd, "xxxx", 4, 0));
-		break;
-	case A_SHUT:
+	else if (a->kind == A_SHUT)
 		TRY(shutdown(a->fd, a->arg));
-		break;
-	case A_FORK:
+	else if (a->kind == A_FORK) {
 		TRY(pid = fork());
 		if (pid == 0)
 			_exit(0);
 		if (pid > 0)
 			waitpid(pid, NULL, 0);
-		break;
-	case A_SPAWN:
+	} else if (a->kind == A_SPAWN) {
 		TRY(posix_spawn(&pid, argv[0], NULL, NULL, argv, environ));
 		if (t_ret == 0)
 			waitpid(pid, NULL, 0);
-		break;
-	case A_IPOPTS:
+	} else if (a->kind == A_IPOPTS)
 		TRY(setsockopt(a->fd, IPPROTO_IP, IP_OPTIONS, nops,
 		    sizeof(nops)));
-		break;
-	case A_BINDDEV:
+	else if (a->kind == A_BINDDEV)
 		TRY(setsockopt(a->fd, SOL_SOCKET, SO_BINDTODEVICE, ifname,
 		    strlen(ifname)));
-		break;
-	case A_DUP:
+	else if (a->kind == A_DUP)
 		TRY(dup(a->fd));
-		break;
-	case A_UNSPEC:
+	else if (a->kind == A_UNSPEC)
 		TRY(connect(a->fd, &un, sizeof(un)));
-		break;
-	case A_WRITE:
+	else if (a->kind == A_WRITE)
 		TRY(write(a->fd, "p", 1));
-		break;
-	}
 	a->ret = t_ret < 0 ? t_ret : 0; /* no pids or descriptors */
 	a->err = t_err;
 	return NULL;
@@ -406,8 +361,6 @@ act_say(act_t *a, const char *step)
 	t_err = a->err;
 	say(step, "");
 }
-
-/* -------------------------------------------------------------- rows */
 
 typedef struct row row_t;
 struct row {
@@ -581,10 +534,8 @@ row_fails(const row_t *r)
 	DO("recv closed", recv(fd, rbuf, 10, MSG_DONTWAIT));
 }
 
-/*
- * The peer's port closed: the ICMP error as poll, send, recv and SO_ERROR
- * see it, pending and read, and arriving while a receive waits.
- */
+/* The peer's port closed: the ICMP error as poll, send, recv and SO_ERROR
+ * see it, pending and read, and arriving while a receive waits. */
 static void
 row_refused(const row_t *r)
 {
@@ -633,16 +584,13 @@ row_shutdown(const row_t *r)
 	poll_all(fd, "after shutdown");
 	DO("send after", send(fd, "xxxx", 4, MSG_NOSIGNAL));
 	SENT("sendto after", sendto(fd, "xxxx", 4, MSG_NOSIGNAL, PEER));
-	peer_send(1, 20, 0);
-	usleep(100000);
+	peer_queued(1, 20);
 	do_recv("recv datagram", fd, 100, MSG_DONTWAIT);
 }
 
-/*
- * A receive waits through another thread's action A, which takes the
+/* A receive waits through another thread's action A, which takes the
  * socket off the bypass, until the peer's datagram or, with B, its
- * time-out; then the socket goes on working through the kernel.
- */
+ * time-out; then the socket goes on working through the kernel. */
 static void
 row_handoff(const row_t *r)
 {
@@ -650,11 +598,9 @@ row_handoff(const row_t *r)
 	sigset_t chld;
 	act_t a;
 
-	/*
-	 * Blocked everywhere: the kernel ends a timed receive with EINTR for
+	/* Blocked everywhere: the kernel ends a timed receive with EINTR for
 	 * an ignored SIGCHLD that came while posix_spawn's thread held every
-	 * signal.
-	 */
+	 * signal. */
 	sigemptyset(&chld);
 	sigaddset(&chld, SIGCHLD);
 	pthread_sigmask(SIG_BLOCK, &chld, NULL);
@@ -670,8 +616,6 @@ row_handoff(const row_t *r)
 	DO("send unconnected", send(fd, "zz", 2, 0));
 	SENT("sendto", sendto(fd, "zz", 2, 0, PEER));
 }
-
-/* ------------------------------------------------------------ signals */
 
 enum {
 	W_RECV,
@@ -710,10 +654,8 @@ on_sig(int sig)
 	errno = e;
 }
 
-/*
- * One wait of kind W on fd for MS (-1: no limit; recv: its SO_RCVTIMEO),
- * ep an epoll set that holds fd; with CPU, whether it spun.
- */
+/* One wait of kind W on fd for MS (-1: no limit; recv: its SO_RCVTIMEO),
+ * ep an epoll set that holds fd; with CPU, whether it spun. */
 static void
 wait_one(int w, int fd, int ep, int ms, int cpu, const char *step)
 {
@@ -744,11 +686,9 @@ wait_one(int w, int fd, int ep, int ms, int cpu, const char *step)
 	}
 }
 
-/*
- * SIGUSR1 D ms into a wait of kind A (5 ms: in the library's spin, five
+/* SIGUSR1 D ms into a wait of kind A (5 ms: in the library's spin, five
  * times over), the handler installed as B says (sigaction's flags, or
- * HOW_*) and doing C; the peer's datagram is due at PEER_MS.
- */
+ * HOW_*) and doing C; the peer's datagram is due at PEER_MS. */
 static void
 row_signal(const row_t *r)
 {
@@ -803,10 +743,8 @@ row_signal(const row_t *r)
 	printf("handler after        own=%d\n", q.sa_handler == on_sig);
 }
 
-/*
- * ppoll and pselect: SIGUSR1 blocked in the thread and let in by the
- * call's mask, open in the thread and kept out by it, then a datagram.
- */
+/* ppoll and pselect: SIGUSR1 blocked in the thread and let in by the
+ * call's mask, open in the thread and kept out by it, then a datagram. */
 static void
 row_wait_mask(const row_t *r)
 {
@@ -848,10 +786,8 @@ row_wait_mask(const row_t *r)
 	do_recv("recv", fd, 100, MSG_DONTWAIT);
 }
 
-/*
- * A non-blocking burst (EAGAIN at worst) while a storm of SIGALRM
- * handlers sends on the same socket.
- */
+/* A non-blocking burst (EAGAIN at worst) while a storm of SIGALRM
+ * handlers sends on the same socket. */
 static void
 row_tx_burst(const row_t *r)
 {
@@ -878,10 +814,8 @@ row_tx_burst(const row_t *r)
 	printf("peer                 %s\n", peer("drain 300"));
 }
 
-/*
- * Child processes while a socket is in use: errno kept around each call,
- * and the children of system and popen run without the library.
- */
+/* Child processes while a socket is in use: errno kept around each call,
+ * and the children of system and popen run without the library. */
 static void
 row_process(const row_t *r)
 {
@@ -931,13 +865,7 @@ row_process(const row_t *r)
 	DO("close", close(fd));
 }
 
-/* ------------------------------------------------------------- select */
-
-static int
-bit(const fd_mask *set, int fd)
-{
-	return !!(set[fd / NFDBITS] & ((fd_mask)1 << (fd % NFDBITS)));
-}
+#define bit(set, fd) !!((set)[(fd) / NFDBITS] & (fd_mask)1 << (fd) % NFDBITS)
 
 /* select and poll past FD_SETSIZE: the socket, and a pipe at BIG_FD. */
 static void
@@ -985,13 +913,9 @@ row_select_wide(const row_t *r)
 	do_recv("recv", fd, 100, MSG_DONTWAIT);
 }
 
-/* ------------------------------------------------ receive call corners */
-
-/*
- * recvmmsg: SO_RCVTIMEO, MSG_WAITFORONE and its own time-out; vlen past
+/* recvmmsg: SO_RCVTIMEO, MSG_WAITFORONE and its own time-out; vlen past
  * the kernel's 1024 with the vector's 1024 entries right before an
- * inaccessible page.
- */
+ * inaccessible page. */
 static void
 row_recvmmsg(const row_t *r)
 {
@@ -1049,18 +973,15 @@ row_zero_length(const row_t *r)
 	t0 = clk();
 	TRY(read(fd, rbuf, 0));
 	say("read 0 empty", "%s", took(t0, 0));
-	peer_send(1, 10, 0);
-	usleep(100000);
+	peer_queued(1, 10);
 	GOT("read 0 queued", read(fd, rbuf, 0));
 	GOT("readv 0 queued", readv(fd, NULL, 0));
 	GOT("recv (still there)", recv(fd, rbuf, 100, MSG_DONTWAIT));
-	peer_send(1, 10, 0);
-	usleep(100000);
+	peer_queued(1, 10);
 	GOT("recv 0 queued", recv(fd, rbuf, 0, 0));
 	GOT("recv (consumed)", recv(fd, rbuf, 100, MSG_DONTWAIT));
 	do_recv("recv 0 empty", fd, 0, 0);
-	peer_send(1, 10, 0);
-	usleep(100000);
+	peer_queued(1, 10);
 	GOT("recv 0 TRUNC", recv(fd, NULL, 0, MSG_TRUNC | MSG_DONTWAIT));
 }
 
@@ -1174,8 +1095,6 @@ row_ttl_options(const row_t *r)
 	DO("send unconnected", send(fd, "abc", 3, 0));
 }
 
-/* ------------------------------------------------------- nothing lost */
-
 /* Datagrams the kernel queued before connect put the socket on the ring. */
 static void
 row_before_attach(const row_t *r)
@@ -1185,8 +1104,7 @@ row_before_attach(const row_t *r)
 
 	any.sin_addr.s_addr = INADDR_ANY;
 	DO("bind wildcard", bind(fd, (struct sockaddr *)&any, sizeof(any)));
-	peer_send(2, 20, 0);
-	usleep(100000);
+	peer_queued(2, 20);
 	DO("connect", connect(fd, PEER));
 	settle(fd);
 	peer_send(1, 20, 0);
@@ -1268,10 +1186,8 @@ row_fragmented(const row_t *r)
 	do_recv("recv 65507", fd, sizeof(rbuf), 0);
 }
 
-/*
- * A send from an unbound socket binds it; the reply comes back to it.
- * Then one to a neighbour nobody answers for.
- */
+/* A send from an unbound socket binds it; the reply comes back to it.
+ * Then one to a neighbour nobody answers for. */
 static void
 row_autobind(const row_t *r)
 {
@@ -1312,8 +1228,6 @@ row_cpu_wait(const row_t *r)
 		wait_one(W_SELECT, pp[0], ep, TMO_MS, 1,
 		    "select pipe time-out");
 }
-
-/* ---------------------------------------------------------------- main */
 
 static const row_t rows[] = {
 	{ "calls", row_calls, 1 },
@@ -1365,22 +1279,11 @@ static const row_t rows[] = {
 	{ "cpu_wait", row_cpu_wait, 1 },
 };
 
-/* The interface beside lo, for SO_BINDTODEVICE. */
-static void
-find_ifname(void)
-{
-	struct if_nameindex *ni = if_nameindex(), *i;
-
-	for (i = ni; i != NULL && i->if_index != 0; i++)
-		if (strcmp(i->if_name, "lo") != 0)
-			snprintf(ifname, sizeof(ifname), "%s", i->if_name);
-	if_freenameindex(ni);
-}
-
 int
 main(int argc, char **argv)
 {
 	struct sockaddr_un un = { .sun_family = AF_UNIX };
+	struct if_nameindex *ni, *ix;
 	size_t n = sizeof(rows) / sizeof(rows[0]);
 
 	if (argc == 2 && strcmp(argv[1], "list") == 0) {
@@ -1403,7 +1306,11 @@ main(int argc, char **argv)
 	setvbuf(stdout, NULL, _IOLBF, 0);
 	signal(SIGPIPE, SIG_IGN);
 	main_thread = pthread_self();
-	find_ifname();
+	/* The interface beside lo, for SO_BINDTODEVICE. */
+	for (ix = ni = if_nameindex(); ix != NULL && ix->if_index != 0; ix++)
+		if (strcmp(ix->if_name, "lo") != 0)
+			snprintf(ifname, sizeof(ifname), "%s", ix->if_name);
+	if_freenameindex(ni);
 	for (size_t i = 0; i < n; i++)
 		if (strcmp(argv[1], rows[i].name) == 0) {
 			int c = socket(AF_UNIX, SOCK_STREAM, 0);
