@@ -4,7 +4,8 @@
 #include "os/frio_loader.h"
 #include "support.h"
 
-namespace {
+namespace
+{
 
 /* The loader tries once per process: fail in a child of our own. */
 void
