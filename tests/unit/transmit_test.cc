@@ -53,7 +53,6 @@ struct Transmit : ::testing::TestWithParam<int> {
 		s.close_sock();
 		close(peer_), close(other_);
 		EXPECT_EQ(frio_mem_open_count(), 0);
-		send_busy_wait_cnt = 15;
 		ost_watch_reset(false);
 	}
 
