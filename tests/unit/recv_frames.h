@@ -15,18 +15,6 @@
 #include "frio_mem.h"
 #include "support.h"
 
-const in_port_t kPeerPort = htons(5000);
-
-/* The sender: 192.0.2.2 (IPv4-mapped) or 2001:db8::2. */
-inline struct in6_addr
-peer_addr(int family)
-{
-	struct in6_addr a = {};
-	inet_pton(AF_INET6,
-	    family == AF_INET6 ? "2001:db8::2" : "::ffff:192.0.2.2", &a);
-	return a;
-}
-
 inline std::string
 err_str(int e)
 {
@@ -72,13 +60,17 @@ struct BypassSock {
 					    sizeof(struct sockaddr_in);
 	}
 
-	/* A datagram from the peer, as a kernel sender makes it. */
+	/* A datagram from 192.0.2.2 or 2001:db8::2 port 5000, as a kernel
+	 * sender makes it. */
 	void inject(const std::string &payload) const
 	{
+		struct in6_addr peer;
+		inet_pton(AF_INET6,
+		    family == AF_INET6 ? "2001:db8::2" : "::ffff:192.0.2.2",
+		    &peer);
 		std::vector<uint8_t> f =
-		    frio_test::udp_frame(family == AF_INET6, payload,
-			peer_addr(family), kPeerPort, up->uost_laddr_v6,
-			up->uost_lport);
+		    frio_test::udp_frame(family == AF_INET6, payload, peer,
+			htons(5000), up->uost_laddr_v6, up->uost_lport);
 		while (frio_mem_inject(hdl, f.data(), f.size()) ==
 		    FRIO_STATUS_NOMEM)
 			usleep(100); /* queue full: a receiver drains it */
