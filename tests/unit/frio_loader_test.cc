@@ -4,8 +4,7 @@
 #include "os/frio_loader.h"
 #include "support.h"
 
-namespace
-{
+namespace {
 
 /* The loader tries once per process: fail in a child of our own. */
 void

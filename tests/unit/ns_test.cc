@@ -16,8 +16,7 @@
 #include "resolve/resolve.h"
 #include "support.h"
 
-namespace
-{
+namespace {
 
 struct in_addr
 v4(const char *var)
@@ -35,9 +34,8 @@ v6(const char *var)
 	return a;
 }
 
-class ResolveNs : public ::testing::Test
-{
-      protected:
+class ResolveNs : public ::testing::Test {
+protected:
 	void SetUp() override
 	{
 		ost_test_init();
@@ -70,7 +68,7 @@ TEST_F(ResolveNs, NeighbourWithoutEntryIsLeftToTheKernel)
 	int fd = socket(AF_INET, SOCK_DGRAM, 0);
 	struct sockaddr_in to = {};
 	to.sin_family = AF_INET, to.sin_port = htons(9), to.sin_addr = r;
-	ASSERT_EQ(1, sendto(fd, "x", 1, 0, (struct sockaddr *)&to, sizeof(to)));
+	ASSERT_EQ(1, sendto(fd, "x", 1, 0, (struct sockaddr *)&to, sizeof (to)));
 	close(fd);
 	for (int i = 0; i < 100 && !nb.nn_complete; i++) {
 		usleep(10000);
@@ -87,8 +85,7 @@ TEST_F(ResolveNs, NeighbourWithoutEntryIsLeftToTheKernel)
 TEST_F(ResolveNs, RouteThroughTheRouter)
 {
 	struct in_addr d4 = v4("OST_RT_REMOTE4"), gw4;
-	struct in6_addr d6 = v6("OST_RT_REMOTE6"), gw6,
-			r6 = v6("OST_RT_ROUTER6");
+	struct in6_addr d6 = v6("OST_RT_REMOTE6"), gw6, r6 = v6("OST_RT_ROUTER6");
 	uint32_t idx = 0, idx6 = 0;
 
 	ASSERT_TRUE(ost_get_route_v4(&d4, &idx, &gw4));
@@ -96,15 +93,14 @@ TEST_F(ResolveNs, RouteThroughTheRouter)
 	EXPECT_EQ(idx_, idx);
 	EXPECT_EQ(idx_, idx6);
 	EXPECT_EQ(v4("OST_RT_ROUTER4").s_addr, gw4.s_addr);
-	EXPECT_EQ(0, memcmp(&r6, &gw6, sizeof(gw6)));
+	EXPECT_EQ(0, memcmp(&r6, &gw6, sizeof (gw6)));
 }
 
 /* One link-local address on two interfaces: the scope id decides; an own
  * address under another interface's scope has no owner. */
 TEST_F(ResolveNs, LinkLocalScopeDecides)
 {
-	struct in6_addr shared = v6("OST_RT_SHARED_LL"),
-			self = v6("OST_RT_SELF6");
+	struct in6_addr shared = v6("OST_RT_SHARED_LL"), self = v6("OST_RT_SELF6");
 	struct ether_addr ea;
 	ost_ifref_t ifr;
 	char name[OST_IFNAME_SIZE] = "";
@@ -125,10 +121,9 @@ TEST_F(ResolveNs, LinkLocalScopeDecides)
 
 TEST_F(ResolveNs, NoDescriptorOutlivesThousandsOfCalls)
 {
-	struct in_addr s4 = v4("OST_RT_STATIC4"), no4 = v4("OST_RT_NOROUTE4"),
-		       gw4;
+	struct in_addr s4 = v4("OST_RT_STATIC4"), no4 = v4("OST_RT_NOROUTE4"), gw4;
 	struct in6_addr s6 = v6("OST_RT_STATIC6"), self6 = v6("OST_RT_SELF6"),
-			silent6 = v6("OST_RT_SILENT6"), gw6;
+	    silent6 = v6("OST_RT_SILENT6"), gw6;
 	struct ether_addr ea;
 	ost_ifref_t ifr;
 	int fds = count_fds();
@@ -144,8 +139,7 @@ TEST_F(ResolveNs, NoDescriptorOutlivesThousandsOfCalls)
 		    ost_get_if_info_v6(idx_, nullptr, &gw6, name) &&
 		    ost_find_if_v6(&self6, 0, &ifr) &&
 		    ost_get_eaddr_v6(&s6, &ea, nullptr, name) &&
-		    !ost_get_eaddr_v6(&silent6, &ea, nullptr, name))
-		    << i;
+		    !ost_get_eaddr_v6(&silent6, &ea, nullptr, name)) << i;
 	}
 	EXPECT_EQ(fds, count_fds());
 }
@@ -160,34 +154,30 @@ TEST(SetupNs, FirstSendtoThroughTheRouterAndToALinkLocalPeer)
 	setenv("FRIO_BACKEND", "mem", 1);
 	frio_mem_reset();
 	unsigned scope = if_nametoindex(env("OST_SU_IF"));
-	ASSERT_EQ(0,
-	    frio_mem_add_interface(env("OST_SU_IF"), (int)scope,
-		ether_aton(env("OST_SU_MAC"))));
+	ASSERT_EQ(0, frio_mem_add_interface(env("OST_SU_IF"), (int)scope,
+	    ether_aton(env("OST_SU_MAC"))));
 	std::string peer_mac = mac_str(ether_aton(env("OST_SU_PEER_MAC")));
 
-	for (const char *dst :
-	    { "OST_SU_REMOTE4", "OST_SU_REMOTE6", "OST_SU_PEER_LL" }) {
+	for (const char *dst : { "OST_SU_REMOTE4", "OST_SU_REMOTE6",
+	    "OST_SU_PEER_LL" }) {
 		struct sockaddr_in6 to = {}, local = {};
 		auto *to4 = (struct sockaddr_in *)&to;
 		bool v6 = strchr(env(dst), ':') != nullptr;
-		socklen_t len = sizeof(local);
+		socklen_t len = sizeof (local);
 
 		to.sin6_family = v6 ? AF_INET6 : AF_INET;
 		to.sin6_port = htons(7001);
 		to.sin6_scope_id = v6 ? scope : 0;
-		ASSERT_EQ(1,
-		    inet_pton(to.sin6_family, env(dst),
-			v6 ? (void *)&to.sin6_addr : (void *)&to4->sin_addr));
+		ASSERT_EQ(1, inet_pton(to.sin6_family, env(dst), v6 ?
+		    (void *)&to.sin6_addr : (void *)&to4->sin_addr));
 		int fd = ost_socket(to.sin6_family, SOCK_DGRAM, 0);
-		ASSERT_EQ(5,
-		    ost_sendto(fd, "hello", 5, 0, (struct sockaddr *)&to,
-			v6 ? sizeof(to) : sizeof(*to4)))
+		ASSERT_EQ(5, ost_sendto(fd, "hello", 5, 0,
+		    (struct sockaddr *)&to, v6 ? sizeof (to) : sizeof (*to4)))
 		    << dst;
 		uost_t *up = record(fd);
 		ASSERT_TRUE(up != nullptr && up->uost_frio_set) << dst;
 		std::vector<uint8_t> f(2048);
-		ssize_t n =
-		    frio_mem_tx_pop(up->uost_frio_hdl, f.data(), f.size());
+		ssize_t n = frio_mem_tx_pop(up->uost_frio_hdl, f.data(), f.size());
 		ASSERT_EQ((v6 ? 62 : 42) + 5, n) << dst;
 		EXPECT_EQ(peer_mac, mac_str(&f[0])) << dst;
 		ASSERT_EQ(0, getsockname(fd, (struct sockaddr *)&local, &len));
