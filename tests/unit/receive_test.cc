@@ -1,7 +1,10 @@
-/* Receivers sharing a socket and teardowns under a waiting receive, on
- * the in-memory double; frames themselves are the fuzz target's. */
+/* Receivers and pollers sharing a socket, and close under a waiting
+ * receive, on the in-memory double; frames themselves are the fuzz
+ * target's, the hand-off of a waiting receive the differential test's. */
 #include <errno.h>
+#include <poll.h>
 
+#include <atomic>
 #include <set>
 #include <thread>
 
@@ -26,26 +29,12 @@ struct Recv : ::testing::TestWithParam<int> {
 		recv_mode = RCV_BUSY_WAIT;
 		poll_usec = 0;
 	}
+	int poll1(int fd)
+	{
+		struct pollfd p = { fd, POLLIN, 0 };
+		return ost_poll(&p, 1, 5);
+	}
 };
-
-TEST_P(Recv, ThreadsShareOneSocket)
-{
-	const int kThreads = 3, kDatagrams = 600;
-	std::vector<std::vector<int>> got(kThreads);
-	std::vector<std::thread> rx;
-	for (int t = 0; t < kThreads; t++)
-		rx.emplace_back([&, t] {
-			for (std::string m; (m = s.recv()) != "stop";)
-				got[t].push_back(atoi(m.c_str()));
-		});
-	for (int i = 0; i < kDatagrams + kThreads; i++)
-		s.inject(i < kDatagrams ? std::to_string(i) : "stop");
-	std::multiset<int> all; /* each datagram reached exactly one */
-	for (int t = 0; t < kThreads; t++)
-		rx[t].join(), all.insert(got[t].begin(), got[t].end());
-	EXPECT_EQ(all.size(), (size_t)kDatagrams);
-	EXPECT_EQ(std::set<int>(all.begin(), all.end()).size(), all.size());
-}
 
 /* close() ends a waiting receive with EBADF once the record is gone. */
 TEST_P(Recv, CloseEndsAWaitingReceive)
@@ -67,39 +56,70 @@ TEST_P(Recv, CloseEndsAWaitingReceive)
 	}
 }
 
-/*
- * A teardown that leaves the descriptor open (dup, a demoting option, the
- * process hand-off) must not end a waiting receive: it goes on waiting on
- * the kernel socket, with what is left of its time-out.
- */
-TEST_P(Recv, TeardownHandsAWaitingReceiveToTheKernel)
+/* Threads polling and receiving on one socket: every datagram reaches
+ * exactly one of them. */
+TEST_P(Recv, PollAndReceiveRace)
 {
-	for (int timed = 0; timed < 2; timed++) {
-		if (s.up == nullptr)
-			s.open(GetParam());
-		recv_mode = timed ? RCV_POLL : RCV_BUSY_WAIT;
-		if (timed)
-			s.up->uost_rcvtimeo = 300 * 1000000LL;
-		std::string got;
-		std::thread r([&] { got = s.recv(); });
-		while (refcnt_of(s.up) < 2)
-			usleep(1000);
-		usleep(30000);
-		ost_del(ost_find_sd(s.fd), true);
-		s.up = nullptr;
-		usleep(30000);
-		int k = socket(s.family, SOCK_DGRAM, 0);
-		if (!timed) {
-			EXPECT_EQ(sendto(k, "kernel", 6, 0,
-				      (struct sockaddr *)&s.local,
-				      sizeof(s.local)),
-			    6);
+	const int kDatagrams = 400;
+	poll_usec = 100;
+	for (int mode : { RCV_BUSY_WAIT, RCV_POLL }) {
+		std::set<int> by_poll, by_recv;
+		std::atomic<int> total{ 0 }, alive{ 2 };
+		auto take = [&](std::set<int> &into, const std::string &m) {
+			return m != "stop" &&
+			    (into.insert(atoi(m.c_str())), ++total, true);
+		};
+		recv_mode = mode;
+		std::thread poller([&] {
+			std::string m;
+			while (poll1(s.fd) <= 0 ||
+			    (m = s.recv(MSG_DONTWAIT))[0] == '<' ||
+			    take(by_poll, m))
+				;
+			alive--;
+		});
+		std::thread receiver([&] {
+			while (take(by_recv, s.recv()))
+				;
+			alive--;
+		});
+		for (int i = 0; i < kDatagrams; i++)
+			s.inject(std::to_string(i));
+		for (int i = 0; i < 1000 && total < kDatagrams; i++)
+			usleep(10000);
+		EXPECT_EQ(total.load(), kDatagrams);
+		for (int before = alive; alive > 0; before = alive) {
+			s.inject("stop"); /* one for each thread */
+			for (int j = 0; j < 100 && alive == before; j++)
+				usleep(10000);
 		}
-		r.join();
-		close(k);
-		EXPECT_EQ(got, timed ? err_str(EAGAIN) : "kernel") << timed;
-		close(s.fd);
-		s.fd = -1;
+		poller.join();
+		receiver.join();
+		by_poll.insert(by_recv.begin(), by_recv.end());
+		EXPECT_EQ(by_poll.size(), (size_t)kDatagrams) << mode;
+		while (s.recv(MSG_DONTWAIT) == "stop") /* left over */
+			;
+	}
+}
+
+/* The statistics option, in the current size and the first, shorter one. */
+TEST_P(Recv, StatisticsInEitherSize)
+{
+	so_ost_stats_t st;
+	socklen_t len = sizeof(st) + 8;
+
+	s.inject("a");
+	EXPECT_EQ(s.recv(), "a");
+	ASSERT_EQ(ost_getsockopt(s.fd, SOL_SOCKET, SO_OSTREL_STATS, &st, &len),
+	    0);
+	EXPECT_EQ(len, sizeof(st));
+	EXPECT_EQ(st.osts_ipkts, 1u);
+	for (socklen_t v1 :
+	    { SO_OSTREL_STATS_V1_SIZE, SO_OSTREL_STATS_V1_SIZE - 1 }) {
+		len = v1;
+		EXPECT_EQ(ost_getsockopt(s.fd, SOL_SOCKET, SO_OSTREL_STATS, &st,
+			      &len),
+		    v1 == SO_OSTREL_STATS_V1_SIZE ? 0 : -1);
 	}
 }
 

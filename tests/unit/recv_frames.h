@@ -15,19 +15,11 @@
 #include "frio_mem.h"
 #include "support.h"
 
-const in_port_t kPeerPort = htons(5000);
-
-/* The sender: 192.0.2.2 (IPv4-mapped) or 2001:db8::2. */
-inline struct in6_addr
-peer_addr(int family)
+inline std::string
+err_str(int e)
 {
-	struct in6_addr a = {};
-	inet_pton(AF_INET6, family == AF_INET6 ? "2001:db8::2" :
-	    "::ffff:192.0.2.2", &a);
-	return a;
+	return "<" + std::to_string(e) + ">";
 }
-
-inline std::string err_str(int e) { return "<" + std::to_string(e) + ">"; }
 
 /* Bound to loopback with a mem handle (of interface index if_index) and
  * filter, as bind leaves it. */
@@ -47,21 +39,11 @@ struct BypassSock {
 		ASSERT_EQ(bind_loopback(fd, family, &local), 0);
 		up = record(fd);
 		struct in6_addr laddr;
-		inet_pton(AF_INET6, family == AF_INET ? "::ffff:127.0.0.1" :
-		    "::1", &laddr);
+		inet_pton(AF_INET6,
+		    family == AF_INET ? "::ffff:127.0.0.1" : "::1", &laddr);
 		ASSERT_TRUE(attach_to_mem(up, "mem0", &laddr,
 		    ((struct sockaddr_in *)&local)->sin_port, if_index));
 		hdl = up->uost_frio_hdl;
-	}
-
-	void connect_peer()
-	{
-		struct in6_addr peer = peer_addr(family);
-
-		pthread_mutex_lock(&up->uost_lock);
-		ost_tpl_set_peer(up, &peer, kPeerPort);
-		up->uost_connected = true;
-		pthread_mutex_unlock(&up->uost_lock);
 	}
 
 	void close_sock()
@@ -74,32 +56,31 @@ struct BypassSock {
 
 	socklen_t addr_len() const
 	{
-		return family == AF_INET6 ? sizeof (struct sockaddr_in6) :
-		    sizeof (struct sockaddr_in);
+		return family == AF_INET6 ? sizeof(struct sockaddr_in6) :
+					    sizeof(struct sockaddr_in);
 	}
 
-	/* A datagram from the peer, as a kernel sender makes it. */
-	std::vector<uint8_t> frame(const std::string &payload,
-	    in_port_t sport = kPeerPort) const
+	/* A datagram from 192.0.2.2 or 2001:db8::2 port 5000, as a kernel
+	 * sender makes it. */
+	void inject(const std::string &payload) const
 	{
-		return frio_test::udp_frame(family == AF_INET6, payload,
-		    peer_addr(family), sport, up->uost_laddr_v6, up->uost_lport);
-	}
-
-	void inject(const std::vector<uint8_t> &f) const
-	{
+		struct in6_addr peer;
+		inet_pton(AF_INET6,
+		    family == AF_INET6 ? "2001:db8::2" : "::ffff:192.0.2.2",
+		    &peer);
+		std::vector<uint8_t> f =
+		    frio_test::udp_frame(family == AF_INET6, payload, peer,
+			htons(5000), up->uost_laddr_v6, up->uost_lport);
 		while (frio_mem_inject(hdl, f.data(), f.size()) ==
 		    FRIO_STATUS_NOMEM)
-			usleep(100);	/* queue full: a receiver drains it */
+			usleep(100); /* queue full: a receiver drains it */
 	}
-
-	void inject(const std::string &payload) const { inject(frame(payload)); }
 
 	/* recv(): the payload, or "<errno>". */
 	std::string recv(int flags = 0) const
 	{
 		char buf[4096];
-		ssize_t n = ost_recvfrom_call(fd, buf, sizeof (buf), flags,
+		ssize_t n = ost_recvfrom_call(fd, buf, sizeof(buf), flags,
 		    nullptr, nullptr);
 		return n < 0 ? err_str(errno) : std::string(buf, (size_t)n);
 	}
