@@ -1,17 +1,10 @@
 #!/usr/bin/env bash
-# epoll over a bypass socket, compared with the kernel's own: the same
-# python3 program runs on a plain socket and under the preload, and prints
-# what epoll tells it with the socket level-triggered, edge-triggered and
-# one-shot (the registered data included), and through a nested set; the
-# outputs must match and the
-# preloaded receiver's datagrams must have come from the ring.  Then, all
-# preloaded, an asyncio UDP echo server and client, a node dgram echo
-# server, and sockperf ping-pong with its epoll multiplexer exchange
-# datagrams through the bypass.
+# epoll over a bypass socket prints what it does on a plain one (level- and
+# edge-triggered, one-shot, nested), its datagrams from the ring; then
+# asyncio, node and sockperf (epoll multiplexer) echo through the bypass.
 set -euo pipefail
 . "$(dirname "$0")/../lib/netns.sh"
-netns_start
-netns_pair
+netns_test
 export FRIO_BACKEND=${FRIO_BACKEND:-xdp}
 
 cat >"$NETNS_TMP/ep.py" <<'PY'
@@ -67,10 +60,9 @@ for dst in "$IP4_B" "$IP6_B"; do
   echo "ok: epoll as the kernel's, $dst"
 done
 
-# asyncio: an echo server in B, a client in A, both preloaded.
 cat >"$NETNS_TMP/aio.py" <<'PY'
 import asyncio, sys
-mode, addr, port, n = sys.argv[1], sys.argv[2], int(sys.argv[3]), int(sys.argv[4])
+mode, addr, port, n = sys.argv[1], sys.argv[2], int(sys.argv[3]), int((sys.argv + ["0"])[4])
 class Echo(asyncio.DatagramProtocol):
     def connection_made(self, t): self.t = t
     def datagram_received(self, d, peer): self.t.sendto(d, peer)
@@ -98,40 +90,30 @@ async def main():
         print("echoed", len(got))
 asyncio.run(main())
 PY
-port=$((20000 + RANDOM % 20000))
-bg "$NS_B" env LD_PRELOAD="$OSTREL_LIB" "$PYTHON3" "$NETNS_TMP/aio.py" server \
-  "$IP4_B" "$port" 0 2>"$NETNS_TMP/aio.err"
-server=$BG_PID
-wait_line "$NETNS_TMP/aio.err" "$server" ready || fail "asyncio server"
-in0=$(udp_counter "$NS_B" InDatagrams)
-out=$(in_ns "$NS_A" env LD_PRELOAD="$OSTREL_LIB" "$PYTHON3" "$NETNS_TMP/aio.py" \
-  client "$IP4_B" "$port" 200) || fail "asyncio client: $out"
-[ "$out" = "echoed 200" ] || fail "asyncio: $out"
-[ "$(udp_counter "$NS_B" InDatagrams)" -eq "$in0" ] ||
-  fail "asyncio: the server received through the kernel"
-echo "ok: asyncio echo, both preloaded"
-# With AF_XDP one process at a time holds the interface queue.
-kill "$server"; wait "$server" 2>/dev/null || true
-
-# node: a dgram echo server in B, the asyncio client in A.
+# echoed LABEL SERVER...: SERVER (preloaded in B, "ready" on stderr, its
+# address and port last) echoes 200 datagrams of the preloaded asyncio
+# client in A, all through the ring; then it is stopped (with AF_XDP one
+# process at a time holds the interface queue).
+echoed() {
+  local label=$1 port=$((20000 + RANDOM % 20000)) in0 out; shift
+  bg "$NS_B" env LD_PRELOAD="$OSTREL_LIB" "$@" "$IP4_B" "$port" 2>"$NETNS_TMP/srv.err"
+  wait_line "$NETNS_TMP/srv.err" "$BG_PID" ready || fail "$label server"
+  in0=$(udp_counter "$NS_B" InDatagrams)
+  out=$(preloaded "$NS_A" "$PYTHON3" "$NETNS_TMP/aio.py" client "$IP4_B" "$port" 200) ||
+    fail "$label: $out"
+  [ "$out" = "echoed 200" ] || fail "$label: $out"
+  [ "$(udp_counter "$NS_B" InDatagrams)" -eq "$in0" ] ||
+    fail "$label: the server received through the kernel"
+  echo "ok: $label echo, both preloaded"
+  kill "$BG_PID"; wait "$BG_PID" 2>/dev/null || true
+}
 cat >"$NETNS_TMP/echo.js" <<'JS'
 const s = require("dgram").createSocket("udp4");
 s.on("message", (m, r) => s.send(m, r.port, r.address));
 s.bind(Number(process.argv[3]), process.argv[2], () => console.error("ready"));
 JS
-port=$((20000 + RANDOM % 20000))
-bg "$NS_B" env LD_PRELOAD="$OSTREL_LIB" node "$NETNS_TMP/echo.js" "$IP4_B" \
-  "$port" 2>"$NETNS_TMP/node.err"
-server=$BG_PID
-wait_line "$NETNS_TMP/node.err" "$server" ready || fail "node server"
-in0=$(udp_counter "$NS_B" InDatagrams)
-out=$(in_ns "$NS_A" env LD_PRELOAD="$OSTREL_LIB" "$PYTHON3" "$NETNS_TMP/aio.py" \
-  client "$IP4_B" "$port" 200) || fail "node: $out"
-[ "$out" = "echoed 200" ] || fail "node: $out"
-[ "$(udp_counter "$NS_B" InDatagrams)" -eq "$in0" ] ||
-  fail "node: the server received through the kernel"
-echo "ok: node dgram echo, preloaded"
-kill "$server"; wait "$server" 2>/dev/null || true
+echoed asyncio "$PYTHON3" "$NETNS_TMP/aio.py" server
+echoed node node "$NETNS_TMP/echo.js"
 
 # sockperf in its epoll mode (it takes -F only with a feed file).
 port=$((20000 + RANDOM % 20000))

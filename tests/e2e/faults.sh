@@ -1,28 +1,19 @@
 #!/usr/bin/env bash
-# Faults under load.  A (preloaded, on the bypass) and B (plain) stream
-# datagrams at each other (tests/e2e/faults_peer.py) while the network
-# changes under them: B's MAC, A's route to B (onto a second link and
-# back), A's link going down and up, the MTU of the link shrinking; then a
-# process holding frame-access handles is killed with kill -9 while B keeps
-# sending to its port, and a new process takes the port.  First of all, A
-# starts sending while its neighbour table has no entry for B.
-#
-# Every datagram carries the phase it was sent in.  A fault's phase is
-# unsettled (losses allowed, as the kernel has them); the phase after it
-# begins once the fault has settled and must lose nothing, in either
-# direction, and duplicate nothing.  The same run on plain kernel sockets
-# comes first and must pass the same checks.  On the bypass, A's kernel
-# must send none of A's datagrams in the settled phases on the first link
-# (the bypass was taken again, nothing stuck in a fallback), and all of
-# them while the route goes through the second link.
+# Faults under load: A (preloaded) and B (plain) stream datagrams at each
+# other (faults_peer.py) while B's MAC changes, A's route moves to a second
+# link and back, A's link bounces and the MTU shrinks; then A is killed -9
+# and a new process takes its port; first, A sends with B unresolved.
+# Each datagram carries its phase: a fault's phase may lose (as the kernel
+# does), the settled phase after it must lose and duplicate nothing.  Plain
+# sockets run first under the same checks; on the bypass A's kernel sends
+# none of the settled phases on the first link, all on the second.
 #
 #   A IF_A 10.N.x.1 ---- B IF_B 10.N.x.2, service address SVC on B's lo
 #   A a2   10.N.251.1 -- B b2   10.N.251.2
 set -euo pipefail
 . "$(dirname "$0")/../lib/netns.sh"
-netns_start
+netns_test
 PEER=$(dirname "$0")/faults_peer.py
-netns_pair
 net=10.$NET
 SVC=$net.250.1
 ip -n "$NS_B" addr add "$SVC/32" dev lo
@@ -100,20 +91,25 @@ check() {
   done
 }
 
+# peer NS OUT PRELOAD SRC DST [QUIET]: faults_peer.py from SRC to DST, both
+# on $port, in NS (preloaded when PRELOAD is set), counts in OUT, errors in
+# $NETNS_TMP/A.err or B.err; its pid in P once it is ready.
+peer() {
+  local err=$NETNS_TMP/${1##*-}.err
+  bg "$1" env ${3:+LD_PRELOAD=$3} "$PYTHON3" "$PEER" "$4" "$port" "$5" "$port" "$PHASE" \
+    ${6:-} >"$2" 2>"$err"
+  P=$BG_PID
+  wait_line "$err" "$P" ready || fail "$4: $(cat "$err")"
+}
+
 # streams MODE: the network faults with A preloaded (bypass) or not.
 streams() {
   local mode=$1 pre="" port a b
   [ "$mode" = bypass ] && pre=$OSTREL_LIB
   port=$((20000 + RANDOM % 20000))
   set_phase 99	# starting up: B sends before A has its port
-  bg "$NS_B" "$PYTHON3" "$PEER" "$SVC" "$port" "$IP4_A" "$port" "$PHASE" \
-    >"$NETNS_TMP/b.$mode" 2>"$NETNS_TMP/b.err"
-  b=$BG_PID
-  wait_line "$NETNS_TMP/b.err" "$b" ready || fail "B: $(cat "$NETNS_TMP/b.err")"
-  bg "$NS_A" env ${pre:+LD_PRELOAD=$pre} "$PYTHON3" "$PEER" "$IP4_A" "$port" \
-    "$SVC" "$port" "$PHASE" >"$NETNS_TMP/a.$mode" 2>"$NETNS_TMP/a.err"
-  a=$BG_PID
-  wait_line "$NETNS_TMP/a.err" "$a" ready || fail "A: $(cat "$NETNS_TMP/a.err")"
+  peer "$NS_B" "$NETNS_TMP/b.$mode" "" "$SVC" "$IP4_A"; b=$P
+  peer "$NS_A" "$NETNS_TMP/a.$mode" "$pre" "$IP4_A" "$SVC"; a=$P
   [ -z "$pre" ] || wait_attached "$a" || fail "A never attached"
   sleep 0.3
   settled 0 1
@@ -128,8 +124,8 @@ streams() {
   fault 9 mtu 1280
   settled 10 1
   set_phase -1
-  wait "$a" || fail "$mode: A: $(cat "$NETNS_TMP/a.err")"
-  wait "$b" || fail "$mode: B: $(cat "$NETNS_TMP/b.err")"
+  wait "$a" || fail "$mode: A: $(cat "$NETNS_TMP/A.err")"
+  wait "$b" || fail "$mode: B: $(cat "$NETNS_TMP/B.err")"
   check "$mode" "$NETNS_TMP/a.$mode" "$NETNS_TMP/b.$mode" 0 2 4 6 8 10
   if [ "$mode" = bypass ]; then
     local p
@@ -155,30 +151,21 @@ restart() {
   [ "$mode" = bypass ] && pre=$OSTREL_LIB
   port=$((20000 + RANDOM % 20000))
   set_phase 99	# starting up: B sends before A has its port
-  bg "$NS_B" "$PYTHON3" "$PEER" "$IP4_B" "$port" "$IP4_A" "$port" "$PHASE" \
-    >"$NETNS_TMP/rb.$mode" 2>"$NETNS_TMP/b.err"
-  b=$BG_PID
-  wait_line "$NETNS_TMP/b.err" "$b" ready || fail "B: $(cat "$NETNS_TMP/b.err")"
-  bg "$NS_A" env ${pre:+LD_PRELOAD=$pre} "$PYTHON3" "$PEER" "$IP4_A" "$port" \
-    "$IP4_B" "$port" "$PHASE" >/dev/null 2>"$NETNS_TMP/a.err"
-  a=$BG_PID
-  wait_line "$NETNS_TMP/a.err" "$a" ready || fail "A: $(cat "$NETNS_TMP/a.err")"
+  peer "$NS_B" "$NETNS_TMP/rb.$mode" "" "$IP4_B" "$IP4_A"; b=$P
+  peer "$NS_A" /dev/null "$pre" "$IP4_A" "$IP4_B"; a=$P
   [ -z "$pre" ] || wait_attached "$a" || fail "A never attached"
   sleep 0.5
   set_phase 1
   kill -9 "$a"
   wait "$a" 2>/dev/null || true
   sleep 0.3
-  bg "$NS_A" env ${pre:+LD_PRELOAD=$pre} "$PYTHON3" "$PEER" "$IP4_A" "$port" \
-    "$IP4_B" "$port" "$PHASE" >"$NETNS_TMP/ra.$mode" 2>"$NETNS_TMP/a.err"
-  a=$BG_PID
-  wait_line "$NETNS_TMP/a.err" "$a" ready || fail "new A: $(cat "$NETNS_TMP/a.err")"
+  peer "$NS_A" "$NETNS_TMP/ra.$mode" "$pre" "$IP4_A" "$IP4_B"; a=$P
   [ -z "$pre" ] || wait_attached "$a" || fail "new A never attached"
   sleep 0.3
   settled 2 1
   set_phase -1
-  wait "$a" || fail "$mode: new A: $(cat "$NETNS_TMP/a.err")"
-  wait "$b" || fail "$mode: B: $(cat "$NETNS_TMP/b.err")"
+  wait "$a" || fail "$mode: new A: $(cat "$NETNS_TMP/A.err")"
+  wait "$b" || fail "$mode: B: $(cat "$NETNS_TMP/B.err")"
   check "$mode restart" "$NETNS_TMP/ra.$mode" "$NETNS_TMP/rb.$mode" 2
   [ "$mode" = kernel ] || [ "${OUT[2]}" -eq 0 ] ||
     fail "bypass restart: ${OUT[2]} of A's datagrams through its kernel"
@@ -200,21 +187,15 @@ unresolved() {
   ip -n "$NS_A" neigh del "$IP4_B" dev "$IF_A"
   set_phase 99
   # B keeps quiet at first: its datagrams would have A's kernel resolve it.
-  bg "$NS_B" "$PYTHON3" "$PEER" "$IP4_B" "$port" "$IP4_A" "$port" "$PHASE" 99 \
-    >"$NETNS_TMP/ub.$mode" 2>"$NETNS_TMP/b.err"
-  b=$BG_PID
-  wait_line "$NETNS_TMP/b.err" "$b" ready || fail "B: $(cat "$NETNS_TMP/b.err")"
+  peer "$NS_B" "$NETNS_TMP/ub.$mode" "" "$IP4_B" "$IP4_A" 99; b=$P
   t0=$(tcp_in "$NS_B") o0=$(udp_counter "$NS_A" OutDatagrams)
-  bg "$NS_A" env ${pre:+LD_PRELOAD=$pre} "$PYTHON3" "$PEER" "$IP4_A" "$port" \
-    "$IP4_B" "$port" "$PHASE" >"$NETNS_TMP/ua.$mode" 2>"$NETNS_TMP/a.err"
-  a=$BG_PID
-  wait_line "$NETNS_TMP/a.err" "$a" ready || fail "A: $(cat "$NETNS_TMP/a.err")"
+  peer "$NS_A" "$NETNS_TMP/ua.$mode" "$pre" "$IP4_A" "$IP4_B"; a=$P
   sleep 0.5
   o0=$(($(udp_counter "$NS_A" OutDatagrams) - o0))
   settled 0 1
   set_phase -1
-  wait "$a" || fail "$mode: A: $(cat "$NETNS_TMP/a.err")"
-  wait "$b" || fail "$mode: B: $(cat "$NETNS_TMP/b.err")"
+  wait "$a" || fail "$mode: A: $(cat "$NETNS_TMP/A.err")"
+  wait "$b" || fail "$mode: B: $(cat "$NETNS_TMP/B.err")"
   check "$mode unresolved" "$NETNS_TMP/ua.$mode" "$NETNS_TMP/ub.$mode" 0
   read -r as < <(awk '$1 == 99 { print $2 }' "$NETNS_TMP/ua.$mode") || true
   read -r bg_ < <(awk '$1 == 99 { print $3 }' "$NETNS_TMP/ub.$mode") || true

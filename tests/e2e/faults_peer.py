@@ -1,15 +1,8 @@
-# One end of a two-way UDP stream for tests/e2e/faults.sh:
-#
-#   faults_peer.py BIND_ADDR PORT PEER_ADDR PEER_PORT PHASE_FILE [QUIET]
-#
-# Sends a datagram to the peer every 2 ms and reads whatever arrives, an
-# ordinary non-blocking socket.  Each datagram carries the phase (the
-# number in PHASE_FILE when it was sent) and a sequence number; sizes run
-# from 40 to 1399 bytes.  A negative phase ends the sending; after 0.5 s
-# more of reading it prints, per phase, "PHASE SENT GOT DUPLICATES":
-# datagrams it sent (calls that succeeded), distinct ones it got from the
-# peer tagged with that phase, and copies of ones it already had.  In
-# phase QUIET it only reads.
+# faults_peer.py BIND_ADDR PORT PEER_ADDR PEER_PORT PHASE_FILE [QUIET]: one
+# end of faults.sh's two-way stream.  Sends every 2 ms (40 to 1399 bytes
+# tagged with the phase in PHASE_FILE and a sequence number; in phase QUIET
+# only reads) until the phase is negative, reads 0.5 s more, then prints
+# per phase "PHASE SENT GOT DUPLICATES".
 import socket
 import sys
 import time

@@ -1,16 +1,10 @@
 /*
- * fork() while other threads churn UDP sockets:
- *
- *   fork_threads CHILDREN ADDR PORT [THREADS]
- *
- * THREADS threads (default 3) loop over socket, sendto ADDR:PORT, write,
- * read, close on UDP sockets, and read and write on /dev/null, while the
- * main thread forks CHILDREN children one after the other.  Each child
- * reads and writes /dev/null, then sends on, receives from and closes every
- * UDP socket among descriptors 3 to 63 (whatever the threads had open at
- * the fork; other sockets are shared with the parent, and a receive could
- * take their data), closes the rest, and exits 0.  A child that has not exited 2 s after its fork is counted
- * as hung and killed.  Prints "hung H of CHILDREN"; exits 1 if H > 0.
+ * fork_threads CHILDREN ADDR PORT: 3 threads loop over socket, sendto
+ * ADDR:PORT, read, close (and /dev/null I/O) while the main thread forks
+ * CHILDREN children in turn; each child sends on, receives from and closes
+ * the UDP sockets among descriptors 3 to 63, and exits 0.  One not gone 2 s
+ * after its fork is hung (and killed).  Prints "hung H of CHILDREN"; exit 1
+ * if H > 0.
  */
 #define _GNU_SOURCE
 #include <arpa/inet.h>
@@ -82,24 +76,19 @@ reaped(pid_t pid)
 int
 main(int argc, char **argv)
 {
-	int children, threads = 3, hung = 0;
-	pthread_t tid[16];
+	enum {
+		threads = 3
+	};
+	int children, hung = 0;
+	pthread_t tid[threads];
 
-	if (argc < 4) {
-		fprintf(stderr,
-		    "usage: fork_threads CHILDREN ADDR PORT "
-		    "[THREADS]\n");
+	if (argc < 4 || inet_pton(AF_INET, argv[2], &peer.sin_addr) != 1) {
+		fprintf(stderr, "usage: fork_threads CHILDREN ADDR PORT\n");
 		return 2;
 	}
 	children = atoi(argv[1]);
 	peer.sin_family = AF_INET;
 	peer.sin_port = htons((unsigned short)atoi(argv[3]));
-	if (inet_pton(AF_INET, argv[2], &peer.sin_addr) != 1)
-		return 2;
-	if (argc > 4)
-		threads = atoi(argv[4]);
-	if (threads < 1 || threads > 16)
-		return 2;
 	devnull = open("/dev/null", O_RDWR);
 	for (int i = 0; i < threads; i++)
 		pthread_create(&tid[i], NULL, churn, NULL);
@@ -127,11 +116,9 @@ main(int argc, char **argv)
 			}
 			_exit(0);
 		}
-		if (pid < 0) {
+		if (pid < 0)
 			perror("fork");
-			continue;
-		}
-		if (!reaped(pid))
+		else if (!reaped(pid))
 			hung++;
 	}
 	stop = 1;

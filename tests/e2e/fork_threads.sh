@@ -1,15 +1,10 @@
 #!/usr/bin/env bash
-# fork() from a threaded program under the preload: while threads create,
-# use and close UDP sockets, every child (which writes, reads and closes
-# descriptors, then exits) must exit within its bound.  A child of a fork
-# taken while another thread held a registry lock would wait for ever.
+# fork() from a threaded preloaded program: each child (the others busy with
+# sockets) exits in time; one forked while a lock was held would hang.
 #   FORK_CHILDREN=2000 ctest --test-dir build -R e2e.fork_threads
 set -euo pipefail
 . "$(dirname "$0")/../lib/netns.sh"
-netns_start
-PROG=$OSTREL_BUILD/tests/fork_threads
-[ -x "$PROG" ] || fail "no $PROG"
-netns_pair
+netns_test fork_threads
 # Every socket's first sendto opens a handle: the packet backend's open
 # fast enough to keep the records churning.
 export FRIO_BACKEND=${FRIO_BACKEND:-packet}

@@ -5,13 +5,11 @@
 # every byte compared, and neither side's kernel counters move.
 set -euo pipefail
 . "$(dirname "$0")/../lib/netns.sh"
-netns_start
-RECV=$OSTREL_BUILD/tests/fortified_recv
-SEND=$OSTREL_BUILD/tests/udp_send
+netns_test fortified_recv
+RECV=$PROG SEND=$OSTREL_BUILD/tests/udp_send
 for f in __poll_chk __recv_chk __recvfrom_chk __read_chk; do
   nm -D "$RECV" | grep -q "$f" || fail "$RECV does not call $f"
 done
-netns_pair
 export FRIO_BACKEND=${FRIO_BACKEND:-xdp}
 COUNT=40
 
@@ -26,10 +24,8 @@ for dst in "$IP4_B" "$IP6_B"; do
     "$COUNT" >"$NETNS_TMP/sent" || fail "sender $dst"
   wait "$pid" || fail "receiver $dst: $(cat "$NETNS_TMP/ready")"
   cmp -s "$NETNS_TMP/sent" "$NETNS_TMP/got" || fail "$dst: payloads differ"
-  [ "$(udp_counter "$NS_B" InDatagrams)" -eq "$in0" ] ||
-    fail "$dst: received through the kernel"
-  [ "$(udp_counter "$NS_A" OutDatagrams)" -eq "$out0" ] ||
-    fail "$dst: sent through the kernel"
+  [ "$(udp_counter "$NS_B" InDatagrams) $(udp_counter "$NS_A" OutDatagrams)" = "$in0 $out0" ] ||
+    fail "$dst: through the kernel"
   echo "ok: fortified receive, writev send, $dst"
 done
 echo "fortified: passed ($FRIO_BACKEND)"

@@ -1,15 +1,11 @@
 #!/usr/bin/env bash
-# A preloaded receiver gets every datagram the kernel would deliver, from
-# whichever path it comes: the handle, or its kernel socket (fragmented
-# datagrams, IPv6 with a destination-options header, loopback from its own
-# namespace, wildcard sockets' second addresses and broadcasts, requests
-# queued before the socket took the bypass).  Each case mixes such
-# datagrams with plain ones; the receiver's kernel InDatagrams must move by
-# exactly the kernel-path share where the case names it.  Both backends.
+# A preloaded receiver gets what the kernel would from either path: the
+# ring, or its kernel socket (fragments, IPv6 destination options, loopback,
+# wildcard sockets' second addresses and broadcasts, datagrams queued before
+# the bypass); B's InDatagrams moves by the kernel share.  Both backends.
 set -euo pipefail
 . "$(dirname "$0")/../lib/netns.sh"
-netns_start
-netns_pair
+netns_test
 MIX=$(dirname "$0")/mix.py
 B2_4=${IP4_B%.2}.3 B2_6=${IP6_B%2}3 BC4=${IP4_B%.2}.255
 ip -n "$NS_B" addr add "$B2_4/24" dev "$IF_B"

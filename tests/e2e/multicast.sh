@@ -1,15 +1,11 @@
 #!/usr/bin/env bash
-# Multicast with unmodified python3 programs: a preloaded sender goes
-# through the handle with IP_MULTICAST_LOOP off, through the kernel (which
-# loops a copy back) while it is on; a preloaded receiver gets a kernel
-# sender's groups through the handle with AF_PACKET, which sees copies, and
-# through the kernel with AF_XDP, which would take them from every other
-# member; a leave stops delivery; a join the handle cannot follow leaves the
-# socket to the kernel.  The preloaded side's UDP counters tell the path.
+# Multicast with python3: a preloaded sender uses the handle with loop off,
+# the kernel with it on; a preloaded receiver gets groups via AF_PACKET's
+# handle, via the kernel with AF_XDP; leave, and a join the handle cannot
+# follow.  The preloaded side's UDP counters tell the path.
 set -euo pipefail
 . "$(dirname "$0")/../lib/netns.sh"
-netns_start
-netns_pair
+netns_test
 # A second link between the namespaces, for the join on another interface.
 ip link add "x$IF_A" netns "$NS_A" type veth peer name "x$IF_B" netns "$NS_B"
 ip -n "$NS_A" link set "x$IF_A" up

@@ -1,17 +1,12 @@
 #!/usr/bin/env bash
-# Soak: a preloaded sender and a preloaded receiver (tests/e2e/soak.c),
-# acknowledgement-paced at the highest rate the receiver keeps up with,
-# sizes across the MTU (some fragmented), lose nothing, and deliver the same
-# count and payload checksum as a kernel-to-kernel run of the same mix,
-# which runs first for SOAK_SECONDS and sets the count.  Both backends.
+# Soak: preloaded sender and receiver (soak.c), acknowledgement-paced,
+# sizes across the MTU, lose nothing and match the count and checksum of a
+# kernel-to-kernel run of SOAK_SECONDS.  Both backends.
 #   CI:        SOAK_SECONDS=5 (default)
 #   long run:  SOAK_SECONDS=60 ctest --test-dir build -R e2e.soak
 set -euo pipefail
 . "$(dirname "$0")/../lib/netns.sh"
-netns_start
-SOAK=$OSTREL_BUILD/tests/soak
-[ -x "$SOAK" ] || fail "no $SOAK"
-netns_pair
+netns_test soak
 SECS=${SOAK_SECONDS:-5}
 
 # run LABEL PRELOAD [COUNT]: the receiver's "COUNT SUM" in $got.
@@ -20,11 +15,11 @@ run() {
   shift 2
   port=$((20000 + RANDOM % 20000))
   in0=$(udp_counter "$NS_B" InDatagrams)
-  bg "$NS_B" env LD_PRELOAD="$pre" "$SOAK" recv "$IP4_B" "$port" \
+  bg "$NS_B" env LD_PRELOAD="$pre" "$PROG" recv "$IP4_B" "$port" \
     >"$NETNS_TMP/got" 2>"$NETNS_TMP/ready"
   pid=$BG_PID
   wait_line "$NETNS_TMP/ready" "$pid" ready || fail "$label: $(cat "$NETNS_TMP/ready")"
-  sent=$(in_ns "$NS_A" env LD_PRELOAD="$pre" "$SOAK" send "$IP4_B" "$port" \
+  sent=$(in_ns "$NS_A" env LD_PRELOAD="$pre" "$PROG" send "$IP4_B" "$port" \
     "$SECS" "$@" 2>"$NETNS_TMP/send.err") ||
     { wait "$pid" || true; fail "$label: sender: $sent $(cat "$NETNS_TMP/send.err")," \
       "receiver: $(cat "$NETNS_TMP/ready")"; }

@@ -1,19 +1,13 @@
 #!/usr/bin/env bash
-# A preloaded sender's datagrams reach an unmodified kernel receiver, byte
-# for byte, through the frame-access library: every send call, IPv4 and
-# IPv6, on-link and through a router namespace, with each real backend.
-# The sender's own kernel counters (Udp OutDatagrams) prove that the
-# datagrams did not pass through its UDP send path, and that a sender whose
-# set-up fails uses it.
-#
+# A preloaded sender's datagrams reach a kernel receiver byte for byte
+# through each backend, on-link and routed through B, with A's OutDatagrams
+# still; a failed set-up falls back to the kernel.  A preloaded receiver
+# gets a kernel sender's, empty to MTU sized, with B's InDatagrams still.
 #   A (sender) ---- B (receiver, router) ---- C (receiver behind B)
 set -euo pipefail
 . "$(dirname "$0")/../lib/netns.sh"
-netns_start
-SEND=$OSTREL_BUILD/tests/udp_send
-RECV=$(dirname "$0")/udp_recv.py
-[ -x "$SEND" ] || fail "no $SEND"
-netns_pair
+netns_test udp_send
+SEND=$PROG RECV=$(dirname "$0")/udp_recv.py
 
 # C behind B: 10.NET.77.0/24 and fd00:77:TAG::/64.
 net=10.$NET tag=$TAG
@@ -68,6 +62,28 @@ run_case packet sendmmsg "$NS_B" "$IP6_B" bypass
 # A handle that cannot be opened: the set-up falls back, nothing is lost.
 run_case nonexistent sendto "$NS_B" "$IP4_B" kernel
 run_case nonexistent sendmsg "$NS_B" "$IP6_B" kernel
+# recv_case CALL DST [ENV...]: the other way, a kernel sender in A and a
+# preloaded udp_recv.py (CALL, ENV) in B: all in order, none through B's
+# kernel.  The receive mode changes only blocking receives, the busy phase
+# only poll.  (Each call, waits, signals: the differential table.)
+recv_case() {
+  local call=$1 dst=$2 port in0; shift 2
+  port=$((20000 + RANDOM % 20000))
+  bg "$NS_B" env LD_PRELOAD="$OSTREL_LIB" FRIO_BACKEND="${FRIO_BACKEND:-xdp}" "$@" \
+    "$PYTHON3" "$RECV" "$dst" "$port" "$COUNT" "$call" >"$NETNS_TMP/got" 2>"$NETNS_TMP/ready"
+  wait_line "$NETNS_TMP/ready" "$BG_PID" ready || fail "$call $dst: receiver"
+  in0=$(udp_counter "$NS_B" InDatagrams)
+  in_ns "$NS_A" "$SEND" sendto "$dst" "$port" "$COUNT" >"$NETNS_TMP/sent" || fail "sender"
+  wait "$BG_PID" || fail "$call $dst $*: receiver: $(cat "$NETNS_TMP/ready")"
+  cmp -s "$NETNS_TMP/sent" "$NETNS_TMP/got" || fail "$call $dst $*: payloads differ"
+  [ "$(udp_counter "$NS_B" InDatagrams)" -eq "$in0" ] || fail "$call $dst $*: through the kernel"
+  echo "ok: preloaded receiver, $call $dst $*"
+}
+for dst in "$IP4_B" "$IP6_B"; do recv_case recvmsg "$dst"; done
+recv_case recv "$IP4_B" _OSTREL_RECV_MODE=0
+recv_case poll "$IP4_B" _OSTREL_POLL_USEC=-1
+recv_case poll "$IP6_B" _OSTREL_POLL_USEC=200
+
 # A socket bound to a second address of its interface sends from that
 # address, and the replies to it come back to it.
 ALIAS=${IP4_A%.1}.5

@@ -1,9 +1,6 @@
 # A plain UDP receiver: udp_recv.py ADDR PORT COUNT [CALL].  Prints each
-# datagram's payload as hex, one per line, until COUNT arrived or nothing
-# came for 3 seconds.  CALL is how it waits and reads: recv (default),
-# recvfrom, recvmsg, read (os.read on the descriptor), poll or select
-# (then recv).
-import os
+# payload as hex, one a line, until COUNT arrived or none came for 3 s.
+# CALL: recv (default), recvmsg, or poll (then recv).
 import select
 import socket
 import sys
@@ -15,25 +12,16 @@ s = socket.socket(socket.AF_INET6 if ":" in addr else socket.AF_INET,
 s.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
 s.bind((addr, port))
 print("ready", file=sys.stderr, flush=True)
-if call in ("recv", "recvfrom", "recvmsg"):
-    s.settimeout(3)
+s.settimeout(3)
 p = select.poll()
 p.register(s, select.POLLIN)
 for _ in range(count):
     try:
         if call == "poll" and not p.poll(3000):
             break
-        if call == "select" and not select.select([s], [], [], 3)[0]:
-            break
-        if call == "recvfrom":
-            data, peer = s.recvfrom(65536)
-        elif call == "recvmsg":
+        if call == "recvmsg":
             data, anc, flags, peer = s.recvmsg(65536)
             assert not anc and flags == 0, (anc, flags)
-        elif call == "read":
-            if not p.poll(3000):
-                break
-            data = os.read(s.fileno(), 65536)
         else:
             data = s.recv(65536)
     except socket.timeout:

@@ -1,16 +1,9 @@
 /*
- * An ordinary UDP sender, as an application would write it, for the
- * preload tests:
- *
- *   udp_send CALL DST PORT COUNT [BIND_ADDR]
- *
- * CALL is sendto, send (after connect), write or writev (after connect,
- * two pieces), sendmsg (two pieces) or sendmmsg (batches of 4).  Datagram
- * i carries a payload of length (i * 97) % 1473 (1453 for IPv6) filled
- * with a pattern of i, so that every size from empty to the largest the
- * MTU allows is tried.  Prints each payload it sent as hex, one per line,
- * for the test to compare with what the receiver got.  Exit 1 on any
- * failed call.
+ * udp_send CALL DST PORT COUNT: an ordinary UDP sender.  CALL is sendto,
+ * send, write or writev (connected), sendmsg (writev and sendmsg in two
+ * pieces) or sendmmsg (batches of 4).  Datagram i is (i * 97) % 1473 bytes (1453
+ * for IPv6) of a pattern of i: every size the MTU allows.  Prints each
+ * payload as hex, one a line.  Exit 1 on any failed call.
  */
 #define _GNU_SOURCE
 #include <netdb.h>
@@ -44,27 +37,28 @@ int
 main(int argc, char **argv)
 {
 	struct addrinfo hints = { .ai_socktype = SOCK_DGRAM,
-	    .ai_flags = AI_NUMERICHOST | AI_PASSIVE }, *ai, *bi;
+		.ai_flags = AI_NUMERICHOST },
+			*ai;
 	const char *call = argv[1];
 	int fd, count, conn;
 
 	if (argc < 5 || getaddrinfo(argv[2], argv[3], &hints, &ai) != 0) {
-		fprintf(stderr, "usage: udp_send CALL DST PORT COUNT [BIND]\n");
+		fprintf(stderr, "usage: udp_send CALL DST PORT COUNT\n");
 		return 2;
 	}
 	count = atoi(argv[4]);
 	v6 = ai->ai_family == AF_INET6;
 	conn = strcmp(call, "send") == 0 || strncmp(call, "write", 5) == 0;
 	if ((fd = socket(ai->ai_family, SOCK_DGRAM, 0)) < 0 ||
-	    (argc > 5 && (getaddrinfo(argv[5], "0", &hints, &bi) != 0 ||
-	    bind(fd, bi->ai_addr, bi->ai_addrlen) != 0)) ||
 	    (conn && connect(fd, ai->ai_addr, ai->ai_addrlen) != 0)) {
-		perror("socket, bind or connect");
+		perror("socket or connect");
 		return 1;
 	}
 	for (int i = 0; i < count;) {
 		struct msghdr msg = { .msg_name = ai->ai_addr,
-		    .msg_namelen = ai->ai_addrlen, .msg_iov = iov, .msg_iovlen = 2 };
+			.msg_namelen = ai->ai_addrlen,
+			.msg_iov = iov,
+			.msg_iovlen = 2 };
 		size_t len;
 		ssize_t n = -1;
 
@@ -88,14 +82,16 @@ main(int argc, char **argv)
 		}
 		len = payload(i++, 0);
 		if (strcmp(call, "sendto") == 0)
-			n = sendto(fd, buf[0], len, 0, ai->ai_addr, ai->ai_addrlen);
+			n = sendto(fd, buf[0], len, 0, ai->ai_addr,
+			    ai->ai_addrlen);
 		else if (strcmp(call, "send") == 0)
 			n = send(fd, buf[0], len, 0);
 		else if (strcmp(call, "write") == 0)
 			n = write(fd, buf[0], len);
 		else {
 			/* Two pieces: the gather list reaches the wire whole. */
-			size_t cut = strcmp(call, "writev") == 0 ? len / 3 : len / 2;
+			size_t cut =
+			    strcmp(call, "writev") == 0 ? len / 3 : len / 2;
 
 			iov[0].iov_len = cut;
 			iov[1] = (struct iovec){ buf[0] + cut, len - cut };

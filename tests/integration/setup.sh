@@ -3,10 +3,7 @@
 # also routes 10.N.99.0/24 and fd00:99:T::/64; d1 is down with 10.N.60.1.
 set -euo pipefail
 . "$(dirname "$0")/../lib/netns.sh"
-netns_start
-BIN=$OSTREL_BUILD/tests/ost_unit_tests
-[ -x "$BIN" ] || fail "no $BIN"
-netns_pair
+netns_test ost_unit_tests
 net=10.$NET tag=$TAG
 
 ip -n "$NS_A" link add d1 type veth peer name d1p
@@ -27,7 +24,7 @@ out=$(in_ns "$NS_A" env OST_SU_IF="$IF_A" OST_SU_MAC="$MAC_A" \
   OST_SU_PEER6="$IP6_B" OST_SU_PEER_MAC="$MAC_B" OST_SU_PEER_LL="$PEER_LL" \
   OST_SU_REMOTE4="$net.99.1" OST_SU_REMOTE6="fd00:99:$tag::1" \
   OST_SU_DOWN4="$net.60.1" \
-  "$BIN" --gtest_filter='SetupNs.*' 2>&1) || { echo "$out"; fail "SetupNs"; }
+  "$PROG" --gtest_filter='SetupNs.*' 2>&1) || { echo "$out"; fail "SetupNs"; }
 echo "$out"
 ! grep -q '^\[  SKIPPED \]' <<<"$out" || fail "a namespace test skipped itself"
 echo "setup: passed"

@@ -1,18 +1,13 @@
-# The one harness of the namespaced shell tests: network namespaces joined
-# by veth pairs, addresses private to them.  Source it, call netns_start.
-# Nothing outlives a run: a namespace is named ostrel-t<pid>.<start>-<label>
-# after the shell that owns it (pid and start time) and holds its veths;
-# the EXIT trap (reached on INT, TERM and HUP too) kills what the test
-# started and all in its namespaces, and deletes them and the temporary
-# directory; a run killed before its trap ran is swept at the next start,
-# which removes only what belongs to owners that are gone.  Exit code 77:
-# skipped, not root.
+# The harness of the namespaced shell tests (source it, call netns_start or
+# netns_test).  Namespaces are named ostrel-t<pid>.<start>-<label> after the
+# owning shell; the EXIT trap (also on INT, TERM, HUP) kills and deletes all
+# the run made; the next start sweeps what runs whose owner is gone left.
+# Exit code 77: skipped, not root.
 
 OSTREL_BUILD=${OSTREL_BUILD:-$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)/build}
 OSTREL_LIB=$OSTREL_BUILD/lib/ostrel.so.1
 
-# Debian's interpreter itself: a wrapper script in PATH (pyenv shims) would
-# exec it, and the preload rightly leaves exec'd programs alone.
+# Not a PATH wrapper (pyenv shims exec, and exec'd programs lose the preload).
 PYTHON3=/usr/bin/python3
 
 NETNS_PREFIX=ostrel-t
@@ -39,17 +34,11 @@ netns_remove() {
 # netns_sweep: removes what runs killed before their EXIT trap left.
 netns_sweep() {
   local ns d re='^'$NETNS_PREFIX'([0-9]+)\.([0-9]+)[-.]'
-  for ns in $(ip netns list 2>/dev/null | awk '{print $1}'); do
-    [[ $ns =~ $re ]] || continue
+  for ns in $(ip netns list 2>/dev/null | awk '{print $1}') /tmp/$NETNS_PREFIX*; do
+    [[ ${ns#/tmp/} =~ $re ]] || continue
     [ "$(netns_owner_id "${BASH_REMATCH[1]}")" = "${BASH_REMATCH[1]}.${BASH_REMATCH[2]}" ] &&
       continue
-    echo "netns: removing $ns, left by a run that is gone" >&2
-    netns_remove "$ns"
-  done
-  for d in /tmp/$NETNS_PREFIX*; do
-    [[ ${d#/tmp/} =~ $re ]] || continue
-    [ "$(netns_owner_id "${BASH_REMATCH[1]}")" = "${BASH_REMATCH[1]}.${BASH_REMATCH[2]}" ] ||
-      rm -rf "$d"
+    case $ns in /tmp/*) rm -rf "$ns" ;; *) netns_remove "$ns" ;; esac
   done
 }
 
@@ -57,8 +46,6 @@ netns_cleanup() {
   local ns
   set +e	# a test's errexit must not cut the clean-up short
   trap - INT TERM HUP
-  # What the test started, and whatever still runs in its namespaces (a
-  # program started through a subshell, a busy-waiting receiver).
   kill -9 "${NETNS_PIDS[@]}" $(jobs -p) 2>/dev/null
   for ns in "${NETNS_LIST[@]}"; do netns_remove "$ns"; done
   wait 2>/dev/null
@@ -81,6 +68,15 @@ netns_start() {
   trap 'exit 143' TERM
 }
 
+# netns_test [TOOL]: netns_start, then netns_pair; TOOL, a program built
+# under tests/, must exist: its path is in PROG.
+netns_test() {
+  netns_start
+  PROG=$OSTREL_BUILD/tests/${1:-}
+  [ -z "${1:-}" ] || [ -x "$PROG" ] || fail "no $PROG"
+  netns_pair
+}
+
 # netns_add LABEL: a new namespace with lo up, removed at exit; its name
 # is in NETNS_NEW.
 netns_add() {
@@ -90,11 +86,10 @@ netns_add() {
   ip -n "$NETNS_NEW" link set lo up
 }
 
-# netns_pair: two namespaces A and B joined by one veth pair, IPv4 and IPv6
-# (no duplicate address detection), static neighbour entries both ways.
-# Sets NS_A NS_B IF_A IF_B IP4_A IP4_B IP6_A IP6_B MAC_A MAC_B, and NET
-# and TAG, from which a test may make further private subnets
-# (10.NET.x.0/24, fd00:x:TAG::/64).
+# netns_pair: namespaces A and B joined by one veth pair (one queue each
+# way: AF_XDP binds queue 0), IPv4 and IPv6, static neighbours.  Sets NS_,
+# IF_, IP4_, IP6_, MAC_ A and B, and NET and TAG for further private
+# subnets (10.NET.x.0/24, fd00:x:TAG::/64).
 netns_pair() {
   TAG=$(printf '%x' $((RANDOM % 0xf000 + 0x1000)))	# no leading zero: as ip prints it
   NET=$((RANDOM % 200 + 20))
@@ -103,7 +98,6 @@ netns_pair() {
   IF_A=va$TAG IF_B=vb$TAG
   IP4_A=10.$NET.$((RANDOM % 250)).1 IP4_B=${IP4_A%.1}.2
   IP6_A=fd00:0:$TAG::1 IP6_B=fd00:0:$TAG::2
-  # One queue each way: AF_XDP binds queue 0, and must see every flow.
   ip link add "$IF_A" netns "$NS_A" numtxqueues 1 numrxqueues 1 type veth \
     peer name "$IF_B" netns "$NS_B" numtxqueues 1 numrxqueues 1 ||
     fail "cannot create a veth pair"
@@ -125,19 +119,10 @@ netns_pair() {
 in_ns() { local ns=$1; shift; ip netns exec "$ns" "$@"; }
 
 # preloaded NS CMD...: run CMD in NS with ostrel preloaded.
-preloaded() {
-  local ns=$1; shift
-  ip netns exec "$ns" env LD_PRELOAD="$OSTREL_LIB" "$@"
-}
+preloaded() { local ns=$1; shift; ip netns exec "$ns" env LD_PRELOAD="$OSTREL_LIB" "$@"; }
 
-# bg NS CMD...: start CMD in NS in the background; killed at exit.  Its
-# pid is in BG_PID.
-bg() {
-  local ns=$1; shift
-  ip netns exec "$ns" "$@" &
-  BG_PID=$!
-  NETNS_PIDS+=($BG_PID)
-}
+# bg NS CMD...: start CMD in NS in the background (pid in BG_PID); killed at exit.
+bg() { local ns=$1; shift; ip netns exec "$ns" "$@" & BG_PID=$!; NETNS_PIDS+=($BG_PID); }
 
 # wait_udp_port NS PORT: until something in NS is bound to UDP PORT.
 wait_udp_port() {
@@ -198,15 +183,10 @@ $ours"
 }
 
 # oracle LABEL RUN ARGS...: "RUN ARGS" on plain sockets, then like_kernel.
-oracle() {
-  local label=$1; shift
-  like_kernel "$label" "$("$@")" "$@"
-}
+oracle() { local label=$1; shift; like_kernel "$label" "$("$@")" "$@"; }
 
-# wait_attached PID: until the preloaded program PID holds a frame-access
-# socket beside its UDP one (its bind put it on the bypass), or 5 s: a
-# datagram sent earlier would rightly reach it through the kernel socket,
-# and blur a test that counts the kernel's datagrams.
+# wait_attached PID: until the preloaded PID holds a frame-access socket
+# beside its UDP one (before, datagrams rightly take the kernel), or 5 s.
 wait_attached() {
   local i
   for i in $(seq 100); do
