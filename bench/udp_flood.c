@@ -1,11 +1,15 @@
 /*
  * udp_flood: one-way throughput, one sender and one receiver per port.
  *
- *   udp_flood send ADDR PORT SECONDS [SIZE]   prints "sent N"
- *   udp_flood recv ADDR PORT                  prints "received N"
+ *   udp_flood send ADDR PORT SECONDS [SIZE [RATE]]   prints "sent N"
+ *   udp_flood recv ADDR PORT                         prints "received N"
  *
- * The sender sends numbered datagrams as fast as sendto returns, then a
- * few end marks.  The receiver counts until an end mark, or one second
+ * The receiver writes "ready" on stderr once its bind returned: a sender
+ * started earlier would fill a socket that nobody reads yet.
+ *
+ * The sender sends numbered datagrams as fast as sendto returns, or RATE
+ * a second (sleeping when ahead, in steps of 64), for SECONDS from its
+ * first send, then a few end marks.  The receiver counts until an end mark, or one second
  * without a datagram once some have come (the marks may be lost too).
  */
 #define _GNU_SOURCE
@@ -54,16 +58,35 @@ main(int argc, char **argv)
 	}
 	if (send_side) {
 		size_t size = argc > 5 ? (size_t)atoi(argv[5]) : 64;
-		double end = now() + atof(argv[4]);
+		double rate = argc > 6 ? atof(argv[6]) : 0;
+		double start = now(), end = start + atof(argv[4]);
 
 		if (size < sizeof(seq) || size > sizeof(buf))
 			return 2;
-		/* The clock is read every 256 sends, not each time. */
-		while ((seq & 255) || now() < end) {
+		/* The clock is read every 64 sends, not each time. */
+		while ((seq & 63) || now() < end) {
+			if (rate > 0 && (seq & 63) == 0) {
+				double ahead = start + seq / rate - now();
+
+				if (ahead > 0) {
+					struct timespec ts = { (time_t)ahead,
+						(long)((ahead - (time_t)ahead) *
+						    1e9) };
+
+					nanosleep(&ts, NULL);
+				}
+			}
 			memcpy(buf, &seq, sizeof(seq));
 			if (sendto(fd, buf, size, 0, ai->ai_addr,
-				ai->ai_addrlen) == (ssize_t)size)
-				seq++;
+				ai->ai_addrlen) != (ssize_t)size)
+				continue;
+			/* The clocks start after the first send, which may
+			 * set the socket up: a paced sender must not make up
+			 * for that time with a burst. */
+			if (seq++ == 0) {
+				start = now();
+				end = start + atof(argv[4]);
+			}
 		}
 		printf("sent %llu\n", (unsigned long long)seq);
 		fflush(stdout);
@@ -76,6 +99,8 @@ main(int argc, char **argv)
 		return 0;
 	}
 	struct timeval tv = { 1, 0 };
+
+	fprintf(stderr, "ready\n");
 
 	setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
 	for (int idle = 0; idle < 60;) {

@@ -18,8 +18,8 @@
 #          five runs each of kernel and ostrel, alternating; requests per
 #          second, round trip, CPU time per request, unanswered requests
 #   throughput  four udp_flood sender/receiver pairs at once, one-way:
-#          datagrams per second and the loss of each pair (BENCH_PAIRS=N:
-#          N pairs)
+#          datagrams per second and the loss of each pair, unpaced, and at
+#          the highest paced rate that loses nothing (BENCH_PAIRS=N: N pairs)
 #   idle   a receiver blocked in recvfrom, and one in poll, with nothing
 #          arriving: CPU use (default 10 s)
 #
@@ -317,21 +317,28 @@ mixed_line() {
     }'
 }
 
-# flood NAME PRELOAD: $pairs udp_flood pairs at once on distinct ports.
+# flood NAME PRELOAD [RATE [SECONDS]]: $pairs udp_flood pairs at once on
+# distinct ports, each sender unpaced or at RATE datagrams a second;
+# prints the table line and leaves the totals in flood_sent, flood_got.
 flood() {
-  local name=$1 envs=() rp=() sp=() i pid base=$port
+  local name=$1 envs=() rp=() sp=() i pid base=$port rate=${3:-0} t=${4:-$secs}
   [ "$2" = yes ] && envs+=(LD_PRELOAD="$OSTREL_LIB")
   port=$((port + pairs))
   for i in $(seq "$pairs"); do
     ip netns exec "$NS_B" env "${envs[@]}" "$bin/udp_flood" recv "$dst4" \
-      $((base + i)) >"$NETNS_TMP/flood.recv$i" &
+      $((base + i)) >"$NETNS_TMP/flood.recv$i" 2>"$NETNS_TMP/flood.ready$i" &
     rp+=($!)
     NETNS_PIDS+=($!)
   done
-  for i in $(seq "$pairs"); do wait_udp_port "$NS_B" $((base + i)); done
+  # Senders start once every receiver's bind returned (the preloaded one
+  # sets its socket up inside bind).
+  for i in $(seq "$pairs"); do
+    wait_line "$NETNS_TMP/flood.ready$i" "${rp[$((i - 1))]}" ready ||
+      fail "udp_flood recv: $(cat "$NETNS_TMP/flood.ready$i")"
+  done
   for i in $(seq "$pairs"); do
     in_ns "$NS_A" env "${envs[@]}" "$bin/udp_flood" send "$dst4" $((base + i)) \
-      "$secs" >"$NETNS_TMP/flood.sent$i" &
+      "$t" 64 "$rate" >"$NETNS_TMP/flood.sent$i" &
     sp+=($!)
   done
   wait "${sp[@]}" || true
@@ -342,9 +349,36 @@ flood() {
   done
   for i in $(seq "$pairs"); do
     echo "$(awk '{ print $2 }' "$NETNS_TMP/flood.sent$i") $(awk '{ print $2 }' "$NETNS_TMP/flood.recv$i")"
-  done | awk -v name="$name" -v secs="$secs" '
+  done >"$NETNS_TMP/flood.pairs"
+  read -r flood_sent flood_got < <(awk '{ s += $1; g += $2 } END { print s + 0, g + 0 }' \
+    "$NETNS_TMP/flood.pairs")
+  awk -v name="$name" -v secs="$t" '
     { s += $1; g += $2; lost = lost (NR > 1 ? "  " : "") ($1 - $2) "/" $1 }
-    END { printf "%-30s %10d %10d %9.0f  %s\n", name, s, g, g / secs, lost }'
+    END { printf "%-30s %10d %10d %9.0f  %s\n", name, s, g, g / secs, lost }' \
+    "$NETNS_TMP/flood.pairs"
+}
+
+# lossless NAME PRELOAD: the highest rate at which $pairs paced pairs lose
+# nothing (RFC 2544's throughput): rates double from 8,000 a second per
+# pair until a trial loses, then five halvings of the interval; 2 s trials.
+lossless() {
+  local name=$1 lo=0 hi=0 rate=8000 mid
+  while [ "$hi" -eq 0 ] && [ "$rate" -le 2048000 ]; do
+    flood "  $name $rate/s" "$2" "$rate" 2 >/dev/null
+    if [ "$flood_got" -ge "$flood_sent" ]; then lo=$rate; rate=$((rate * 2)); else hi=$rate; fi
+  done
+  [ "$hi" -eq 0 ] && hi=$rate
+  for _ in 1 2 3 4 5; do
+    mid=$(((lo + hi) / 2))
+    flood "  $name $mid/s" "$2" "$mid" 2 >/dev/null
+    if [ "$flood_got" -ge "$flood_sent" ]; then lo=$mid; else hi=$mid; fi
+  done
+  # The rate found, run again for the run time: its line is the result.
+  if [ "$lo" -gt 0 ]; then
+    flood "$name" "$2" "$lo"
+  else
+    printf '%-30s lost datagrams at every rate tried\n' "$name"
+  fi
 }
 
 # idle NAME PRELOAD PROGRAM ARGS...: PROGRAM waits in NS_B with nothing
@@ -390,9 +424,12 @@ if [ "$mode" = throughput ]; then
   pairs=${BENCH_PAIRS:-4}
   echo
   echo "$pairs one-way flows at once, udp_flood, 64 B IPv4, ${secs}s, backend $backend"
+  echo "unpaced senders, then the highest paced rate with nothing lost (found in 2 s trials)"
   printf '%-30s %10s %10s %9s  %s\n' case sent received "msg/s" "lost/sent per pair"
-  flood "kernel  $pairs pairs" no
-  flood "ostrel  $pairs pairs" yes
+  flood "kernel  $pairs pairs, unpaced" no
+  flood "ostrel  $pairs pairs, unpaced" yes
+  lossless "kernel  $pairs pairs, lossless" no
+  lossless "ostrel  $pairs pairs, lossless" yes
   exit 0
 fi
 if [ "$mode" = idle ]; then

@@ -6,9 +6,10 @@
  * XSKMAP of slots, FRIO_XDP_MAX_HANDLES of them per queue.  Per (interface,
  * queue), one UMEM shared by every handle the process opens there; per
  * handle, one AF_XDP socket with its own receive and transmit rings and one
- * slot.  The shared fill and completion rings and the free transmit frames
- * are guarded by the port lock; that is the only lock on the per-frame
- * paths.
+ * slot.  The shared fill ring is guarded by the port's fill lock, the
+ * completion ring and the free transmit frames by its transmit lock: a
+ * receiving thread and a sending thread never wait for each other.  They
+ * are the only locks on the per-frame paths.
  *
  * UMEM frames are split for good: XDP_RX_FRAMES circulate between the fill
  * ring, the receive rings and the caller; the rest circulate between the
@@ -102,7 +103,8 @@ extern "C" const unsigned char frio_steer_obj_end[];
  * finds the queue busy while no socket of this namespace is bound to it
  * tries again this often, this far apart (a server restarted at once
  * still gets its queue).  A live owner fails the open at once.  Where
- * the kernel cannot list AF_XDP sockets, only a process's first open
+ * the kernel cannot list AF_XDP sockets, a live process's filters on the
+ * queue tell of an owner; without them only a process's first open
  * waits, XDP_BUSY_RETRIES_BLIND times.
  */
 #define XDP_BUSY_RETRIES       250
@@ -147,7 +149,8 @@ typedef struct xdp_port {
 	xdp_iface_t *xp_iface;
 	char *xp_area;
 	struct xsk_umem *xp_umem;
-	pthread_mutex_t xp_lock; /* xp_fill, xp_comp, xp_free */
+	pthread_mutex_t xp_fill_lock; /* xp_fill */
+	pthread_mutex_t xp_tx_lock;   /* xp_comp, xp_free, xp_nfree */
 	struct xsk_ring_prod xp_fill;
 	struct xsk_ring_cons xp_comp;
 	uint32_t xp_nfree;
@@ -670,7 +673,7 @@ queue_forget(xdp_iface_t *xi, uint32_t queue)
  * UMEM.
  */
 
-/* Port lock held.  Moves completed transmit frames to the free stack. */
+/* Transmit lock held.  Moves completed transmit frames to the free stack. */
 static void
 port_reclaim(xdp_port_t *xp)
 {
@@ -684,7 +687,7 @@ port_reclaim(xdp_port_t *xp)
 		xsk_ring_cons__release(&xp->xp_comp, n);
 }
 
-/* Port lock held.  Gives a receive frame back to the kernel. */
+/* Fill lock held.  Gives a receive frame back to the kernel. */
 static bool
 port_fill(xdp_port_t *xp, uint64_t addr)
 {
@@ -704,7 +707,8 @@ port_destroy(xdp_port_t *xp)
 		(void)xsk_umem__delete(xp->xp_umem);
 	if (xp->xp_area != NULL)
 		(void)munmap(xp->xp_area, XDP_AREA_SIZE);
-	(void)pthread_mutex_destroy(&xp->xp_lock);
+	(void)pthread_mutex_destroy(&xp->xp_fill_lock);
+	(void)pthread_mutex_destroy(&xp->xp_tx_lock);
 	free(xp);
 }
 
@@ -741,7 +745,8 @@ port_create(int ifindex, uint32_t queue, xdp_port_t **xpp)
 		return ENOMEM;
 	xp->xp_ifindex = ifindex;
 	xp->xp_queue = queue;
-	(void)pthread_mutex_init(&xp->xp_lock, NULL);
+	(void)pthread_mutex_init(&xp->xp_fill_lock, NULL);
+	(void)pthread_mutex_init(&xp->xp_tx_lock, NULL);
 	area = mmap(NULL, XDP_AREA_SIZE, PROT_READ | PROT_WRITE,
 	    MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
 	if (area == MAP_FAILED) {
@@ -848,10 +853,10 @@ tx_kick(xdp_handle_t *xh)
 static void
 free_frame(xdp_port_t *xp, uint64_t addr)
 {
-	(void)pthread_mutex_lock(&xp->xp_lock);
+	(void)pthread_mutex_lock(&xp->xp_tx_lock);
 	if (xp->xp_nfree < XDP_TX_FRAMES)
 		xp->xp_free[xp->xp_nfree++] = addr;
-	(void)pthread_mutex_unlock(&xp->xp_lock);
+	(void)pthread_mutex_unlock(&xp->xp_tx_lock);
 }
 
 /*
@@ -872,7 +877,7 @@ handle_drain(xdp_handle_t *xh)
 	}
 	if (tx_ring_busy(xh))
 		tx_kick(xh);
-	(void)pthread_mutex_lock(&xp->xp_lock);
+	(void)pthread_mutex_lock(&xp->xp_fill_lock);
 	n = xsk_ring_cons__peek(&xh->xh_rx, xh->xh_rx.size, &idx);
 	for (uint32_t i = 0; i < n; i++) {
 		uint64_t addr =
@@ -890,6 +895,8 @@ handle_drain(xdp_handle_t *xh)
 			    static_cast<uint64_t>(f) * XDP_FRAME_SIZE);
 		}
 	}
+	(void)pthread_mutex_unlock(&xp->xp_fill_lock);
+	(void)pthread_mutex_lock(&xp->xp_tx_lock);
 	if (xh->xh_kick_always) {
 		uint32_t cons =
 		    __atomic_load_n(xh->xh_tx.consumer, __ATOMIC_ACQUIRE);
@@ -901,7 +908,7 @@ handle_drain(xdp_handle_t *xh)
 		}
 	}
 	port_reclaim(xp);
-	(void)pthread_mutex_unlock(&xp->xp_lock);
+	(void)pthread_mutex_unlock(&xp->xp_tx_lock);
 }
 
 /* xdp_lock held.  Whether slot k of the port's queue is taken. */
@@ -1136,6 +1143,48 @@ queue_held(int ifindex, uint32_t queue)
 	return held;
 }
 
+static bool owner_gone(uint32_t pid);
+
+/*
+ * Whether a live process other than this one has filters on the queue:
+ * its socket holds the queue, which is then not about to come free.  What
+ * an open that cannot list AF_XDP sockets goes by, rather than waiting
+ * blindly while the application's socket is already receiving.
+ */
+static bool
+queue_owner_alive(int ifindex, uint32_t queue)
+{
+	LIBBPF_OPTS(bpf_xdp_query_opts, qo);
+	frio_steer_key key, next, *prev = NULL;
+	uint32_t self = static_cast<uint32_t>(getpid());
+	xdp_iface_t xi;
+	bool alive = false;
+
+	/* The maps of the steering program on the interface, if ours. */
+	if (bpf_xdp_query(ifindex, 0, &qo) != 0 || qo.prog_id == 0)
+		return false;
+	memset(&xi, 0, sizeof(xi));
+	xi.xi_xsks_fd = xi.xi_filters_fd = -1;
+	if ((xi.xi_prog_fd = bpf_prog_get_fd_by_id(qo.prog_id)) < 0)
+		return false;
+	if (!iface_adopt_maps(&xi, xi.xi_prog_fd)) {
+		iface_close_fds(&xi);
+		return false;
+	}
+	while (!alive &&
+	    bpf_map_get_next_key(xi.xi_filters_fd, prev, &next) == 0) {
+		frio_steer_val val;
+
+		key = next;
+		prev = &key;
+		alive = bpf_map_lookup_elem(xi.xi_filters_fd, &key, &val) == 0 &&
+		    val.fv_queue == queue && val.fv_pid != self &&
+		    !owner_gone(val.fv_pid);
+	}
+	iface_close_fds(&xi);
+	return alive;
+}
+
 /* The AF_XDP socket, bound to the port's queue and UMEM. */
 static frio_status_t
 open_socket(xdp_handle_t *xh, const char *ifname)
@@ -1159,6 +1208,8 @@ open_socket(xdp_handle_t *xh, const char *ifname)
 		if (err != EBUSY || tries == XDP_BUSY_RETRIES)
 			break;
 		held = queue_held(xp->xp_ifindex, xp->xp_queue);
+		if (held < 0 && queue_owner_alive(xp->xp_ifindex, xp->xp_queue))
+			held = 1;
 		if (held == 1 ||
 		    (held < 0 &&
 			(xdp_waited || tries == XDP_BUSY_RETRIES_BLIND)))
@@ -1415,12 +1466,12 @@ xdp_tx_alloc(struct frio_handle *hdl, void **bufp)
 
 	for (int attempt = 0; xh->xh_tx_frame == XDP_NO_FRAME; attempt++) {
 		if (xsk_prod_nb_free(&xh->xh_tx, 1) >= 1) {
-			(void)pthread_mutex_lock(&xp->xp_lock);
+			(void)pthread_mutex_lock(&xp->xp_tx_lock);
 			if (xp->xp_nfree == 0)
 				port_reclaim(xp);
 			if (xp->xp_nfree != 0)
 				xh->xh_tx_frame = xp->xp_free[--xp->xp_nfree];
-			(void)pthread_mutex_unlock(&xp->xp_lock);
+			(void)pthread_mutex_unlock(&xp->xp_tx_lock);
 			if (xh->xh_tx_frame != XDP_NO_FRAME)
 				break;
 		}
@@ -1530,9 +1581,9 @@ xdp_rx_put(struct frio_handle *hdl, void *frame)
 	}
 	*owner = 0;
 	xh->xh_lent--;
-	(void)pthread_mutex_lock(&xp->xp_lock);
+	(void)pthread_mutex_lock(&xp->xp_fill_lock);
 	ok = port_fill(xp, addr);
-	(void)pthread_mutex_unlock(&xp->xp_lock);
+	(void)pthread_mutex_unlock(&xp->xp_fill_lock);
 	if (!ok)
 		return FRIO_STATUS_FAILED;
 	rx_kick(xh);

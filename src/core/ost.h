@@ -91,9 +91,9 @@ typedef struct uost_s {
 	bool uost_kernel_set;
 	bool uost_nonblock;     /* read unlocked by waiting receivers */
 	hrtime_t uost_rcvtimeo; /* SO_RCVTIMEO in ns, 0: none */
-	bool uost_closing;      /* read unlocked, through a trylock */
-	bool uost_receiving;
-	bool uost_want_recv;
+	bool uost_closing;      /* written under uost_lock, read unlocked */
+	bool uost_receiving;    /* the receive slot; atomic */
+	bool uost_want_recv;    /* a thread sleeps for the slot; atomic */
 	bool uost_sd_closed;      /* close() ran while another teardown owned
 				   the record: leave the descriptor alone */
 	char *uost_recv_buf;      /* OST_RECV_BUF_SIZE bytes */
@@ -114,6 +114,8 @@ typedef struct uost_s {
 	pthread_mutex_t uost_lock;
 	uint32_t uost_if_index;
 	char uost_if_name[OST_IFNAME_SIZE];
+	/* Send counters: uost_lock's holder writes; receive counters: the
+	 * receive slot's.  Read through ost_stats_read. */
 	so_ost_stats_t uost_stats;
 	list_node_t uost_list;      /* bucket lock */
 	struct fd_tbl *uost_bucket; /* immutable */
@@ -178,6 +180,20 @@ void ost_release_locked(uost_t *up);
 void ost_del(uost_t *up, bool sd_open);
 /* Unlinks every record and tears each down (the process hand-off). */
 void ost_del_all(void);
+
+/*
+ * A statistics counter of one writer at a time, read by others without
+ * that writer's lock: untorn relaxed accesses, and no locked instruction
+ * on the datagram's path.
+ */
+static inline void
+ost_stat_add(uint64_t *counter, uint64_t n)
+{
+	__atomic_store_n(counter, __atomic_load_n(counter, __ATOMIC_RELAXED) + n,
+	    __ATOMIC_RELAXED);
+}
+/* A copy of the socket's counters, as SO_OSTREL_STATS gives them. */
+void ost_stats_read(const uost_t *up, so_ost_stats_t *out);
 
 /*
  * Attach and detach (core/attach.cc), uost_lock held.  Attach opens a

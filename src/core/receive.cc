@@ -7,8 +7,8 @@
  * sleeps in poll until the handle has a frame (at once with RCV_POLL).
  *
  * The receive slot gives one thread at a time the stash and the handle's
- * receive side; uost_lock guards only the slot flags and the reference
- * count, and is never held across the frame library, a copy or a wait.
+ * receive side without uost_lock (senders hold that through a transmit),
+ * and no lock is held across the frame library, a copy or a wait.
  * While it waits, a receive allocates nothing and calls nothing but the
  * clock and frio_rx_get.
  *
@@ -53,75 +53,85 @@ ost_recv_abandoned(void)
 	}
 }
 
-/* The reference ost_recvmsg holds goes back; uost_lock held. */
+/* The reference ost_recvmsg holds goes back. */
 static void
-ost_recv_release_locked(uost_t *up)
+ost_recv_release(uost_t *up)
 {
 	ost_recv_held.ref_up = NULL;
-	ost_release_locked(up);
+	ost_release(up);
+}
+
+/*
+ * The slot is a flag taken with one atomic exchange, so that a receive
+ * never waits for uost_lock, which a sender holds through its transmit.
+ * Only a thread that finds the slot taken sleeps, under uost_lock: it
+ * raises uost_want_recv before each try, and a giver looks at the flag
+ * after it let go (both sequentially consistent), so one of the two sees
+ * the other and no wake-up is lost.
+ */
+static bool
+ost_recv_slot_try(uost_t *up)
+{
+	bool free_ = false;
+
+	return __atomic_compare_exchange_n(&up->uost_receiving, &free_, true,
+	    false, __ATOMIC_SEQ_CST, __ATOMIC_RELAXED);
 }
 
 bool
 ost_recv_slot_take(uost_t *up, bool leave_if_closing)
 {
+	if (!(leave_if_closing && ost_seen_closing(up)) &&
+	    ost_recv_slot_try(up)) {
+		ost_recv_held.slot_up = up;
+		return true;
+	}
 	(void)pthread_mutex_lock(&up->uost_lock);
 	for (;;) {
 		if (leave_if_closing && up->uost_closing) {
 			(void)pthread_mutex_unlock(&up->uost_lock);
 			return false;
 		}
-		if (!up->uost_receiving)
+		__atomic_store_n(&up->uost_want_recv, true, __ATOMIC_SEQ_CST);
+		if (ost_recv_slot_try(up))
 			break;
-		up->uost_want_recv = true;
 		(void)pthread_cond_wait(&up->uost_recv_cv, &up->uost_lock);
 	}
-	up->uost_receiving = true;
-	up->uost_want_recv = false;
-	ost_recv_held.slot_up = up;
+	__atomic_store_n(&up->uost_want_recv, false, __ATOMIC_RELAXED);
 	(void)pthread_mutex_unlock(&up->uost_lock);
+	ost_recv_held.slot_up = up;
 	return true;
 }
 
 /*
  * The taker clears uost_want_recv, so with several waiters a single signal
  * could leave the others asleep with the flag down: wake them all, and
- * each one that loses the race raises the flag again before it waits.
+ * each one that loses the race raises the flag again before it tries.
+ * The drops the holder counted go to the statistics first, while the
+ * slot still makes it their only writer.
  */
-void
-ost_recv_slot_give_locked(uost_t *up)
-{
-	up->uost_stats.osts_idrops += up->uost_rx_dropped;
-	up->uost_rx_dropped = 0;
-	up->uost_receiving = false;
-	if (ost_recv_held.slot_up == up)
-		ost_recv_held.slot_up = NULL;
-	if (up->uost_want_recv)
-		(void)pthread_cond_broadcast(&up->uost_recv_cv);
-}
-
 void
 ost_recv_slot_give(uost_t *up)
 {
-	(void)pthread_mutex_lock(&up->uost_lock);
-	ost_recv_slot_give_locked(up);
-	(void)pthread_mutex_unlock(&up->uost_lock);
+	if (up->uost_rx_dropped != 0) {
+		ost_stat_add(&up->uost_stats.osts_idrops, up->uost_rx_dropped);
+		up->uost_rx_dropped = 0;
+	}
+	if (ost_recv_held.slot_up == up)
+		ost_recv_held.slot_up = NULL;
+	__atomic_store_n(&up->uost_receiving, false, __ATOMIC_SEQ_CST);
+	if (__atomic_load_n(&up->uost_want_recv, __ATOMIC_SEQ_CST)) {
+		(void)pthread_mutex_lock(&up->uost_lock);
+		(void)pthread_cond_broadcast(&up->uost_recv_cv);
+		(void)pthread_mutex_unlock(&up->uost_lock);
+	}
 }
 
-/*
- * uost_closing is written under uost_lock; a spinning receiver must not
- * wait for that lock (a sender holds it across its transmit spins), so it
- * looks only when the lock is free and looks again on its next turn.
- */
+/* Raised once, under uost_lock; a spinning receiver looks without it. */
 bool
 ost_seen_closing(uost_t *up)
 {
-	bool closing = false;
-
-	if (pthread_mutex_trylock(&up->uost_lock) == 0) {
-		closing = up->uost_closing;
-		(void)pthread_mutex_unlock(&up->uost_lock);
-	}
-	return closing;
+	return __atomic_load_n(&up->uost_closing, __ATOMIC_ACQUIRE);
 }
 
 /*
@@ -198,11 +208,9 @@ ost_recv_handle(uost_t *up, struct msghdr *msg, int flags, size_t *whole)
 static ssize_t
 ost_recv_fail(uost_t *up, bool holds_slot, int err)
 {
-	(void)pthread_mutex_lock(&up->uost_lock);
 	if (holds_slot)
-		ost_recv_slot_give_locked(up);
-	ost_recv_release_locked(up);
-	(void)pthread_mutex_unlock(&up->uost_lock);
+		ost_recv_slot_give(up);
+	ost_recv_release(up);
 	errno = err;
 	return -1;
 }
@@ -347,12 +355,13 @@ ost_recv_left(uost_t *up, bool holds_slot, struct msghdr *msg, int flags,
 	bool closed;
 	ssize_t n;
 
-	(void)pthread_mutex_lock(&up->uost_lock);
 	if (holds_slot)
-		ost_recv_slot_give_locked(up);
+		ost_recv_slot_give(up);
+	/* A teardown's path, not a datagram's: the lock is worth it. */
+	(void)pthread_mutex_lock(&up->uost_lock);
 	closed = up->uost_sd_closed;
-	ost_recv_release_locked(up);
 	(void)pthread_mutex_unlock(&up->uost_lock);
+	ost_recv_release(up);
 	if (closed) {
 		errno = EBADF;
 		return -1;
@@ -508,16 +517,14 @@ delivered:
 		if (flags & MSG_TRUNC)
 			n = (ssize_t)whole;
 	}
-	(void)pthread_mutex_lock(&up->uost_lock);
-	if (from_kernel)
-		up->uost_stats.osts_kernel_ipkts++;
-	else
-		up->uost_stats.osts_ipkts++;
+	/* The slot makes this thread the counters' only writer. */
+	ost_stat_add(from_kernel ? &up->uost_stats.osts_kernel_ipkts :
+				   &up->uost_stats.osts_ipkts,
+	    1);
 	if (paused)
-		up->uost_stats.osts_ipkts_spin++;
-	ost_recv_slot_give_locked(up);
-	ost_recv_release_locked(up);
-	(void)pthread_mutex_unlock(&up->uost_lock);
+		ost_stat_add(&up->uost_stats.osts_ipkts_spin, 1);
+	ost_recv_slot_give(up);
+	ost_recv_release(up);
 	errno = saved_errno;
 	return n;
 }

@@ -84,14 +84,12 @@ void ost_pkt_cmsgs(const uost_t *up, struct msghdr *msg, const void *frame,
  */
 bool ost_recv_slot_take(uost_t *up, bool leave_if_closing);
 void ost_recv_slot_give(uost_t *up);
-void ost_recv_slot_give_locked(uost_t *up);
 /* Gives back what a receive of this thread left by siglongjmp held. */
 void ost_recv_abandoned(void);
 /* The same for a poll of this thread's (core/readiness.cc). */
 void ost_wait_abandoned(void);
 
-/* Whether the socket is being torn down, as far as a look that never
- * waits for the record's lock can tell. */
+/* Whether the socket is being torn down; takes no lock. */
 bool ost_seen_closing(uost_t *up);
 
 /*

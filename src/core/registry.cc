@@ -210,6 +210,25 @@ ost_find_sd(int sd)
 	return up;
 }
 
+void
+ost_stats_read(const uost_t *up, so_ost_stats_t *out)
+{
+	const so_ost_stats_t *st = &up->uost_stats;
+
+	memset(out, 0, sizeof(*out));
+	out->osts_ipkts = __atomic_load_n(&st->osts_ipkts, __ATOMIC_RELAXED);
+	out->osts_ipkts_spin =
+	    __atomic_load_n(&st->osts_ipkts_spin, __ATOMIC_RELAXED);
+	out->osts_opkts = __atomic_load_n(&st->osts_opkts, __ATOMIC_RELAXED);
+	out->osts_opkts_spin =
+	    __atomic_load_n(&st->osts_opkts_spin, __ATOMIC_RELAXED);
+	out->osts_send_spin_max =
+	    __atomic_load_n(&st->osts_send_spin_max, __ATOMIC_RELAXED);
+	out->osts_kernel_ipkts =
+	    __atomic_load_n(&st->osts_kernel_ipkts, __ATOMIC_RELAXED);
+	out->osts_idrops = __atomic_load_n(&st->osts_idrops, __ATOMIC_RELAXED);
+}
+
 /* Another reference for a holder of one. */
 void
 ost_hold(uost_t *up)
@@ -279,7 +298,7 @@ ost_drain_locked(uost_t *up)
 {
 	uint32_t c;
 
-	up->uost_closing = true;
+	__atomic_store_n(&up->uost_closing, true, __ATOMIC_RELEASE);
 	/* Wake a receiver that waits for the receive slot: it must leave. */
 	(void)pthread_cond_broadcast(&up->uost_recv_cv);
 	c = __atomic_or_fetch(&up->uost_refcnt, OST_REF_DRAIN,

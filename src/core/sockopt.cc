@@ -476,9 +476,12 @@ ost_getsockopt(int sd, int level, int optname, void *optval, socklen_t *optlen)
 		(void)pthread_mutex_lock(&up->uost_lock);
 		/* An older caller's shorter record gets its first fields. */
 		if (*optlen >= SO_OSTREL_STATS_V1_SIZE && up->uost_frio_set) {
+			so_ost_stats_t st;
+
+			ost_stats_read(up, &st);
 			if (*optlen > sizeof(so_ost_stats_t))
 				*optlen = sizeof(so_ost_stats_t);
-			memcpy(optval, &up->uost_stats, *optlen);
+			memcpy(optval, &st, *optlen);
 			served = true;
 		}
 		ost_release_locked(up);

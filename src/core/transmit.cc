@@ -84,11 +84,12 @@ ost_transmit_locked(uost_t *up, const struct iovec *iov, int iovcnt,
 		while (gethrtime() < deadline)
 			;
 	}
-	up->uost_stats.osts_opkts++;
+	ost_stat_add(&up->uost_stats.osts_opkts, 1);
 	if (retries != 0) {
-		up->uost_stats.osts_opkts_spin++;
+		ost_stat_add(&up->uost_stats.osts_opkts_spin, 1);
 		if (retries > up->uost_stats.osts_send_spin_max)
-			up->uost_stats.osts_send_spin_max = retries;
+			__atomic_store_n(&up->uost_stats.osts_send_spin_max,
+			    retries, __ATOMIC_RELAXED);
 	}
 	return OST_TX_SENT;
 }

@@ -17,6 +17,17 @@
 #include "core/ost.h"
 #include "core/wait_policy.h"
 
+/* Until when this thread's spins yield every OST_YIELD_SHARED_NS. */
+static __thread hrtime_t ost_yield_shared_until
+    __attribute__((tls_model("initial-exec")));
+
+static hrtime_t
+ost_yield_every(hrtime_t now)
+{
+	return now < ost_yield_shared_until ? OST_YIELD_SHARED_NS :
+					      OST_YIELD_EVERY_NS;
+}
+
 hrtime_t
 ost_spin_budget(const uint32_t *learnt)
 {
@@ -74,7 +85,7 @@ ost_spin_start(ost_spinner_t *sp, hrtime_t ns, bool firm)
 	hrtime_t now = gethrtime();
 
 	sp->sp_end = ns < 0 || ns > INT64_MAX - now ? INT64_MAX : now + ns;
-	sp->sp_yield_due = now + OST_YIELD_EVERY_NS;
+	sp->sp_yield_due = now + ost_yield_every(now);
 	sp->sp_contended = false;
 	/* Spinning always means to the end, whoever else wants the CPU. */
 	sp->sp_firm = firm || spin_policy == OST_SPIN_ALWAYS;
@@ -96,12 +107,14 @@ ost_spin_pause(ost_spinner_t *sp)
 		/* Never fails on Linux, and leaves errno alone. */
 		(void)sched_yield();
 		after = gethrtime();
-		sp->sp_yield_due = after + OST_YIELD_EVERY_NS;
-		if (after - now > OST_YIELD_BUSY_NS && !sp->sp_firm) {
+		if (after - now > OST_YIELD_HOG_NS && !sp->sp_firm) {
 			sp->sp_end = 0;
 			sp->sp_contended = true;
 			return false;
 		}
+		if (after - now > OST_YIELD_BUSY_NS)
+			ost_yield_shared_until = after + OST_YIELD_SHARED_FOR_NS;
+		sp->sp_yield_due = after + ost_yield_every(after);
 		return true;
 	}
 	if (recv_sleep_set) {

@@ -9,9 +9,12 @@
  * shrinks when waits end long after it or empty.
  *
  * A spinner pauses the processor between looks and yields it every
- * OST_YIELD_EVERY_NS; a yield that took long says other threads want the
- * processor, and a spin that may give up then does; the next spins of the
- * same budget then end before a yield is due.
+ * OST_YIELD_EVERY_NS.  A yield that took a while ran another thread: the
+ * spinner then yields more often, so that threads which feed it (a sender
+ * of the same program, a peer on the same machine) wait for it briefly.
+ * A yield that took long ran a thread that wants the processor for itself,
+ * and a spin that may give up then does; the next spins of the same
+ * budget then end before a yield is due.
  */
 #ifndef OST_CORE_WAIT_POLICY_H
 #define OST_CORE_WAIT_POLICY_H
@@ -38,9 +41,17 @@ extern bool recv_sleep_set;
 #define OST_SPIN_CAP_NS    (1000 * 1000LL)
 #define OST_SPIN_FLOOR_NS  (4 * 1000LL)
 #define OST_YIELD_EVERY_NS (10 * 1000LL)
-/* A yield with nobody else runnable returns within a microsecond or two. */
+/* A yield with nobody else runnable returns within a microsecond or two;
+ * one that took longer ran another thread. */
 #define OST_YIELD_BUSY_NS (5 * 1000LL)
-
+/* Once another thread ran, this thread's spins yield this often for a
+ * while: a thread of the same program that sends what this one waits for
+ * (or a peer on the same machine) gets the processor soon. */
+#define OST_YIELD_SHARED_NS     (2 * 1000LL)
+#define OST_YIELD_SHARED_FOR_NS (10 * 1000 * 1000LL)
+/* A yield this long ran a thread that keeps the processor busy: spinning
+ * on only takes from it. */
+#define OST_YIELD_HOG_NS (50 * 1000LL)
 /* The spin a wait with the learnt budget gets under the policy. */
 hrtime_t ost_spin_budget(const uint32_t *learnt);
 

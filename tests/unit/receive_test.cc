@@ -7,6 +7,7 @@
 #include <atomic>
 #include <set>
 #include <thread>
+#include <vector>
 
 #include "recv_frames.h"
 
@@ -100,6 +101,34 @@ TEST_P(Recv, PollAndReceiveRace)
 		while (s.recv(MSG_DONTWAIT) == "stop") /* left over */
 			;
 	}
+}
+
+/* Receivers that find the receive slot taken sleep for it: none may miss
+ * its wake-up (it would wait for ever), and every datagram reaches exactly
+ * one of them. */
+TEST_P(Recv, ReceiversQueueForTheSlot)
+{
+	const int kThreads = 4, kDatagrams = 2000;
+	std::vector<std::set<int>> got(kThreads);
+	std::vector<std::thread> ts;
+
+	for (int t = 0; t < kThreads; t++)
+		ts.emplace_back([&, t] {
+			for (std::string m; (m = s.recv()) != "stop";)
+				got[t].insert(atoi(m.c_str()));
+		});
+	for (int i = 0; i < kDatagrams; i++)
+		s.inject(std::to_string(i));
+	for (int t = 0; t < kThreads; t++)
+		s.inject("stop");
+	for (auto &t : ts)
+		t.join();
+	std::set<int> all;
+	size_t n = 0;
+	for (auto &g : got)
+		n += g.size(), all.insert(g.begin(), g.end());
+	EXPECT_EQ(n, (size_t)kDatagrams);
+	EXPECT_EQ(all.size(), (size_t)kDatagrams);
 }
 
 /* The statistics option, in the current size and the first, shorter one. */
