@@ -1177,7 +1177,8 @@ queue_owner_alive(int ifindex, uint32_t queue)
 
 		key = next;
 		prev = &key;
-		alive = bpf_map_lookup_elem(xi.xi_filters_fd, &key, &val) == 0 &&
+		alive =
+		    bpf_map_lookup_elem(xi.xi_filters_fd, &key, &val) == 0 &&
 		    val.fv_queue == queue && val.fv_pid != self &&
 		    !owner_gone(val.fv_pid);
 	}

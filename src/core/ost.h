@@ -89,11 +89,11 @@ typedef struct uost_s {
 	bool uost_frio_set;
 	bool uost_connected;
 	bool uost_kernel_set;
-	bool uost_nonblock;     /* read unlocked by waiting receivers */
-	hrtime_t uost_rcvtimeo; /* SO_RCVTIMEO in ns, 0: none */
-	bool uost_closing;      /* written under uost_lock, read unlocked */
-	bool uost_receiving;    /* the receive slot; atomic */
-	bool uost_want_recv;    /* a thread sleeps for the slot; atomic */
+	bool uost_nonblock;       /* read unlocked by waiting receivers */
+	hrtime_t uost_rcvtimeo;   /* SO_RCVTIMEO in ns, 0: none */
+	bool uost_closing;        /* written under uost_lock, read unlocked */
+	bool uost_receiving;      /* the receive slot; atomic */
+	bool uost_want_recv;      /* a thread sleeps for the slot; atomic */
 	bool uost_sd_closed;      /* close() ran while another teardown owned
 				   the record: leave the descriptor alone */
 	char *uost_recv_buf;      /* OST_RECV_BUF_SIZE bytes */
@@ -189,8 +189,8 @@ void ost_del_all(void);
 static inline void
 ost_stat_add(uint64_t *counter, uint64_t n)
 {
-	__atomic_store_n(counter, __atomic_load_n(counter, __ATOMIC_RELAXED) + n,
-	    __ATOMIC_RELAXED);
+	__atomic_store_n(counter,
+	    __atomic_load_n(counter, __ATOMIC_RELAXED) + n, __ATOMIC_RELAXED);
 }
 /* A copy of the socket's counters, as SO_OSTREL_STATS gives them. */
 void ost_stats_read(const uost_t *up, so_ost_stats_t *out);

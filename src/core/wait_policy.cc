@@ -113,7 +113,8 @@ ost_spin_pause(ost_spinner_t *sp)
 			return false;
 		}
 		if (after - now > OST_YIELD_BUSY_NS)
-			ost_yield_shared_until = after + OST_YIELD_SHARED_FOR_NS;
+			ost_yield_shared_until =
+			    after + OST_YIELD_SHARED_FOR_NS;
 		sp->sp_yield_due = after + ost_yield_every(after);
 		return true;
 	}
