@@ -19,6 +19,7 @@
 #include "core/addr.h"
 #include "core/ost.h"
 #include "os/frio_loader.h"
+#include "os/kernel_count.h"
 
 static bool
 ost_open_handle_locked(uost_t *up)
@@ -141,6 +142,14 @@ ost_switch_kernel_locked(uost_t *up)
 	}
 	up->uost_kernel_set = true;
 	up->uost_kernel_naddrs = opt.ost_naddrs;
+	/* The packet backend's kernel socket has its own filter. */
+	if (up->uost_kcount_map == NULL && !up->uost_rx_copies &&
+	    !up->uost_connected) {
+		up->uost_kcount_map = ost_kernel_count_attach(up->uost_sd);
+		__atomic_store_n(&up->uost_kcount_seen, 0, __ATOMIC_RELAXED);
+		__atomic_store_n(&up->uost_kcount, up->uost_kcount_map,
+		    __ATOMIC_RELEASE);
+	}
 	return true;
 }
 
@@ -171,6 +180,12 @@ ost_detach_locked(uost_t *up, bool sd_open)
 
 	memset(&off, 0, sizeof(off));
 
+	if (up->uost_kcount_map != NULL) {
+		ost_kcount_drop(up);
+		ost_kernel_count_detach(up->uost_sd, up->uost_kcount_map,
+		    sd_open);
+		up->uost_kcount_map = NULL;
+	}
 	if (up->uost_kernel_set && !sd_open)
 		ost_kernel_bypass_forget(up->uost_sd);
 	else if (up->uost_kernel_set &&

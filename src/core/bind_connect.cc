@@ -159,8 +159,11 @@ ost_connect(uost_t *up, const struct sockaddr *addr, socklen_t len)
 	 */
 	(void)pthread_mutex_lock(&up->uost_lock);
 	r = ost_set_destination(up, addr, false);
-	if (r != OST_DST_NEVER)
+	if (r != OST_DST_NEVER) {
 		up->uost_connected = true;
+		/* Its kernel socket now reports the peer's ICMP errors. */
+		ost_kcount_drop(up);
+	}
 	(void)pthread_mutex_unlock(&up->uost_lock);
 	if (r == OST_DST_NEVER) {
 		ost_del(up, true);

@@ -43,7 +43,9 @@ typedef enum {
  * looks at the handle: each look is a system call.
  */
 #define OST_KERNEL_CHECK_NS (20 * 1000)
-#define OST_MAX_GROUPS      20 /* the kernel's default IP_MAX_MEMBERSHIPS */
+/* With an arrival count, the timer only catches what is not a datagram. */
+#define OST_KERNEL_CHECK_COUNTED_NS (1000 * 1000)
+#define OST_MAX_GROUPS              20 /* the kernel's default IP_MAX_MEMBERSHIPS */
 
 /* uost_rx_cmsgs: the receive time's cmsg type, and the address bit. */
 #define OST_RX_STAMP_MASK 0xffU
@@ -78,7 +80,14 @@ typedef struct uost_s {
 	bool uost_laddr_filtered;      /* the own-address filter is installed */
 	bool uost_rx_copies; /* the kernel also sees the handle's frames */
 	uint32_t uost_kernel_naddrs; /* addresses the kernel switch covers */
-	uint32_t uost_mtu;           /* of the handle's interface */
+	/* Datagrams the kernel socket accepted (os/kernel_count.h); waits
+	 * ask the socket when it moves.  Read without locks; null when there
+	 * is none, or once the kernel socket may have more to say than
+	 * datagrams (connected, shut down, IP_RECVERR).  uost_kcount_map
+	 * keeps the mapping for the teardown. */
+	const uint64_t *uost_kcount;
+	const uint64_t *uost_kcount_map;
+	uint32_t uost_mtu; /* of the handle's interface */
 	bool uost_is_v6;
 	bool uost_bound;
 	bool uost_mc_bind;    /* group datagrams leave by the handle */
@@ -103,6 +112,9 @@ typedef struct uost_s {
 	bool uost_recv_buf_stamped;
 	/* Owned by the holder of the receive slot: */
 	hrtime_t uost_kernel_due; /* next look at the kernel socket */
+	/* The count when the kernel socket was last found empty; relaxed
+	 * atomics (poll passes note it too, outside the slot). */
+	uint64_t uost_kcount_seen;
 	bool uost_kernel_peeked;  /* a peek came from the kernel socket */
 	uint32_t uost_rx_dropped; /* frames dropped, for the statistics */
 	/* Bumped by every look that finds neither stash nor ring holding a
@@ -192,6 +204,28 @@ ost_stat_add(uint64_t *counter, uint64_t n)
 	__atomic_store_n(counter,
 	    __atomic_load_n(counter, __ATOMIC_RELAXED) + n, __ATOMIC_RELAXED);
 }
+/*
+ * The kernel socket's arrival count, or null; *now gets its value.  Its
+ * users ask the kernel socket when the value differs from
+ * uost_kcount_seen, and store the value they read before asking once the
+ * answer was "empty".
+ */
+static inline const uint64_t *
+ost_kcount(uost_t *up, uint64_t *now)
+{
+	const uint64_t *c = __atomic_load_n(&up->uost_kcount, __ATOMIC_ACQUIRE);
+
+	*now = c != NULL ? __atomic_load_n(c, __ATOMIC_RELAXED) : 0;
+	return c;
+}
+/* The kernel socket may now report more than datagrams: ask on a timer. */
+static inline void
+ost_kcount_drop(uost_t *up)
+{
+	__atomic_store_n(&up->uost_kcount, (const uint64_t *)NULL,
+	    __ATOMIC_RELEASE);
+}
+
 /* A copy of the socket's counters, as SO_OSTREL_STATS gives them. */
 void ost_stats_read(const uost_t *up, so_ost_stats_t *out);
 

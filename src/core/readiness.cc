@@ -117,6 +117,53 @@ ost_rx_ready(uost_t *up, bool validate, bool *fetched)
 	return ready;
 }
 
+/*
+ * Whether the kernel sockets of the table have news: a count that moved
+ * since the socket was last found empty, or no count at all.  counted:
+ * every one has a count.  The counts read stay in the table.
+ */
+static bool
+ost_kernel_news(fd_uost_t *tbl, nfds_t n, bool *counted)
+{
+	bool news = false;
+
+	*counted = true;
+	for (nfds_t i = 0; i < n; i++) {
+		tbl[i].kc = ost_kcount(tbl[i].up, &tbl[i].kc_now) != NULL;
+		if (!tbl[i].kc)
+			*counted = false;
+		if (!tbl[i].kc ||
+		    tbl[i].kc_now !=
+			__atomic_load_n(&tbl[i].up->uost_kcount_seen,
+			    __ATOMIC_RELAXED))
+			news = true;
+	}
+	return news;
+}
+
+/*
+ * The kernel's answer for the table noted: a counted socket it found
+ * without a datagram was empty at the count read before asking.  When
+ * to ask again: soon after news that proved empty (the filter counts a
+ * datagram just before it is queued), else on the timer.
+ */
+static hrtime_t
+ost_kernel_noted(fd_uost_t *tbl, const struct pollfd *kfds, nfds_t n,
+    bool counted)
+{
+	hrtime_t next =
+	    counted ? OST_KERNEL_CHECK_COUNTED_NS : OST_KERNEL_CHECK_NS;
+
+	for (nfds_t i = 0; i < n; i++) {
+		if (!tbl[i].kc || (kfds[i].revents & OST_POLL_READ))
+			continue;
+		if (__atomic_exchange_n(&tbl[i].up->uost_kcount_seen,
+			tbl[i].kc_now, __ATOMIC_RELAXED) != tbl[i].kc_now)
+			next = OST_KERNEL_CHECK_NS;
+	}
+	return gethrtime() + next;
+}
+
 static hrtime_t
 ost_deadline_after(hrtime_t ns)
 {
@@ -437,16 +484,29 @@ restart:
 	}
 	ost_hold_tbl(tbl, nfds, NULL);
 	for (;;) {
-		bool kernel = gethrtime() >= kernel_due;
+		bool counted, news = ost_kernel_news(tbl, nfds, &counted);
+		hrtime_t now = gethrtime();
+		bool kernel;
 		ost_wait_t what;
 
-		/* The kernel sockets, on the first pass and then every
-		 * OST_KERNEL_CHECK_NS: one system call for the whole set. */
+		/*
+		 * The kernel sockets, one system call for the whole set: on
+		 * the first pass and then every OST_KERNEL_CHECK_NS; when
+		 * every one has an arrival count, only when a count moved,
+		 * and on a slower timer.
+		 */
+		if (kernel_due == 0 && counted)
+			kernel_due = now + OST_KERNEL_CHECK_COUNTED_NS;
+		kernel = now >= kernel_due || (counted && news);
 		if (kernel) {
 			memcpy(kfds, fds, nfds * sizeof(*kfds));
-			if (ost_kpoll(kfds, nfds, 0, sigs) < 0)
+			if (ost_kpoll(kfds, nfds, 0, sigs) < 0) {
 				kernel = false;
-			kernel_due = gethrtime() + OST_KERNEL_CHECK_NS;
+				kernel_due = gethrtime() + OST_KERNEL_CHECK_NS;
+			} else {
+				kernel_due =
+				    ost_kernel_noted(tbl, kfds, nfds, counted);
+			}
 		}
 		for (nfds_t i = 0; i < nfds; i++) {
 			struct pollfd *pfd = &fds[tbl[i].idx];

@@ -221,32 +221,52 @@ ost_recv_fail(uost_t *up, bool holds_slot, int err)
  * kernel's error (a refused peer, a shut-down socket).
  */
 static ssize_t
-ost_recv_kernel(uost_t *up, struct msghdr *msg, int flags)
+ost_recv_kernel(uost_t *up, struct msghdr *msg, int flags,
+    const uint64_t *kcount, uint64_t kcount_now)
 {
 	ssize_t n;
 
-	up->uost_kernel_due = gethrtime() + OST_KERNEL_CHECK_NS;
+	up->uost_kernel_due = gethrtime() +
+	    (kcount != NULL ? OST_KERNEL_CHECK_COUNTED_NS :
+			      OST_KERNEL_CHECK_NS);
 	n = real_recvmsg(up->uost_sd, msg, flags | MSG_DONTWAIT);
 	if (n >= 0) {
 		up->uost_kernel_peeked = (flags & MSG_PEEK) != 0;
 		return n;
 	}
-	return errno == EAGAIN || errno == EWOULDBLOCK ? -2 : -1;
+	if (errno != EAGAIN && errno != EWOULDBLOCK)
+		return -1;
+	/* The filter counts a datagram just before the kernel queues it:
+	 * news found empty is asked again soon. */
+	if (kcount != NULL &&
+	    __atomic_exchange_n(&up->uost_kcount_seen, kcount_now,
+		__ATOMIC_RELAXED) != kcount_now)
+		up->uost_kernel_due = gethrtime() + OST_KERNEL_CHECK_NS;
+	return -2;
 }
 
 /*
  * One look at both sources, with the receive slot.  The stash comes first
  * (a readiness test or a peek promised it), then the handle; the kernel
- * socket on every first look of a call that finds the handle empty, and
- * first whenever it is due, so that a busy handle cannot starve it.  -2:
- * neither has a datagram.  The kernel fills msg itself; the ring fills
- * rmsg, whose sender goes to a whole address of the library's own.
+ * socket whenever it is due, first, so that a busy handle cannot starve
+ * it.  It is due when its arrival count moved since it was last found
+ * empty, and on a timer (for what is not a datagram, or without a count);
+ * without a count also on every first look of a call that finds the
+ * handle empty.  -2: neither has a datagram.  The kernel fills msg itself;
+ * the ring fills rmsg, whose sender goes to a whole address of the
+ * library's own.
  */
 static ssize_t
 ost_recv_look(uost_t *up, struct msghdr *msg, struct msghdr *rmsg, int flags,
     bool first, size_t *whole, bool *from_kernel)
 {
-	bool due = up->uost_kernel_peeked || gethrtime() >= up->uost_kernel_due;
+	uint64_t kc_now;
+	const uint64_t *kc = ost_kcount(up, &kc_now);
+	bool due = up->uost_kernel_peeked ||
+	    (kc != NULL &&
+		kc_now !=
+		    __atomic_load_n(&up->uost_kcount_seen, __ATOMIC_RELAXED)) ||
+	    gethrtime() >= up->uost_kernel_due;
 	ssize_t n;
 
 	*from_kernel = false;
@@ -255,13 +275,14 @@ ost_recv_look(uost_t *up, struct msghdr *msg, struct msghdr *rmsg, int flags,
 	if (up->uost_recv_buf_len != 0 &&
 	    (n = ost_recv_stash(up, rmsg, flags, whole)) >= 0)
 		return n;
-	if (due && (n = ost_recv_kernel(up, msg, flags)) != -2) {
+	if (due && (n = ost_recv_kernel(up, msg, flags, kc, kc_now)) != -2) {
 		*from_kernel = true;
 		return n;
 	}
 	if ((n = ost_recv_handle(up, rmsg, flags, whole)) != -2)
 		return n;
-	if (first && !due && (n = ost_recv_kernel(up, msg, flags)) != -2) {
+	if (first && !due && kc == NULL &&
+	    (n = ost_recv_kernel(up, msg, flags, kc, kc_now)) != -2) {
 		*from_kernel = true;
 		return n;
 	}

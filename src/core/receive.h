@@ -130,6 +130,8 @@ int ost_recvmmsg_call(int fd, struct mmsghdr *vec, unsigned int vlen, int flags,
 typedef struct fd_uost {
 	nfds_t idx; /* in the caller's pollfd array */
 	uost_t *up;
+	uint64_t kc_now; /* the kernel socket's arrival count, as last read */
+	bool kc;         /* it has one */
 } fd_uost_t;
 
 /* Readiness.  timeout: milliseconds for poll, nanoseconds for busy_poll,

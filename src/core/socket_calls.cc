@@ -123,10 +123,14 @@ ost_shutdown_call(int fd, int how)
 	uost_t *up;
 
 	/* An unconnected socket is shut all the same, with ENOTCONN. */
-	if ((r != 0 && errno != ENOTCONN) ||
-	    (how != SHUT_WR && how != SHUT_RDWR) ||
-	    (up = ost_find_sd(fd)) == NULL)
+	if ((r != 0 && errno != ENOTCONN) || (up = ost_find_sd(fd)) == NULL)
 		return r;
+	/* The kernel socket now answers with more than datagrams. */
+	ost_kcount_drop(up);
+	if (how != SHUT_WR && how != SHUT_RDWR) {
+		ost_release(up);
+		return r;
+	}
 	(void)pthread_mutex_lock(&up->uost_lock);
 	up->uost_shut_wr = true;
 	ost_release_locked(up);

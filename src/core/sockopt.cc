@@ -133,8 +133,6 @@ ost_socket_opt_leaves(int level, int optname)
 	case SO_BINDTOIFINDEX:
 	case SO_MARK:
 	case SO_TXTIME:
-	case SO_ATTACH_FILTER:
-	case SO_ATTACH_BPF:
 		return true;
 	default:
 		return false;
@@ -425,6 +423,19 @@ ost_v4_opt_on_v6(int optname)
 	}
 }
 
+/*
+ * The kernel socket's filter options: the socket leaves the bypass before
+ * the kernel sees the call, so that the counting filter of ours is gone
+ * and the application's call finds the socket as a kernel would.
+ */
+static bool
+ost_filter_opt(int level, int optname)
+{
+	return level == SOL_SOCKET &&
+	    (optname == SO_ATTACH_FILTER || optname == SO_ATTACH_BPF ||
+		optname == SO_DETACH_FILTER || optname == SO_LOCK_FILTER);
+}
+
 int
 ost_setsockopt(int sd, int level, int optname, const void *optval,
     socklen_t optlen)
@@ -432,6 +443,12 @@ ost_setsockopt(int sd, int level, int optname, const void *optval,
 	uost_t *up;
 	int ret;
 
+	if (ost_filter_opt(level, optname) && (up = ost_find_sd(sd)) != NULL) {
+		ost_debug("%d leaves the bypass: level %d option %d\n", sd,
+		    level, optname);
+		ost_del(up, true);
+		return real_setsockopt(sd, level, optname, optval, optlen);
+	}
 	ret = real_setsockopt(sd, level, optname, optval, optlen);
 	if (ret != 0 || (up = ost_find_sd(sd)) == NULL)
 		return ret;

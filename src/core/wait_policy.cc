@@ -86,6 +86,7 @@ ost_spin_start(ost_spinner_t *sp, hrtime_t ns, bool firm)
 
 	sp->sp_end = ns < 0 || ns > INT64_MAX - now ? INT64_MAX : now + ns;
 	sp->sp_yield_due = now + ost_yield_every(now);
+	sp->sp_last = now;
 	sp->sp_contended = false;
 	/* Spinning always means to the end, whoever else wants the CPU. */
 	sp->sp_firm = firm || spin_policy == OST_SPIN_ALWAYS;
@@ -97,10 +98,22 @@ ost_spin_start(ost_spinner_t *sp, hrtime_t ns, bool firm)
 bool
 ost_spin_pause(ost_spinner_t *sp)
 {
-	hrtime_t now = gethrtime();
+	hrtime_t now = gethrtime(), gap = now - sp->sp_last;
 
 	if (now >= sp->sp_end)
 		return false;
+	/*
+	 * The scheduler took the processor away between two looks: another
+	 * thread wanted it badly enough, and no yield would have shown that
+	 * (a thread the scheduler does not deem due yet lets a yield return
+	 * at once).  Spinning on delays it further.
+	 */
+	if (gap > OST_PREEMPTED_NS && !sp->sp_firm) {
+		sp->sp_end = 0;
+		sp->sp_contended = true;
+		return false;
+	}
+	sp->sp_last = now;
 	if (now >= sp->sp_yield_due) {
 		hrtime_t after;
 
@@ -116,6 +129,7 @@ ost_spin_pause(ost_spinner_t *sp)
 			ost_yield_shared_until =
 			    after + OST_YIELD_SHARED_FOR_NS;
 		sp->sp_yield_due = after + ost_yield_every(after);
+		sp->sp_last = after;
 		return true;
 	}
 	if (recv_sleep_set) {
@@ -123,6 +137,7 @@ ost_spin_pause(ost_spinner_t *sp)
 
 		ost_sleep(
 		    left < (hrtime_t)recv_sleep_time ? left : recv_sleep_time);
+		sp->sp_last = gethrtime();
 		return true;
 	}
 	for (int i = 0; i < OST_RELAX_COUNT; i++)

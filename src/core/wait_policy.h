@@ -52,6 +52,9 @@ extern bool recv_sleep_set;
 /* A yield this long ran a thread that keeps the processor busy: spinning
  * on only takes from it. */
 #define OST_YIELD_HOG_NS (50 * 1000LL)
+/* Two looks this far apart (a look itself takes microseconds): the thread
+ * was preempted, for another that wanted the processor. */
+#define OST_PREEMPTED_NS (250 * 1000LL)
 /* The spin a wait with the learnt budget gets under the policy. */
 hrtime_t ost_spin_budget(const uint32_t *learnt);
 
@@ -61,6 +64,7 @@ uint32_t ost_spin_next(uint32_t budget, hrtime_t waited, bool got);
 typedef struct ost_spinner {
 	hrtime_t sp_end; /* the spin's end, or 0 once it gave up */
 	hrtime_t sp_yield_due;
+	hrtime_t sp_last;  /* the last look, or the spin's start */
 	bool sp_contended; /* gave up: other threads wanted the processor */
 	bool sp_firm; /* an explicit busy phase, or always: runs out its time */
 } ost_spinner_t;

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/wait_policy.h"
 #include "recv_frames.h"
 
 namespace
@@ -129,6 +130,51 @@ TEST_P(Recv, ReceiversQueueForTheSlot)
 		n += g.size(), all.insert(g.begin(), g.end());
 	EXPECT_EQ(n, (size_t)kDatagrams);
 	EXPECT_EQ(all.size(), (size_t)kDatagrams);
+}
+
+/* A datagram the kernel socket gets (loopback) reaches a receive that
+ * spins on the ring and poll, through the arrival count; the filter
+ * options take the socket off the bypass first, so the kernel answers
+ * them as for any socket. */
+TEST_P(Recv, KernelSocketCountAndFilterOptions)
+{
+	const uint64_t *count = s.up->uost_kcount;
+	ASSERT_NE(count, nullptr);
+	uint64_t count0 = *count;
+	int tx = socket(GetParam(), SOCK_DGRAM, 0), zero = 0;
+	ASSERT_GE(tx, 0);
+	spin_policy = OST_SPIN_ALWAYS;
+	std::string got;
+	std::thread r([&] { got = s.recv(); });
+	usleep(2000); /* the receive spins meanwhile */
+	ASSERT_EQ(sendto(tx, "k1", 2, 0, (struct sockaddr *)&s.local,
+		      s.addr_len()),
+	    2);
+	r.join();
+	spin_policy = OST_SPIN_ADAPTIVE;
+	EXPECT_EQ(got, "k1");
+	ASSERT_EQ(sendto(tx, "k2", 2, 0, (struct sockaddr *)&s.local,
+		      s.addr_len()),
+	    2);
+	EXPECT_EQ(poll1(s.fd), 1);
+	EXPECT_EQ(s.recv(), "k2");
+	EXPECT_EQ(*count - count0, 2u);
+	close(tx);
+
+	int plain = socket(GetParam(), SOCK_DGRAM, 0);
+	errno = 0;
+	int want = setsockopt(plain, SOL_SOCKET, SO_DETACH_FILTER, &zero,
+	    sizeof(zero));
+	int want_errno = errno;
+	close(plain);
+	int before = registry_size();
+	errno = 0;
+	EXPECT_EQ(ost_setsockopt(s.fd, SOL_SOCKET, SO_DETACH_FILTER, &zero,
+		      sizeof(zero)),
+	    want);
+	EXPECT_EQ(errno, want_errno);
+	EXPECT_EQ(registry_size(), before - 1);
+	s.up = nullptr; /* off the bypass: TearDown has no record to check */
 }
 
 /* The statistics option, in the current size and the first, shorter one. */
