@@ -146,7 +146,10 @@ ost_switch_kernel_locked(uost_t *up)
 	if (up->uost_kcount_map == NULL && !up->uost_rx_copies &&
 	    !up->uost_connected) {
 		up->uost_kcount_map = ost_kernel_count_attach(up->uost_sd);
-		__atomic_store_n(&up->uost_kcount_seen, 0, __ATOMIC_RELAXED);
+		/* What came before the filter was not counted: the first
+		 * look asks. */
+		__atomic_store_n(&up->uost_kcount_seen, UINT64_MAX,
+		    __ATOMIC_RELAXED);
 		__atomic_store_n(&up->uost_kcount, up->uost_kcount_map,
 		    __ATOMIC_RELEASE);
 	}

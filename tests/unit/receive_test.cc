@@ -177,6 +177,33 @@ TEST_P(Recv, KernelSocketCountAndFilterOptions)
 	s.up = nullptr; /* off the bypass: TearDown has no record to check */
 }
 
+/* A datagram the kernel socket queued before its count began is still
+ * reported by the first busy pass of a poll. */
+TEST_P(Recv, KernelDatagramQueuedBeforeTheCount)
+{
+	int fam = GetParam(), fd = ost_socket(fam, SOCK_DGRAM, 0);
+	int tx = socket(fam, SOCK_DGRAM, 0);
+	struct sockaddr_storage local;
+	struct in6_addr laddr;
+
+	ASSERT_EQ(bind_loopback(fd, fam, &local), 0);
+	ASSERT_EQ(sendto(tx, "q", 1, 0, (struct sockaddr *)&local,
+		      fam == AF_INET6 ? sizeof(struct sockaddr_in6) :
+					sizeof(struct sockaddr_in)),
+	    1);
+	inet_pton(AF_INET6, fam == AF_INET ? "::ffff:127.0.0.1" : "::1",
+	    &laddr);
+	uost_t *up = record(fd);
+	ASSERT_TRUE(attach_to_mem(up, "mem0", &laddr,
+	    ((struct sockaddr_in *)&local)->sin_port, 0));
+	ASSERT_NE(up->uost_kcount, nullptr);
+	struct pollfd p = { fd, POLLIN, 0 };
+	poll_usec = -1; /* one busy pass, not the kernel's poll */
+	EXPECT_EQ(ost_poll(&p, 1, 0), 1);
+	ost_close(fd);
+	close(tx);
+}
+
 /* The statistics option, in the current size and the first, shorter one. */
 TEST_P(Recv, StatisticsInEitherSize)
 {
